@@ -1,0 +1,117 @@
+// The host's account directory: users, groups, shares and volumes of the
+// appliance, and the web login's passwords. It lives in one SQLite file,
+// /usr/kstx/etc/accounts.db (the path can be overridden for tools and tests).
+//
+// Every call opens the directory for its own duration unless the caller holds
+// a HostAccounts object, which keeps one connection. All functions return 0 or
+// more on success and a negative HostAccounts::Error on failure; out
+// parameters are left untouched on failure.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace hostaccounts {
+
+constexpr uint32_t kAnonymousUid = 4294967295u;
+constexpr const char* kAdministratorsGroup = "administrators";
+constexpr const char* kDefaultPath = "/usr/kstx/etc/accounts.db";
+
+enum Error : int {
+  kErrNotFound = -2,  // no such user, group, share or volume
+  kErrExists = -3,    // the name is taken
+  kErrInvalid = -4,   // a bad name, path or value
+  kErrStorage = -5,   // the directory could not be read or written
+};
+
+struct User {
+  uint32_t uid = 0;
+  std::string name;
+  uint32_t gid = 100;  // primary group ("users")
+  std::string home;    // "/volume1/homes/<name>"
+  bool disabled = false;
+  int64_t expire_day = 0;  // days since the epoch after which the account is expired; 0 never
+  // Application privilege of the sync service: false denies the login.
+  bool app_allowed = true;
+};
+
+struct Group {
+  uint32_t gid = 0;
+  std::string name;
+  std::vector<std::string> members;
+};
+
+enum class SharePermission { kNone = 0, kReadOnly = 1, kReadWrite = 2 };
+
+struct Share {
+  std::string name;       // as the administrator typed it
+  std::string volume;     // "/volume1"
+  std::string path;       // "/volume1/<name>"
+  bool encrypted = false;
+  bool mounted = true;    // an encrypted share is mounted while it is unlocked
+  bool active = true;
+};
+
+struct Volume {
+  int id = 0;              // 1 for /volume1
+  std::string path;        // "/volume1"
+  std::string description;
+  int type = 1;            // 1 ordinary data volume
+  bool writable = true;
+};
+
+class HostAccounts {
+ public:
+  // Opens (and creates, with its schema) the directory at `path`.
+  static std::unique_ptr<HostAccounts> Open(const std::string& path = kDefaultPath);
+  virtual ~HostAccounts() = default;
+
+  // Users. A new user gets the next free uid from 1026 up unless `uid` is set.
+  virtual int AddUser(const std::string& name, const std::string& password, uint32_t uid = 0) = 0;
+  virtual int DeleteUser(const std::string& name) = 0;
+  // Stores an argon2id hash of the password.
+  virtual int SetPassword(const std::string& name, const std::string& password) = 0;
+  // 0 when the password is right; kErrNotFound for an unknown user and
+  // kErrInvalid for a wrong password.
+  virtual int VerifyPassword(const std::string& name, const std::string& password) = 0;
+  virtual int SetDisabled(const std::string& name, bool disabled) = 0;
+  virtual int SetExpireDay(const std::string& name, int64_t expire_day) = 0;
+  virtual int SetAppPrivilege(const std::string& name, bool allowed) = 0;
+  virtual int GetUser(const std::string& name, User& out) = 0;
+  virtual int GetUserByUid(uint32_t uid, User& out) = 0;
+  virtual int ListUsers(std::vector<User>& out) = 0;
+  // True when the user is a member of "administrators".
+  virtual bool IsAdmin(const std::string& name) = 0;
+
+  // Groups.
+  virtual int AddGroup(const std::string& name, uint32_t gid = 0) = 0;
+  virtual int AddGroupMember(const std::string& group, const std::string& user) = 0;
+  virtual int RemoveGroupMember(const std::string& group, const std::string& user) = 0;
+  virtual int GetGroup(const std::string& name, Group& out) = 0;
+  virtual int ListGroupsOfUser(const std::string& user, std::vector<Group>& out) = 0;
+
+  // Shares. A share lives on a volume at "<volume>/<name>"; AddShare creates
+  // the folder.
+  virtual int AddShare(const Share& share) = 0;
+  virtual int DeleteShare(const std::string& name) = 0;
+  virtual int GetShare(const std::string& name, Share& out) = 0;  // name case-insensitive
+  virtual int ListShares(std::vector<Share>& out) = 0;
+  virtual int SetShareMounted(const std::string& name, bool mounted) = 0;
+  virtual int SetSharePermission(const std::string& share, const std::string& user,
+                                 SharePermission permission) = 0;
+  // The user's own permission, or kNone when none is set.
+  virtual int GetSharePermission(const std::string& share, const std::string& user,
+                                 SharePermission& out) = 0;
+
+  // Volumes.
+  virtual int AddVolume(const Volume& volume) = 0;
+  virtual int ListVolumes(std::vector<Volume>& out) = 0;
+  virtual int GetVolume(const std::string& path, Volume& out) = 0;
+};
+
+}  // namespace hostaccounts
+
+// Whether the account has expired: 1 expired, 0 not, negative on failure.
+int KSTXUserCheckExpired(const char* user);

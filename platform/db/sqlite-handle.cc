@@ -1,0 +1,22 @@
+#include "sqlite-handle.h"
+
+#include <SQLiteCpp/Exception.h>
+
+#include "logger.h"
+
+namespace db::internal {
+
+std::unique_ptr<SQLite::Database> OpenDatabase(const std::string& path) {
+  try {
+    auto database = std::make_unique<SQLite::Database>(
+        path, SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE | SQLite::OPEN_FULLMUTEX);
+    database->setBusyTimeout(5000);
+    database->exec("PRAGMA journal_mode=WAL");
+    return database;
+  } catch (const SQLite::Exception& e) {
+    LOG_ERROR("cannot open database '%s': %s\n", path.c_str(), e.what());
+    return nullptr;
+  }
+}
+
+}  // namespace db::internal

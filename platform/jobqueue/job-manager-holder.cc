@@ -1,0 +1,50 @@
+#include <SQLiteCpp/Database.h>
+#include <SQLiteCpp/Exception.h>
+
+#include <memory>
+
+#include "job-queue.h"
+#include "logger.h"
+#include "sync-service.h"
+
+namespace tidepool::db::job {
+
+struct JobManagerHolder::Impl {
+  std::unique_ptr<SQLite::Database> database;
+};
+
+JobManagerHolder& JobManagerHolder::Instance() {
+  static JobManagerHolder holder;
+  return holder;
+}
+
+int JobManagerHolder::Initialize() {
+  if (impl_ != nullptr) return 0;
+  SyncConfigMgr config;
+  if (SyncGetConf(config) < 0) return -1;
+  try {
+    auto database = std::make_unique<SQLite::Database>(
+        config.GetSystemRepoLocation() + "/job-queue.sqlite",
+        SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE);
+    database->setBusyTimeout(5000);
+    database->exec("PRAGMA journal_mode=WAL");
+    database->exec(
+        "CREATE TABLE IF NOT EXISTS jobs (id INTEGER PRIMARY KEY, name TEXT NOT NULL, "
+        "payload TEXT NOT NULL, not_before INTEGER NOT NULL DEFAULT 0, "
+        "state INTEGER NOT NULL DEFAULT 0)");
+    impl_ = new Impl{std::move(database)};
+    return 0;
+  } catch (const SQLite::Exception& e) {
+    LOG_ERROR("cannot open the job queue: %s\n", e.what());
+    return -1;
+  }
+}
+
+void JobManagerHolder::Destroy() {
+  delete impl_;
+  impl_ = nullptr;
+}
+
+bool JobManagerHolder::IsInitialized() const { return impl_ != nullptr; }
+
+}  // namespace tidepool::db::job

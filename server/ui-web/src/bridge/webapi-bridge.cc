@@ -1,0 +1,137 @@
+#include "webapi-bridge.h"
+
+#include <json/writer.h>
+#include <kstx/webapi.h>
+
+#include <cstdio>
+#include <filesystem>
+
+#include "job-queue.h"
+#include "logger.h"
+#include "request-handler.h"
+#include "run-as.h"
+#include "webapi-request.h"
+
+WebAPIBridge::WebAPIBridge(KSTX::APIRequest* request, KSTX::APIResponse* response)
+    : api_request(request),
+      api_response(response),
+      authentication_service(std::make_unique<WebAPIAuthenticationService>(request, response)) {}
+
+WebAPIBridge::~WebAPIBridge() {
+  // Temporary files go after the answer has been written.
+  HandleAutoRemove();
+  DestroyJobDB();
+}
+
+void WebAPIBridge::AddHandler(RequestHandler* handler) {
+  handler->SetAuthenticationService(authentication_service.get());
+  handlers[handler->GetAPI()][handler->GetVersionMax()].reset(handler);
+}
+
+RequestHandler* WebAPIBridge::FindHandler() const {
+  return FindHandler(api_request->GetAPIClass(), api_request->GetAPIMethod(),
+                     api_request->GetAPIVersion());
+}
+
+RequestHandler* WebAPIBridge::FindHandler(const std::string& api_class, const std::string& method,
+                                          unsigned version) const {
+  const std::string key = api_class + "." + method;
+  auto found = handlers.find(key);
+  if (found == handlers.end()) {
+    LOG_ERROR("no such api : %s.\n", key.c_str());
+    return nullptr;
+  }
+  // A zero in either bound serves every version.
+  for (const auto& [version_max, handler] : found->second) {
+    const unsigned version_min = handler->GetVersionMin();
+    if (version_max == 0 || version_min == 0 || (version_min <= version && version <= version_max)) {
+      return handler.get();
+    }
+  }
+  LOG_ERROR("no matched version(%u) for api(%s).\n", version, key.c_str());
+  return nullptr;
+}
+
+bool WebAPIBridge::HasHandler(const std::string& api_class, const std::string& method,
+                              int version) const {
+  return FindHandler(api_class, method, static_cast<unsigned>(version)) != nullptr;
+}
+
+int WebAPIBridge::Process() {
+  int result = -1;
+  {
+    WebAPIRequest request(api_request);
+    BridgeResponse response;
+    RequestHandler* handler = FindHandler();
+    if (handler == nullptr) {
+      LOG_ERROR("Fail to find handler\n");
+      response.SetError(103, "no such API or method", __LINE__);
+    } else {
+      result = handler->HandleRequest(request, response) < 0 ? -1 : 0;
+    }
+    SetResponse(response);
+  }
+  return result;
+}
+
+void WebAPIBridge::SetResponse(const BridgeResponse& response) {
+  switch (response.GetType()) {
+    case BridgeResponse::kJson:
+      for (const auto& [name, value] : response.GetHeaders()) api_response->SetHeader(name, value);
+      if (!response.IsErrorSet()) {
+        api_response->SetSuccess(response.GetJsonObject());
+      } else {
+        Json::Value errors(Json::objectValue);
+        errors["message"] = response.GetErrorMessage();
+        errors["line"] = response.GetErrorLine();
+        api_response->SetError(response.GetErrorCode(), errors);
+      }
+      break;
+    case BridgeResponse::kFile:
+    case BridgeResponse::kArchive:
+      api_response->SetEnableOutput(false);
+      for (const auto& [name, value] : response.GetHeaders()) {
+        printf("%s: %s\r\n", name.c_str(), value.c_str());
+      }
+      // No handler answers with a file or an archive yet; until the senders
+      // exist such an answer can only be told as a download error.
+      WriteDownloadError(response);
+      break;
+  }
+  for (const auto& path : response.GetAutoRemovePaths()) auto_remove_paths.push_back(path);
+}
+
+void WebAPIBridge::WriteDownloadError(const BridgeResponse& response) {
+  const int code = response.IsErrorSet() ? response.GetErrorCode() : 401;
+  if (!response.IsOutputJsonError()) {
+    printf("Cache-control: no-store\r\nX-KSTX-WEBAPI-DOWNLOAD-ERROR-CODE: %d\r\n", code);
+    printf("Status: 400 Bad Request\r\n\r\n");
+  } else {
+    Json::Value failure(Json::objectValue);
+    failure["success"] = false;
+    failure["error"]["code"] = code;
+    failure["error"]["errors"]["message"] = response.GetErrorMessage();
+    failure["error"]["errors"]["line"] = response.GetErrorLine();
+    Json::StreamWriterBuilder writer;
+    writer["indentation"] = "";
+    printf("Cache-control: no-store\r\nContent-Type: text/plain; charset=\"UTF-8\"\r\n");
+    printf("Status: 200 OK\r\n\r\n%s", Json::writeString(writer, failure).c_str());
+  }
+  fflush(stdout);
+}
+
+void WebAPIBridge::HandleAutoRemove() {
+  for (const auto& path : auto_remove_paths) {
+    IF_RUN_AS(0, 0) {
+      // The job queue's worker takes removals off the request once it runs;
+      // until then the path is removed here, after the answer is out.
+      std::error_code ec;
+      std::filesystem::remove_all(path, ec);
+    }
+    else {
+      LOG_ERROR("Failed to get privilege.\n");
+    }
+  }
+}
+
+void WebAPIBridge::DestroyJobDB() { tidepool::db::job::JobManagerHolder::Instance().Destroy(); }

@@ -1,0 +1,84 @@
+// The module's entry: the API table the runtime reads, and Process, which
+// handles one request with a fresh bridge and a fresh set of handlers.
+#include <kstx/webapi-module.h>
+
+#include "bridge/webapi-bridge.h"
+#include "handlers/check-user.h"
+#include "handlers/get-status.h"
+#include "logger.h"
+
+extern "C" void Process(KSTX::APIRequest* request, KSTX::APIResponse* response);
+
+namespace {
+
+constexpr const char* kDebugSettingsPath = "/var/packages/Tidepool/target/etc/syncfolder.debug";
+
+}  // namespace
+
+extern "C" {
+
+const KSTXAPITableRow gTable[] = {
+    {"KSTX.Tidepool", 1, "get_status", Process},
+    {"KSTX.Tidepool", 1, "get_directory_service_status", Process},
+    {"KSTX.Tidepool", 1, "get_client_link", Process},
+    {"KSTX.Tidepool", 1, "check_user", Process},
+    {"KSTX.Tidepool", 1, "get_extension", Process},
+    {"KSTX.Tidepool", 1, "delete_database", Process},
+    {"KSTX.Tidepool", 1, "resume_freeze", Process},
+    {"KSTX.Tidepool.Node", 1, "list", Process},
+    {"KSTX.Tidepool.Node", 1, "list_parent", Process},
+    {"KSTX.Tidepool.Node", 1, "list_version", Process},
+    {"KSTX.Tidepool.Node", 1, "activity", Process},
+    {"KSTX.Tidepool.Node", 1, "dry_run", Process},
+    {"KSTX.Tidepool.Node.Restore", 1, "start", Process},
+    {"KSTX.Tidepool.Node.Restore", 1, "status", Process},
+    {"KSTX.Tidepool.Node.Restore", 1, "finish", Process},
+    {"KSTX.Tidepool.Node.Download", 1, "start", Process},
+    {"KSTX.Tidepool.Node.Download", 1, "status", Process},
+    {"KSTX.Tidepool.Node.Download", 1, "stop", Process},
+    {"KSTX.Tidepool.Node.Download", 1, "finish", Process},
+    {"KSTX.Tidepool.Node.Delete", 1, "start", Process},
+    {"KSTX.Tidepool.Node.Delete", 1, "status", Process},
+    {"KSTX.Tidepool.Profile", 1, "list", Process},
+    {"KSTX.Tidepool.Profile", 1, "set", Process},
+    {"KSTX.Tidepool.Profile", 1, "delete", Process},
+    {"KSTX.Tidepool.Share", 1, "list_active", Process},
+    {"KSTX.Tidepool.Share", 1, "list", Process},
+    {"KSTX.Tidepool.Share", 1, "set", Process},
+    {"KSTX.Tidepool.Log", 1, "list", Process},
+    {"KSTX.Tidepool.Log", 1, "delete", Process},
+    {"KSTX.Tidepool.Log", 1, "export", Process},
+    {"KSTX.Tidepool.Config", 1, "get", Process},
+    {"KSTX.Tidepool.Config", 1, "set", Process},
+    {"KSTX.Tidepool.Connection", 1, "list", Process},
+    {"KSTX.Tidepool.Connection", 1, "delete", Process},
+    {"KSTX.Tidepool.Privilege", 1, "list", Process},
+    {"KSTX.Tidepool.Privilege", 1, "set", Process},
+    {"KSTX.Tidepool.Privilege", 1, "status", Process},
+    {"KSTX.Tidepool.DBUsage", 1, "start", Process},
+    {"KSTX.Tidepool.DBUsage", 1, "status", Process},
+    {"KSTX.Tidepool.DBUsage", 1, "stop", Process},
+    {"KSTX.Tidepool.DBUsage", 1, "get", Process},
+    {"KSTX.Tidepool.KeyManagement", 1, "list", Process},
+    {"KSTX.Tidepool.KeyManagement", 1, "get", Process},
+    {"KSTX.Tidepool.KeyManagement", 1, "set", Process},
+    {"KSTX.Tidepool.KeyManagement", 1, "delete", Process},
+    {"KSTX.Tidepool.KeyManagement", 1, "export", Process},
+    {"KSTX.Tidepool.KeyManagement", 1, "import", Process},
+    {nullptr, 0, nullptr, nullptr},
+};
+
+const KSTXAPITableRow* GetAPITable() { return gTable; }
+
+// Handlers are registered in a fixed order. A method of the table whose
+// handler is not built yet has no registration and answers "no such API or
+// method", as any method without a handler does.
+void Process(KSTX::APIRequest* request, KSTX::APIResponse* response) {
+  WebAPIBridge bridge(request, response);
+  Logger::Initialize(0, "", kDebugSettingsPath, 50, 1);
+  bridge.AddHandler(new GetStatusHandler);
+  bridge.AddHandler(new CheckUserHandler);
+  bridge.Process();
+}
+
+}  // extern "C"

@@ -1,0 +1,108 @@
+// driftway-control: runs the sync service and enables its users and shares.
+// User and share changes are written to the user database directly, so they
+// work whether or not the daemon runs.
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "daemon-control.h"
+#include "service-ops.h"
+#include "sync-service.h"
+#include "user-manager.h"
+
+namespace {
+
+constexpr int kExitFailed = 1;
+constexpr int kExitUsage = 2;
+
+int Usage() {
+  fprintf(stderr,
+          "usage: driftway-control service --start | --stop | --restart | --status\n"
+          "       driftway-control user --enable NAME [NAME...] | --disable NAME [NAME...]\n"
+          "       driftway-control share --enable NAME | --disable NAME\n");
+  return kExitUsage;
+}
+
+// Opens the user database of the configured repository for this process.
+class UserDatabase {
+ public:
+  int Open() {
+    if (SyncGetConf(config_) < 0) {
+      fprintf(stderr, "driftway-control: cannot read %s\n", SyncConfigMgr::kPath);
+      return -1;
+    }
+    if (UserManager::Initialize(config_.GetDbConnectParam(), config_.GetDBBackendString()) < 0) {
+      fprintf(stderr, "driftway-control: cannot open the user database in %s\n",
+              config_.GetDbConnectParam().c_str());
+      return -1;
+    }
+    return 0;
+  }
+  ~UserDatabase() { UserManager::Destroy(); }
+  const SyncConfigMgr& config() const { return config_; }
+
+ private:
+  SyncConfigMgr config_;
+};
+
+bool Report(const driftway::OpResult& result, const char* done, const std::string& name) {
+  if (!result.ok()) {
+    fprintf(stderr, "driftway-control: %s\n", result.message.c_str());
+    return false;
+  }
+  printf("%s %s\n", done, name.c_str());
+  return true;
+}
+
+int ServiceCommand(const std::vector<std::string>& args) {
+  if (args.size() != 1) return Usage();
+  const std::string& action = args[0];
+  if (action == "--start") return driftway::StartDaemon();
+  if (action == "--stop") return driftway::StopDaemon();
+  if (action == "--status") return driftway::PrintStatus();
+  if (action == "--restart") {
+    const int rc = driftway::StopDaemon();
+    return rc != 0 ? rc : driftway::StartDaemon();
+  }
+  return Usage();
+}
+
+// Every name is tried; one failure makes the exit status 1.
+int UserCommand(const std::vector<std::string>& args) {
+  if (args.size() < 2 || (args[0] != "--enable" && args[0] != "--disable")) return Usage();
+  const bool enable = args[0] == "--enable";
+  UserDatabase db;
+  if (db.Open() < 0) return kExitFailed;
+  bool all_ok = true;
+  for (size_t i = 1; i < args.size(); ++i) {
+    const std::string& name = args[i];
+    const auto result =
+        enable ? driftway::EnableUser(db.config(), name, 0) : driftway::DisableUser(name);
+    all_ok &= Report(result, enable ? "enabled user" : "disabled user", name);
+  }
+  return all_ok ? 0 : kExitFailed;
+}
+
+int ShareCommand(const std::vector<std::string>& args) {
+  if (args.size() != 2 || (args[0] != "--enable" && args[0] != "--disable")) return Usage();
+  const bool enable = args[0] == "--enable";
+  UserDatabase db;
+  if (db.Open() < 0) return kExitFailed;
+  const std::string& name = args[1];
+  const auto result =
+      enable ? driftway::EnableShare(name, driftway::Rotation{}) : driftway::DisableShare(name);
+  return Report(result, enable ? "enabled share" : "disabled share", name) ? 0 : kExitFailed;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc < 2) return Usage();
+  const std::string command = argv[1];
+  const std::vector<std::string> args(argv + 2, argv + argc);
+  if (command == "service") return ServiceCommand(args);
+  if (command == "user") return UserCommand(args);
+  if (command == "share") return ShareCommand(args);
+  return Usage();
+}

@@ -1,0 +1,133 @@
+// driftway: the sync service daemon. It runs as root, holds the pidfile lock
+// for its lifetime (one daemon at a time), serves the control socket and
+// stops cleanly on SIGTERM or SIGINT.
+#include <fcntl.h>
+#include <pwd.h>
+#include <sys/epoll.h>
+#include <sys/file.h>
+#include <sys/signalfd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <filesystem>
+#include <string>
+
+#include "control-server.h"
+#include "driftway-protocol.h"
+#include "event-loop.h"
+#include "logger.h"
+#include "requests.h"
+#include "sync-service.h"
+#include "user-manager.h"
+
+namespace {
+
+constexpr const char* kDebugSettings = "/var/packages/Tidepool/target/etc/syncfolder.debug";
+constexpr const char* kServiceAccount = "tidepool";
+
+// The pidfile, locked while the daemon lives: a second daemon fails to lock
+// it, and the lock vanishes with the process however it ends.
+class PidFile {
+ public:
+  int Acquire(const std::string& path) {
+    std::error_code ec;
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ec);
+    fd_ = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    if (fd_ < 0) {
+      fprintf(stderr, "driftway: cannot open %s: %s\n", path.c_str(), strerror(errno));
+      return -1;
+    }
+    if (flock(fd_, LOCK_EX | LOCK_NB) != 0) {
+      fprintf(stderr, "driftway: already running\n");
+      close(fd_);
+      fd_ = -1;
+      return -1;
+    }
+    const std::string pid = std::to_string(getpid()) + "\n";
+    if (ftruncate(fd_, 0) != 0 || pwrite(fd_, pid.data(), pid.size(), 0) < 0) return -1;
+    path_ = path;
+    return 0;
+  }
+  ~PidFile() {
+    if (fd_ < 0) return;
+    unlink(path_.c_str());
+    close(fd_);
+  }
+
+ private:
+  int fd_ = -1;
+  std::string path_;
+};
+
+uid_t ServiceUid() {
+  const passwd* account = getpwnam(kServiceAccount);
+  return account ? account->pw_uid : 0;
+}
+
+// Termination signals arrive as readable events on the loop.
+int WatchSignals(driftway::EventLoop& loop) {
+  sigset_t mask;
+  sigemptyset(&mask);
+  sigaddset(&mask, SIGTERM);
+  sigaddset(&mask, SIGINT);
+  sigaddset(&mask, SIGHUP);
+  if (sigprocmask(SIG_BLOCK, &mask, nullptr) != 0) return -1;
+  const int fd = signalfd(-1, &mask, SFD_NONBLOCK | SFD_CLOEXEC);
+  if (fd < 0) return -1;
+  return loop.Add(fd, EPOLLIN, [fd, &loop](uint32_t) {
+    signalfd_siginfo info{};
+    while (read(fd, &info, sizeof info) == static_cast<ssize_t>(sizeof info)) {
+      // SIGHUP is reserved for reloading settings; today there is nothing to
+      // reload.
+      if (info.ssi_signo == SIGHUP) continue;
+      LOG_INFO("signal %u, stopping\n", info.ssi_signo);
+      loop.Stop();
+    }
+  });
+}
+
+int Run() {
+  PidFile pidfile;
+  if (pidfile.Acquire(driftway::kPidFile) < 0) return 1;
+
+  SyncConfigMgr config;
+  if (SyncGetConf(config) < 0) {
+    LOG_ERROR("cannot read the service configuration\n");
+    fprintf(stderr, "driftway: cannot read the service configuration\n");
+    return 1;
+  }
+  if (UserManager::Initialize(config.GetDbConnectParam(), config.GetDBBackendString()) < 0) {
+    fprintf(stderr, "driftway: cannot open the user database in %s\n",
+            config.GetDbConnectParam().c_str());
+    return 1;
+  }
+
+  driftway::EventLoop loop;
+  if (!loop.ok() || WatchSignals(loop) < 0) {
+    LOG_ERROR("cannot set up the event loop: %s\n", strerror(errno));
+    return 1;
+  }
+  driftway::ControlServer server(loop, driftway::DispatchLine);
+  if (server.Listen(driftway::kSocketPath, ServiceUid()) < 0) {
+    fprintf(stderr, "driftway: cannot listen on %s\n", driftway::kSocketPath);
+    return 1;
+  }
+  LOG_INFO("driftway started, pid %d\n", static_cast<int>(getpid()));
+  const int rc = loop.Run();
+  server.Shutdown();
+  UserManager::Destroy();
+  LOG_INFO("driftway stopped\n");
+  return rc < 0 ? 1 : 0;
+}
+
+}  // namespace
+
+int main() {
+  signal(SIGPIPE, SIG_IGN);
+  umask(022);
+  Logger::Initialize(0, "driftway", kDebugSettings, 0, 0);
+  return Run();
+}

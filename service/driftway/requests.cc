@@ -1,0 +1,156 @@
+#include "requests.h"
+
+#include <json/value.h>
+#include <strings.h>
+#include <unistd.h>
+
+#include <map>
+#include <string_view>
+
+#include "driftway-protocol.h"
+#include "host-accounts.h"
+#include "logger.h"
+#include "service-ops.h"
+#include "sync-service.h"
+
+namespace driftway {
+namespace {
+
+using RequestHandler = Json::Value (*)(const Json::Value& request);
+
+Json::Value Success() {
+  Json::Value answer(Json::objectValue);
+  answer["success"] = true;
+  return answer;
+}
+
+Json::Value FromResult(const OpResult& result) {
+  return result.ok() ? Success() : ErrorAnswer(result.code, result.message);
+}
+
+// Reads an optional field of the expected type; false when it has another.
+bool ReadText(const Json::Value& request, const char* key, std::string& out) {
+  const Json::Value& value = request[key];
+  if (value.isNull()) return true;
+  if (!value.isString()) return false;
+  out = value.asString();
+  return true;
+}
+
+bool ReadInt(const Json::Value& request, const char* key, int& out) {
+  const Json::Value& value = request[key];
+  if (value.isNull()) return true;
+  if (!value.isInt()) return false;
+  out = value.asInt();
+  return true;
+}
+
+bool ReadUInt(const Json::Value& request, const char* key, uint32_t& out) {
+  const Json::Value& value = request[key];
+  if (value.isNull()) return true;
+  if (!value.isUInt()) return false;
+  out = value.asUInt();
+  return true;
+}
+
+Json::Value BadField(const char* key) {
+  return ErrorAnswer(kErrBadRequest, std::string("missing or invalid \"") + key + "\"");
+}
+
+Json::Value HandleStatus(const Json::Value&) {
+  std::string status;
+  if (ServiceStatusGet(status, false) < 0)
+    return ErrorAnswer(kErrFailed, "cannot read the service status");
+  Json::Value answer = Success();
+  answer["status"] = status;
+  answer["pid"] = static_cast<Json::Int>(getpid());
+  return answer;
+}
+
+// Who `user` is, or with a different `sudo_user`, who that user is: only an
+// administrator may ask as someone else.
+Json::Value HandleQueryUser(const Json::Value& request) {
+  std::string user, sudo_user;
+  if (!ReadText(request, "user", user) || user.empty()) return BadField("user");
+  if (!ReadText(request, "sudo_user", sudo_user)) return BadField("sudo_user");
+  auto host = hostaccounts::HostAccounts::Open();
+  if (!host) return ErrorAnswer(kErrFailed, "cannot open the account directory");
+  hostaccounts::User acting;
+  if (host->GetUser(user, acting) < 0) return ErrorAnswer(kErrNotFound, "no such user: " + user);
+  hostaccounts::User target = acting;
+  if (!sudo_user.empty() && strcasecmp(sudo_user.c_str(), acting.name.c_str()) != 0) {
+    if (!host->IsAdmin(acting.name)) {
+      LOG_WARNING("'%s' may not act as '%s'\n", acting.name.c_str(), sudo_user.c_str());
+      return ErrorAnswer(kErrPermission, "permission denied");
+    }
+    if (host->GetUser(sudo_user, target) < 0)
+      return ErrorAnswer(kErrNotFound, "no such user: " + sudo_user);
+  }
+  Json::Value answer = Success();
+  answer["name"] = target.name;
+  answer["uid"] = target.uid;
+  answer["is_admin"] = host->IsAdmin(target.name);
+  return answer;
+}
+
+Json::Value HandleEnableUser(const Json::Value& request) {
+  std::string name;
+  uint32_t uid = 0;
+  if (!ReadText(request, "name", name) || name.empty()) return BadField("name");
+  if (!ReadUInt(request, "uid", uid)) return BadField("uid");
+  SyncConfigMgr config;
+  if (SyncGetConf(config) < 0)
+    return ErrorAnswer(kErrFailed, "cannot read the service configuration");
+  return FromResult(EnableUser(config, name, uid));
+}
+
+Json::Value HandleDisableUser(const Json::Value& request) {
+  std::string name;
+  if (!ReadText(request, "name", name) || name.empty()) return BadField("name");
+  return FromResult(DisableUser(name));
+}
+
+Json::Value HandleEnableShare(const Json::Value& request) {
+  std::string name;
+  Rotation rotation;
+  if (!ReadText(request, "name", name) || name.empty()) return BadField("name");
+  if (!ReadInt(request, "rotate_cnt", rotation.count)) return BadField("rotate_cnt");
+  if (!ReadText(request, "rotate_policy", rotation.policy)) return BadField("rotate_policy");
+  if (!ReadInt(request, "rotate_days", rotation.days)) return BadField("rotate_days");
+  return FromResult(EnableShare(name, rotation));
+}
+
+Json::Value HandleDisableShare(const Json::Value& request) {
+  std::string name;
+  if (!ReadText(request, "name", name) || name.empty()) return BadField("name");
+  return FromResult(DisableShare(name));
+}
+
+const std::map<std::string_view, RequestHandler>& Handlers() {
+  static const std::map<std::string_view, RequestHandler> table = {
+      {"status", HandleStatus},
+      {"query_user", HandleQueryUser},
+      {"enable_user", HandleEnableUser},
+      {"disable_user", HandleDisableUser},
+      {"enable_share", HandleEnableShare},
+      {"disable_share", HandleDisableShare},
+  };
+  return table;
+}
+
+}  // namespace
+
+std::string DispatchLine(const std::string& line, bool& close_after) {
+  Json::Value request;
+  if (!DecodeLine(line, request) || !request["op"].isString()) {
+    close_after = true;
+    return EncodeLine(ErrorAnswer(kErrBadRequest, "bad request"));
+  }
+  const std::string op = request["op"].asString();
+  const auto it = Handlers().find(op);
+  if (it == Handlers().end()) return EncodeLine(ErrorAnswer(kErrUnknownOp, "unknown op: " + op));
+  LOG_DEBUG("request %s\n", op.c_str());
+  return EncodeLine(it->second(request));
+}
+
+}  // namespace driftway

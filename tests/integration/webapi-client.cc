@@ -1,0 +1,84 @@
+#include "webapi-client.h"
+
+#include <json/reader.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <utime.h>
+
+#include <ctime>
+
+#include "process.h"
+
+namespace tptest {
+namespace {
+
+constexpr const char* kEntry = "/usr/kstx/webapi/entry.cgi";
+
+int WebServerUid() {
+  const passwd* www = getpwnam("www-data");
+  return www ? static_cast<int>(www->pw_uid) : 33;
+}
+
+}  // namespace
+
+WebAnswer CallWebAPI(const WebCall& call) {
+  std::map<std::string, std::string> env = {
+      {"GATEWAY_INTERFACE", "CGI/1.1"},
+      {"SERVER_PROTOCOL", "HTTP/1.1"},
+      {"SCRIPT_NAME", "/webapi/entry.cgi"},
+      {"REQUEST_METHOD", call.body.empty() && call.content_type.empty() ? "GET" : "POST"},
+      {"QUERY_STRING", call.query},
+      {"REMOTE_ADDR", "127.0.0.1"},
+      {"SERVER_PORT", "5080"},
+      {"HTTP_HOST", "127.0.0.1:5080"},
+      {"PATH", "/usr/bin:/bin"},
+  };
+  if (!call.sid.empty()) env["HTTP_COOKIE"] = "id=" + call.sid;
+  if (!call.content_type.empty()) {
+    env["CONTENT_TYPE"] = call.content_type;
+    env["CONTENT_LENGTH"] = std::to_string(call.body.size());
+  }
+  ProcessResult run = RunProcess({kEntry}, env, call.body, WebServerUid());
+  WebAnswer answer;
+  answer.exit_status = run.exit_status;
+  answer.stderr_text = run.err;
+  size_t split = run.out.find("\r\n\r\n");
+  size_t skip = 4;
+  if (split == std::string::npos) {
+    split = run.out.find("\n\n");
+    skip = 2;
+  }
+  if (split != std::string::npos) {
+    answer.headers = run.out.substr(0, split);
+    answer.body = run.out.substr(split + skip);
+  } else {
+    answer.body = run.out;
+  }
+  Json::CharReaderBuilder builder;
+  std::string errors;
+  std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+  if (!reader->parse(answer.body.data(), answer.body.data() + answer.body.size(), &answer.json,
+                     &errors)) {
+    answer.json = Json::Value();
+  }
+  return answer;
+}
+
+WebAnswer Get(const std::string& query, const std::string& sid) {
+  return CallWebAPI(WebCall{query, sid, "", ""});
+}
+
+std::string Login(const std::string& account, const std::string& password) {
+  WebAnswer answer =
+      Get("api=KSTX.API.Auth&method=login&version=1&account=" + account + "&passwd=" + password);
+  return answer.json["data"]["sid"].asString();
+}
+
+void AgeSession(const std::string& sid, int seconds) {
+  const std::string path = "/usr/kstx/etc/sessions/" + sid;
+  utimbuf times;
+  times.actime = times.modtime = time(nullptr) - seconds;
+  utime(path.c_str(), &times);
+}
+
+}  // namespace tptest

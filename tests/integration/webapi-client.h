@@ -1,0 +1,38 @@
+// Calls /webapi/entry.cgi as a web server would: a CGI environment, the body
+// on standard input, the program run by the web server's unprivileged user.
+#pragma once
+
+#include <json/value.h>
+
+#include <string>
+
+namespace tptest {
+
+struct WebAnswer {
+  int exit_status = -1;
+  std::string headers;  // the CGI header block
+  std::string body;
+  Json::Value json;     // the parsed body; null when it is not JSON
+  std::string stderr_text;
+
+  bool success() const { return json["success"].asBool(); }
+  int code() const { return json["error"]["code"].asInt(); }
+  std::string message() const { return json["error"]["errors"]["message"].asString(); }
+};
+
+struct WebCall {
+  std::string query;         // "api=...&method=...&version=1&..."
+  std::string sid;           // sent as the cookie "id"
+  std::string content_type;  // with a body: POST
+  std::string body;
+};
+
+WebAnswer CallWebAPI(const WebCall& call);
+// GET with the query; the sid (if any) as cookie.
+WebAnswer Get(const std::string& query, const std::string& sid = "");
+// Logs in through KSTX.API.Auth and gives the session id ("" on failure).
+std::string Login(const std::string& account, const std::string& password);
+// Makes a session look idle since `seconds` ago.
+void AgeSession(const std::string& sid, int seconds);
+
+}  // namespace tptest

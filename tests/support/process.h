@@ -1,0 +1,25 @@
+// Running programs from tests: arguments, environment, input, and what they
+// printed.
+#pragma once
+
+#include <map>
+#include <string>
+#include <vector>
+
+namespace tptest {
+
+struct ProcessResult {
+  int exit_status = -1;  // the exit code, or 128 + signal
+  std::string out;
+  std::string err;
+};
+
+// Runs `argv` with exactly `env` as its environment (empty: inherit) and
+// `input` on standard input.
+// With `as_uid` set, the child drops to that user (real and effective) first,
+// as a web server's worker would run a program.
+ProcessResult RunProcess(const std::vector<std::string>& argv,
+                         const std::map<std::string, std::string>& env = {},
+                         const std::string& input = "", int as_uid = -1);
+
+}  // namespace tptest

@@ -113,5 +113,17 @@ class HostAccounts {
 
 }  // namespace hostaccounts
 
+namespace hostaccounts {
+
+// Read-only look-ups for request paths: they open the directory read-only
+// (with root's rights, which a request's process holds as its real uid), run
+// one query and close it, and load neither the password hashing nor the
+// Unicode case folding of the full directory. A name matches its stored form
+// exactly or ignoring ASCII case. 0 found, kErrNotFound, or kErrStorage.
+int LookUpUser(const std::string& name, User& out);
+int LookUpUserByUid(uint32_t uid, User& out);
+
+}  // namespace hostaccounts
+
 // Whether the account has expired: 1 expired, 0 not, negative on failure.
 int KSTXUserCheckExpired(const char* user);

@@ -75,9 +75,11 @@ bool MigrateSchema(SQLite::Database& db) {
     if (version == kSchemaVersion) return true;
     if (version > kSchemaVersion) return false;
     if (version == 0) {
-      // WAL lets entry.cgi, the daemon and the tools read while one writes;
-      // the mode sticks to the file, so it is set once, outside a transaction.
-      db.exec("PRAGMA journal_mode=WAL");
+      // A rollback journal: writes are rare (the administrator's tools), and
+      // a reader in this mode creates and removes no file, which matters to
+      // the web requests that read the directory a few times each. The mode
+      // sticks to the file, so it is set once, outside a transaction.
+      db.exec("PRAGMA journal_mode=DELETE");
     }
     // IMMEDIATE takes the write lock first: of two processes creating the
     // directory at once, the second sees the first one's version and stops.

@@ -567,15 +567,3 @@ std::unique_ptr<HostAccounts> HostAccounts::Open(const std::string& path) {
 }
 
 }  // namespace hostaccounts
-
-int KSTXUserCheckExpired(const char* user) {
-  if (user == nullptr) return hostaccounts::kErrInvalid;
-  hostaccounts::RootScope root;
-  auto accounts = hostaccounts::HostAccounts::Open();
-  if (!accounts) return hostaccounts::kErrStorage;
-  hostaccounts::User found;
-  const int rc = accounts->GetUser(user, found);
-  if (rc < 0) return rc;
-  const int64_t today = static_cast<int64_t>(time(nullptr)) / 86400;
-  return found.expire_day != 0 && today > found.expire_day ? 1 : 0;
-}

@@ -1,19 +1,15 @@
-// The SDK's user services answer from the host account directory, opened for
-// the length of each call: they are asked a few times per request at most.
+// The SDK's user services answer from the host account directory through its
+// read-only look-ups: they are asked a few times per request at most.
 #include "sdk.h"
 
 #include "host-accounts.h"
-#include "root-scope.h"
 
 namespace SDK {
 namespace {
 
 // Whether the directory could answer, and the user when it knows one.
 std::pair<bool, bool> LookUp(const std::string& name, hostaccounts::User& out) {
-  hostaccounts::RootScope root;
-  auto accounts = hostaccounts::HostAccounts::Open();
-  if (!accounts) return {false, false};
-  const int rc = accounts->GetUser(name, out);
+  const int rc = hostaccounts::LookUpUser(name, out);
   if (rc == hostaccounts::kErrNotFound) return {true, false};
   return {rc >= 0, rc >= 0};
 }
@@ -21,11 +17,8 @@ std::pair<bool, bool> LookUp(const std::string& name, hostaccounts::User& out) {
 }  // namespace
 
 int UserService::GetUserByUid(uint32_t uid, User& out) const {
-  hostaccounts::RootScope root;
-  auto accounts = hostaccounts::HostAccounts::Open();
-  if (!accounts) return -1;
   hostaccounts::User user;
-  if (accounts->GetUserByUid(uid, user) < 0) return -1;
+  if (hostaccounts::LookUpUserByUid(uid, user) < 0) return -1;
   out = User(user.name, user.uid);
   return 0;
 }

@@ -1,6 +1,7 @@
 #include "sqlite-handle.h"
 
 #include <SQLiteCpp/Exception.h>
+#include <sqlite3.h>
 
 #include "logger.h"
 
@@ -12,6 +13,10 @@ std::unique_ptr<SQLite::Database> OpenDatabase(const std::string& path) {
         path, SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE | SQLite::OPEN_FULLMUTEX);
     database->setBusyTimeout(5000);
     database->exec("PRAGMA journal_mode=WAL");
+    // Requests open these files each time: keeping the -wal and -shm files
+    // spares creating and removing them on every request.
+    int persist = 1;
+    sqlite3_file_control(database->getHandle(), "main", SQLITE_FCNTL_PERSIST_WAL, &persist);
     return database;
   } catch (const SQLite::Exception& e) {
     LOG_ERROR("cannot open database '%s': %s\n", path.c_str(), e.what());

@@ -6,6 +6,7 @@
 #include <SQLiteCpp/Database.h>
 #include <SQLiteCpp/Statement.h>
 #include <SQLiteCpp/Transaction.h>
+#include <sqlite3.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -16,7 +17,6 @@
 #include <memory>
 
 #include "host-accounts.h"
-#include "root-scope.h"
 #include "logger.h"
 #include "user-db-schema.h"
 
@@ -106,12 +106,8 @@ int FetchAll(SQLite::Statement& query, std::list<UserInfo>& out) {
 void RefreshAccountState(UserInfo& info) {
   if (info.isShareUser()) return;
   bool disabled = true;
-  // The directory is root's; requests ask with the service account's ids.
-  hostaccounts::RootScope root;
-  if (auto host = hostaccounts::HostAccounts::Open()) {
-    hostaccounts::User user;
-    if (host->GetUser(info.name, user) >= 0) disabled = user.disabled;
-  }
+  hostaccounts::User user;
+  if (hostaccounts::LookUpUser(info.name, user) >= 0) disabled = user.disabled;
   if (disabled)
     info.attribute |= UserInfo::kAttrHVOSDisabled;
   else
@@ -218,6 +214,11 @@ int UserManager::Initialize(const std::string& connect_param, const std::string&
                                                  kBusyTimeoutMs);
     // The daemon and the tools write while the module reads.
     db->exec("PRAGMA journal_mode = WAL");
+    // Keep the -wal and -shm files when the last connection closes: every
+    // request opens this database, and creating and removing two files each
+    // time costs more than the rest of the look-up.
+    int persist = 1;
+    sqlite3_file_control(db->getHandle(), "main", SQLITE_FCNTL_PERSIST_WAL, &persist);
     db->exec("PRAGMA foreign_keys = ON");
     if (syncusers::MigrateSchema(*db) < 0) return -1;
     g_db = std::move(db);

@@ -5,7 +5,6 @@
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/wait.h>
-#include <unicode/unistr.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -200,15 +199,4 @@ int HLIBCFileSetKeyValue(const char* path, const char* key, const char* value) {
   // A line break or quote would split or end the line on the next read.
   if (strpbrk(key, "=\n\r\" \t#") != nullptr || strpbrk(value, "\n\r\"") != nullptr) return -1;
   return tpsys::SetKeyValues(path, {{key, value}});
-}
-
-int HLIBCUnicodeUTF8StrUpper(const char* text, char* buffer, size_t size) {
-  if (text == nullptr || buffer == nullptr || size == 0) return -1;
-  icu::UnicodeString unicode = icu::UnicodeString::fromUTF8(text);
-  if (unicode.isBogus()) return -1;
-  std::string upper;
-  unicode.toUpper().toUTF8String(upper);
-  if (upper.size() >= size) return -1;
-  memcpy(buffer, upper.c_str(), upper.size() + 1);
-  return static_cast<int>(upper.size());
 }

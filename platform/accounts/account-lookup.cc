@@ -1,0 +1,82 @@
+// Read-only look-ups of the account directory for request paths. A request
+// is one short process: what it links and opens is paid on every call, so
+// this file stays clear of ICU, libsodium and the schema migrations, and
+// opens the file read-only, which in the directory's rollback-journal mode
+// creates no file.
+#include <SQLiteCpp/Database.h>
+#include <SQLiteCpp/Exception.h>
+#include <SQLiteCpp/Statement.h>
+
+#include <ctime>
+
+#include "host-accounts.h"
+#include "root-scope.h"
+
+namespace hostaccounts {
+namespace {
+
+constexpr const char* kColumns =
+    "SELECT uid, name, gid, home, disabled, expire_day, app_allowed FROM users ";
+constexpr int kBusyTimeoutMs = 5000;
+
+std::string AsciiLower(const std::string& text) {
+  std::string lower = text;
+  for (char& c : lower) {
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+  }
+  return lower;
+}
+
+template <typename Bind>
+int QueryUser(const char* where, Bind bind, User& out) {
+  RootScope root;
+  try {
+    SQLite::Database db(kDefaultPath, SQLite::OPEN_READONLY, kBusyTimeoutMs);
+    SQLite::Statement query(db, std::string(kColumns) + where);
+    bind(query);
+    if (!query.executeStep()) return kErrNotFound;
+    const int64_t uid = query.getColumn(0).getInt64();
+    const int64_t gid = query.getColumn(2).getInt64();
+    // Stored rows are checked before use, like any other input.
+    if (uid < 0 || uid > UINT32_MAX || gid < 0 || gid > UINT32_MAX) return kErrStorage;
+    out.uid = static_cast<uint32_t>(uid);
+    out.name = query.getColumn(1).getString();
+    out.gid = static_cast<uint32_t>(gid);
+    out.home = query.getColumn(3).getString();
+    out.disabled = query.getColumn(4).getInt() != 0;
+    out.expire_day = query.getColumn(5).getInt64();
+    out.app_allowed = query.getColumn(6).getInt() != 0;
+    return 0;
+  } catch (const SQLite::Exception&) {
+    return kErrStorage;
+  }
+}
+
+}  // namespace
+
+int LookUpUser(const std::string& name, User& out) {
+  if (name.empty()) return kErrNotFound;
+  return QueryUser(
+      "WHERE name = ?1 OR name_key = ?2 LIMIT 1",
+      [&](SQLite::Statement& q) {
+        q.bind(1, name);
+        q.bind(2, AsciiLower(name));
+      },
+      out);
+}
+
+int LookUpUserByUid(uint32_t uid, User& out) {
+  return QueryUser(
+      "WHERE uid = ?1", [&](SQLite::Statement& q) { q.bind(1, static_cast<int64_t>(uid)); }, out);
+}
+
+}  // namespace hostaccounts
+
+int KSTXUserCheckExpired(const char* user) {
+  if (user == nullptr) return hostaccounts::kErrInvalid;
+  hostaccounts::User found;
+  const int rc = hostaccounts::LookUpUser(user, found);
+  if (rc < 0) return rc;
+  const int64_t today = static_cast<int64_t>(time(nullptr)) / 86400;
+  return found.expire_day != 0 && today > found.expire_day ? 1 : 0;
+}

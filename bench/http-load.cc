@@ -102,8 +102,8 @@ int main(int argc, char** argv) {
       std::string buffer;
       while (next.fetch_add(1) < requests) {
         const auto t0 = Clock::now();
-        bool ok = fd >= 0 && write(fd, request.data(), request.size()) ==
-                                 static_cast<ssize_t>(request.size());
+        bool ok = fd >= 0 &&
+                  write(fd, request.data(), request.size()) == static_cast<ssize_t>(request.size());
         ok = ok && ReadResponse(fd, buffer);
         if (!ok) {
           ++failures;
@@ -112,7 +112,8 @@ int main(int argc, char** argv) {
           buffer.clear();
           continue;
         }
-        latencies[w].push_back(std::chrono::duration<double, std::milli>(Clock::now() - t0).count());
+        latencies[w].push_back(
+            std::chrono::duration<double, std::milli>(Clock::now() - t0).count());
       }
       if (fd >= 0) close(fd);
     });
@@ -125,7 +126,7 @@ int main(int argc, char** argv) {
   auto pct = [&](double p) {
     return all.empty() ? 0.0 : all[std::min(all.size() - 1, static_cast<size_t>(p * all.size()))];
   };
-  printf("requests=%zu failures=%d p50_ms=%.2f p99_ms=%.2f rps=%.0f\n", all.size(),
-         failures.load(), pct(0.50), pct(0.99), all.size() / seconds);
+  printf("requests=%zu failures=%d p50_ms=%.2f p99_ms=%.2f rps=%.0f\n", all.size(), failures.load(),
+         pct(0.50), pct(0.99), all.size() / seconds);
   return failures.load() == 0 ? 0 : 1;
 }

@@ -46,19 +46,19 @@ struct Group {
 enum class SharePermission { kNone = 0, kReadOnly = 1, kReadWrite = 2 };
 
 struct Share {
-  std::string name;       // as the administrator typed it
-  std::string volume;     // "/volume1"
-  std::string path;       // "/volume1/<name>"
+  std::string name;    // as the administrator typed it
+  std::string volume;  // "/volume1"
+  std::string path;    // "/volume1/<name>"
   bool encrypted = false;
-  bool mounted = true;    // an encrypted share is mounted while it is unlocked
+  bool mounted = true;  // an encrypted share is mounted while it is unlocked
   bool active = true;
 };
 
 struct Volume {
-  int id = 0;              // 1 for /volume1
-  std::string path;        // "/volume1"
+  int id = 0;        // 1 for /volume1
+  std::string path;  // "/volume1"
   std::string description;
-  int type = 1;            // 1 ordinary data volume
+  int type = 1;  // 1 ordinary data volume
   bool writable = true;
 };
 

@@ -31,14 +31,13 @@ std::string LogFilePath();
 }  // namespace Logger
 
 // The module's line prefix: "(pid:thread) [LEVEL] file(line): ".
-#define TP_LOG(level, word, format, ...)                                                  \
-  do {                                                                                    \
-    if (Logger::IsNeedToLog(level, "default_component")) {                                \
-      Logger::LogMsg(level, "default_component", "(%5d:%5d) [" word "] %s(%d): " format, \
-                     static_cast<int>(getpid()),                                          \
-                     static_cast<int>(pthread_self() % 100000), __FILE_NAME__, __LINE__,  \
-                     ##__VA_ARGS__);                                                      \
-    }                                                                                     \
+#define TP_LOG(level, word, format, ...)                                                    \
+  do {                                                                                      \
+    if (Logger::IsNeedToLog(level, "default_component")) {                                  \
+      Logger::LogMsg(level, "default_component", "(%5d:%5d) [" word "] %s(%d): " format,    \
+                     static_cast<int>(getpid()), static_cast<int>(pthread_self() % 100000), \
+                     __FILE_NAME__, __LINE__, ##__VA_ARGS__);                               \
+    }                                                                                       \
   } while (0)
 
 // The levels are syslog's numbers, and the logging macros below take the

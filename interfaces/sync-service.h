@@ -16,11 +16,11 @@ class SyncConfigMgr {
   SyncConfigMgr();  // reads the file; IsLoaded() tells whether it could
   bool IsLoaded() const { return loaded_; }
 
-  std::string GetSysShareBin() const { return repo_volume_; }            // "/volume1"
-  std::string GetSystemRepoLocation() const;                              // "/volume1/@tidepool"
+  std::string GetSysShareBin() const { return repo_volume_; }  // "/volume1"
+  std::string GetSystemRepoLocation() const;                   // "/volume1/@tidepool"
   std::string GetDbConnectParam() const { return GetSystemRepoLocation(); }
-  std::string GetDBBackendString() const { return backend_; }             // "sqlite"
-  std::string GetWorkingDirPath() const;                                  // "/volume1/@tidepool/@tmp"
+  std::string GetDBBackendString() const { return backend_; }  // "sqlite"
+  std::string GetWorkingDirPath() const;                       // "/volume1/@tidepool/@tmp"
 
   bool enable_vmtouch = false;
   bool enable_mlock = false;

@@ -12,15 +12,15 @@
 #include <string>
 
 struct UserInfo {
-  std::string name;       // user name, or the share's name for a share user
-  uint64_t id = 0;        // record number in the user database
-  uint32_t uid = 0;       // the appliance's user number; 0 for a share user
-  uint32_t user_type = 0; // 0 local home, 1 share, 2 LDAP home, 3 domain home
-  uint64_t view_id = 0;   // the owner's default view; 0 none
-  bool enabled = false;   // enabled in the sync service
-  uint32_t attribute = 0; // bit 1: the account is disabled on the appliance
-  bool encrypted = false; // a share user whose share is encrypted
-  std::string root_path;  // "/volume1/homes/<user>/Tidepool" or the share's path
+  std::string name;        // user name, or the share's name for a share user
+  uint64_t id = 0;         // record number in the user database
+  uint32_t uid = 0;        // the appliance's user number; 0 for a share user
+  uint32_t user_type = 0;  // 0 local home, 1 share, 2 LDAP home, 3 domain home
+  uint64_t view_id = 0;    // the owner's default view; 0 none
+  bool enabled = false;    // enabled in the sync service
+  uint32_t attribute = 0;  // bit 1: the account is disabled on the appliance
+  bool encrypted = false;  // a share user whose share is encrypted
+  std::string root_path;   // "/volume1/homes/<user>/Tidepool" or the share's path
 
   static constexpr uint32_t kAttrHVOSDisabled = 1;
 

@@ -23,9 +23,9 @@ int JobManagerHolder::Initialize() {
   SyncConfigMgr config;
   if (SyncGetConf(config) < 0) return -1;
   try {
-    auto database = std::make_unique<SQLite::Database>(
-        config.GetSystemRepoLocation() + "/job-queue.sqlite",
-        SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE);
+    auto database =
+        std::make_unique<SQLite::Database>(config.GetSystemRepoLocation() + "/job-queue.sqlite",
+                                           SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE);
     database->setBusyTimeout(5000);
     database->exec("PRAGMA journal_mode=WAL");
     database->exec(

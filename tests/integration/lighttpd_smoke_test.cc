@@ -67,7 +67,8 @@ class LighttpdSmokeTest : public ::testing::Test {
     ASSERT_FALSE(conf.empty());
     for (auto [key, value] : {std::pair<std::string, std::string>{"@PORT@", std::to_string(port_)},
                               {"@LOGDIR@", "/tmp/lighttpd"}}) {
-      for (size_t at; (at = conf.find(key)) != std::string::npos;) conf.replace(at, key.size(), value);
+      for (size_t at; (at = conf.find(key)) != std::string::npos;)
+        conf.replace(at, key.size(), value);
     }
     tptest::WriteFile("/tmp/lighttpd/lighttpd.conf", conf);
     // lighttpd opens its error log after giving up root.
@@ -96,7 +97,8 @@ class LighttpdSmokeTest : public ::testing::Test {
 TEST_F(LighttpdSmokeTest, LoginAndCheckUserThroughTheWebServer) {
   ASSERT_NE(HttpGet(port_, "/").head.find("200"), std::string::npos) << "lighttpd is not up";
   auto login = HttpGet(
-      port_, "/webapi/entry.cgi?api=KSTX.API.Auth&method=login&version=1&account=alice&passwd=alice-demo");
+      port_,
+      "/webapi/entry.cgi?api=KSTX.API.Auth&method=login&version=1&account=alice&passwd=alice-demo");
   ASSERT_TRUE(login.json["success"].asBool()) << login.head;
   const std::string sid = login.json["data"]["sid"].asString();
   EXPECT_NE(login.head.find("Set-Cookie: id=" + sid), std::string::npos) << login.head;
@@ -109,7 +111,8 @@ TEST_F(LighttpdSmokeTest, LoginAndCheckUserThroughTheWebServer) {
   auto info = HttpGet(port_, "/webapi/entry.cgi?api=KSTX.API.Info&method=query&version=1");
   EXPECT_EQ(info.json["data"]["KSTX.Tidepool.Node.Restore"]["maxVersion"].asInt(), 1);
 
-  auto anonymous = HttpGet(port_, "/webapi/entry.cgi?api=KSTX.Tidepool&method=check_user&version=1");
+  auto anonymous =
+      HttpGet(port_, "/webapi/entry.cgi?api=KSTX.Tidepool&method=check_user&version=1");
   EXPECT_EQ(anonymous.json["error"]["code"].asInt(), 105);
 }
 

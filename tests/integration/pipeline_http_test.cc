@@ -75,10 +75,10 @@ TEST_F(PipelineHttpTest, SudoParameter) {
     int code;
     const char* message;
   };
-  for (const Case& c : {Case{"someone", 0, ""}, Case{"%22bob%22", 0, ""}, Case{bob_uid, 0, ""},
-                        Case{"12345", 401, "sudo: Failed to get user"},
-                        Case{"true", 401, "sudo: format error"},
-                        Case{"%5B1%5D", 401, "sudo: format error"}}) {
+  for (const Case& c :
+       {Case{"someone", 0, ""}, Case{"%22bob%22", 0, ""}, Case{bob_uid, 0, ""},
+        Case{"12345", 401, "sudo: Failed to get user"}, Case{"true", 401, "sudo: format error"},
+        Case{"%5B1%5D", 401, "sudo: format error"}}) {
     SCOPED_TRACE(c.sudo);
     auto answer = Get(std::string(kCheckUser) + "&sudo=" + c.sudo, alice);
     if (c.code == 0) {
@@ -116,8 +116,7 @@ TEST_F(PipelineHttpTest, ParameterErrorsNameTheParameterAndTheRule) {
   const Case cases[] = {
       {"required", "api=KSTX.Tidepool.Log&method=list&version=1&share_type=%22all%22", "target",
        "required"},
-      {"first in table order", "api=KSTX.Tidepool.Log&method=list&version=1", "target",
-       "required"},
+      {"first in table order", "api=KSTX.Tidepool.Log&method=list&version=1", "target", "required"},
       {"type", "api=KSTX.Tidepool.Node&method=list&version=1&offset=%22ten%22", "offset", "type"},
       {"condition", "api=KSTX.Tidepool.Node&method=list&version=1&sort_by=%22size%22", "sort_by",
        "condition"},
@@ -128,10 +127,13 @@ TEST_F(PipelineHttpTest, ParameterErrorsNameTheParameterAndTheRule) {
        "api=KSTX.Tidepool.Profile&method=set&version=1&profiles=%5B%7B%22profile_desc%22:%7B%22"
        "filtered_names%22:%5B1%5D%7D%7D%5D",
        "profiles", "type"},
-      {"range", "api=KSTX.Tidepool.Share&method=set&version=1&share=%5B%7B%22rotate_cnt%22:33%7D%5D",
+      {"range",
+       "api=KSTX.Tidepool.Share&method=set&version=1&share=%5B%7B%22rotate_cnt%22:33%7D%5D",
        "share", "type"},
-      {"bare number as node", "api=KSTX.Tidepool.Node&method=dry_run&version=1&target=%22x%22&"
-       "nodes=%5B5%5D", "nodes", "type"},
+      {"bare number as node",
+       "api=KSTX.Tidepool.Node&method=dry_run&version=1&target=%22x%22&"
+       "nodes=%5B5%5D",
+       "nodes", "type"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
@@ -154,9 +156,10 @@ TEST_F(PipelineHttpTest, MalformedRequestsGetAnEnvelope) {
        {"", alice, "application/json", R"({"api":"KSTX.Tidepool","method":)"}},
       {"unknown content type", {kCheckUser, alice, "application/x-nothing", "abc"}},
       {"broken multipart", {kCheckUser, alice, "multipart/form-data; boundary=zz", "--zz\r\nbad"}},
-      {"bad percent escapes", {"api=KSTX.Tidepool&method=check_user&version=1&x=%G1%", alice, "", ""}},
-      {"huge body", {kCheckUser, alice, "application/x-www-form-urlencoded",
-                     "x=" + std::string(3 << 20, 'a')}},
+      {"bad percent escapes",
+       {"api=KSTX.Tidepool&method=check_user&version=1&x=%G1%", alice, "", ""}},
+      {"huge body",
+       {kCheckUser, alice, "application/x-www-form-urlencoded", "x=" + std::string(3 << 20, 'a')}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);

@@ -12,7 +12,7 @@ struct WebAnswer {
   int exit_status = -1;
   std::string headers;  // the CGI header block
   std::string body;
-  Json::Value json;     // the parsed body; null when it is not JSON
+  Json::Value json;  // the parsed body; null when it is not JSON
   std::string stderr_text;
 
   bool success() const { return json["success"].asBool(); }

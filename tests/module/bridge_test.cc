@@ -85,7 +85,8 @@ TEST(BridgeTest, ResponseBecomesEnvelope) {
       {"success with data", 0, object, R"({"data":{"a":1},"success":true})"},
       {"success with null", 0, Json::Value(), R"({"success":true})"},
       {"error code 0 is no error", 0, Json::Value(), R"({"success":true})"},
-      {"error", 403, object, R"({"error":{"code":403,"errors":{"line":7,"message":"m"}},"success":false})"},
+      {"error", 403, object,
+       R"({"error":{"code":403,"errors":{"line":7,"message":"m"}},"success":false})"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);

@@ -108,10 +108,10 @@ const PipelineCase kCases[] = {
      true, 0, ""},
     {"all-zero settings let anonymous in", 0, 0, 0, 0, Caller::kAnonymous, "disabled", false, 0,
      ""},
-    {"account option 0 lets a timed-out login in", 0, 0, 0, 0, Caller::kTimedOut, "enabled",
+    {"account option 0 lets a timed-out login in", 0, 0, 0, 0, Caller::kTimedOut, "enabled", false,
+     0, ""},
+    {"access 1 opens the user database even without the bit", 0, 3, 1, 3, Caller::kAlice, "enabled",
      false, 0, ""},
-    {"access 1 opens the user database even without the bit", 0, 3, 1, 3, Caller::kAlice,
-     "enabled", false, 0, ""},
     {"app privilege denied", 1, 3, 1, 3, Caller::kAlice, "enabled", false, 105,
      "permission denied by app-privilege"},
 };
@@ -136,9 +136,7 @@ TEST_F(PipelineTest, DecidesByHandlerSettings) {
       ASSERT_GE(SyncFreezeClear(), 0);
     }
     auto accounts = hostaccounts::HostAccounts::Open();
-    ASSERT_GE(accounts->SetAppPrivilege("alice",
-                                        std::string(c.what) != "app privilege denied"),
-              0);
+    ASSERT_GE(accounts->SetAppPrivilege("alice", std::string(c.what) != "app privilege denied"), 0);
 
     FixedIdentity identity(IdentityOf(c.caller));
     ProbeHandler handler;

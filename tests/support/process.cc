@@ -14,8 +14,8 @@ extern char** environ;
 namespace tptest {
 
 ProcessResult RunProcess(const std::vector<std::string>& argv,
-                         const std::map<std::string, std::string>& env,
-                         const std::string& input, int as_uid) {
+                         const std::map<std::string, std::string>& env, const std::string& input,
+                         int as_uid) {
   ProcessResult result;
   int in_pipe[2], out_pipe[2], err_pipe[2];
   if (pipe(in_pipe) || pipe(out_pipe) || pipe(err_pipe)) return result;

@@ -49,9 +49,7 @@ uint32_t UidOf(const std::string& name) {
   return record.uid;
 }
 
-void SetServiceStatus(const std::string& word) {
-  ASSERT_GE(ServiceStatusSet(word), 0);
-}
+void SetServiceStatus(const std::string& word) { ASSERT_GE(ServiceStatusSet(word), 0); }
 
 void EnableDebugLog() {
   WriteFile("/var/packages/Tidepool/target/etc/syncfolder.debug", "default_component=7\n");

@@ -69,8 +69,7 @@ extern template struct APIParameterFactoryBasicImpl<bool>;
 extern template struct APIParameterFactoryBasicImpl<Json::Value>;
 
 struct APIParameterFactory {
-  static APIParameter<Json::Value> ArrayFromJson(const Json::Value& object,
-                                                 const std::string& key,
+  static APIParameter<Json::Value> ArrayFromJson(const Json::Value& object, const std::string& key,
                                                  PARAM_NECESSITY necessity,
                                                  APIValidatorFunc<Json::Value> validator = nullptr);
   static APIParameter<Json::Value> ObjectFromJson(
@@ -83,8 +82,8 @@ struct APIValidator {
   static bool IsBelong(const APIParameter<std::string>& parameter, const Json::Value& list);
   // Inclusive at both ends.
   static bool IsBetween(const APIParameter<int>& parameter, int low, int high);
-  static bool IsBetween(const APIParameter<unsigned long long>& parameter,
-                        unsigned long long low, unsigned long long high);
+  static bool IsBetween(const APIParameter<unsigned long long>& parameter, unsigned long long low,
+                        unsigned long long high);
 };
 
 struct WebAPIUtil {

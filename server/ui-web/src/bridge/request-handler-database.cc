@@ -59,8 +59,7 @@ int RequestHandler::InitializeDatabase() {
     if (required_database & kLogDatabase) {
       LOG_DEBUG("Try to initialize log db with '%s', backend = '%s'...", connect.c_str(),
                 backend.c_str());
-      if (db::LogManager::Initialize(config.GetSystemRepoLocation(), connect, backend, false) <
-          0) {
+      if (db::LogManager::Initialize(config.GetSystemRepoLocation(), connect, backend, false) < 0) {
         LOG_ERROR("Fail to initialize log db with '%s', backend = '%s'\n", connect.c_str(),
                   backend.c_str());
         return -1;
@@ -126,8 +125,7 @@ std::string RequestHandler::CreateAndGetSysVolumeTempDirectory() {
   char path[4096];
   snprintf(path, sizeof path, "%s/%s", config.GetSysShareBin().c_str(), "@tmp");
   if (mkdir(path, 0777) < 0 && errno != EEXIST) {
-    syslog(LOG_ERR, "%s:%d mkdir(%s): %s (%d)\n", __FILE__, __LINE__, path, strerror(errno),
-           errno);
+    syslog(LOG_ERR, "%s:%d mkdir(%s): %s (%d)\n", __FILE__, __LINE__, path, strerror(errno), errno);
     return "";
   }
   return path;

@@ -168,8 +168,7 @@ int RequestHandler::CheckAccessPrivilege(const RequestAuthentication& auth, Brid
 }
 
 int RequestHandler::HandleWithCorrectPrivilege(const RequestAuthentication& auth,
-                                               BridgeRequest& request,
-                                               BridgeResponse& response) {
+                                               BridgeRequest& request, BridgeResponse& response) {
   if (!(required_access_privilege & kAccessAdmin)) {
     LOG_DEBUG("handling '%s' with normal user privilege\n", GetAPI().c_str());
     if (Handle(auth, request, response) < 0) {

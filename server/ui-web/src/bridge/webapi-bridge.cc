@@ -44,7 +44,8 @@ RequestHandler* WebAPIBridge::FindHandler(const std::string& api_class, const st
   // A zero in either bound serves every version.
   for (const auto& [version_max, handler] : found->second) {
     const unsigned version_min = handler->GetVersionMin();
-    if (version_max == 0 || version_min == 0 || (version_min <= version && version <= version_max)) {
+    if (version_max == 0 || version_min == 0 ||
+        (version_min <= version && version <= version_max)) {
       return handler.get();
     }
   }

@@ -13,9 +13,7 @@ const Json::Value& WebAPIRequest::GetParamRef(const std::string& name,
   return api_request->GetParamRef(name, default_value);
 }
 
-bool WebAPIRequest::HasParam(const std::string& name) const {
-  return api_request->HasParam(name);
-}
+bool WebAPIRequest::HasParam(const std::string& name) const { return api_request->HasParam(name); }
 
 std::string WebAPIRequest::GetRemoteIP() const { return api_request->GetRemoteIP(); }
 

@@ -105,6 +105,21 @@ TEST_F(PipelineHttpTest, UnknownApiMethodOrVersionAnswers103) {
   }
 }
 
+TEST_F(PipelineHttpTest, InfoListsEveryApiOfTheModule) {
+  auto answer = Get("api=KSTX.API.Info&method=query&version=1");
+  ASSERT_TRUE(answer.success()) << answer.body;
+  int module_apis = 0;
+  for (const auto& name : answer.json["data"].getMemberNames()) {
+    if (name.rfind("KSTX.Tidepool", 0) != 0) continue;
+    ++module_apis;
+    EXPECT_EQ(answer.json["data"][name]["minVersion"].asInt(), 1) << name;
+    EXPECT_EQ(answer.json["data"][name]["maxVersion"].asInt(), 1) << name;
+    EXPECT_EQ(answer.json["data"][name]["path"].asString(), "entry.cgi") << name;
+  }
+  EXPECT_EQ(module_apis, 13);
+  EXPECT_TRUE(answer.json["data"].isMember("KSTX.API.Auth"));
+}
+
 TEST_F(PipelineHttpTest, ParameterErrorsNameTheParameterAndTheRule) {
   const std::string admin = Login("admin", "admin-demo");
   struct Case {

@@ -9,8 +9,7 @@
 namespace db {
 namespace {
 
-constexpr const char* kBackend = "sqlite";
-constexpr const char* kFileName = "/sync-db.sqlite";
+constexpr const char* kFileName = "sync-db.sqlite";
 
 std::unique_ptr<SQLite::Database>& Handle() {
   static std::unique_ptr<SQLite::Database> handle;
@@ -27,12 +26,7 @@ bool Manager::InitTempFolder(const std::string& working_dir) {
 
 int Manager::Initialize(const std::string& /*repo_location*/, const std::string& connect_param,
                         const std::string& backend) {
-  if (backend != kBackend) return -1;
-  if (Handle()) return 0;
-  std::error_code ec;
-  std::filesystem::create_directories(connect_param, ec);
-  Handle() = internal::OpenDatabase(connect_param + kFileName);
-  return Handle() ? 0 : -1;
+  return internal::OpenProcessWide(Handle(), connect_param, backend, kFileName);
 }
 
 void Manager::Destroy() { Handle().reset(); }

@@ -3,6 +3,8 @@
 #include <SQLiteCpp/Exception.h>
 #include <sqlite3.h>
 
+#include <filesystem>
+
 #include "logger.h"
 
 namespace db::internal {
@@ -22,6 +24,16 @@ std::unique_ptr<SQLite::Database> OpenDatabase(const std::string& path) {
     LOG_ERROR("cannot open database '%s': %s\n", path.c_str(), e.what());
     return nullptr;
   }
+}
+
+int OpenProcessWide(std::unique_ptr<SQLite::Database>& handle, const std::string& connect_param,
+                    const std::string& backend, const char* file_name) {
+  if (backend != "sqlite") return -1;
+  if (handle) return 0;
+  std::error_code ec;
+  std::filesystem::create_directories(connect_param, ec);
+  handle = OpenDatabase(connect_param + "/" + file_name);
+  return handle ? 0 : -1;
 }
 
 }  // namespace db::internal

@@ -12,4 +12,9 @@ namespace db::internal {
 // the daemon, tools and requests use the same files at once. Null on failure.
 std::unique_ptr<SQLite::Database> OpenDatabase(const std::string& path);
 
+// Opens `handle` on "<connect_param>/<file_name>" for the "sqlite" backend,
+// unless it is open already. 0, or -1 for another backend or a failure.
+int OpenProcessWide(std::unique_ptr<SQLite::Database>& handle, const std::string& connect_param,
+                    const std::string& backend, const char* file_name);
+
 }  // namespace db::internal

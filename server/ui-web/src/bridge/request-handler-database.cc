@@ -46,35 +46,33 @@ int RequestHandler::InitializeDatabase() {
     }
     const std::string connect = config.GetDbConnectParam();
     const std::string backend = config.GetDBBackendString();
-    if (required_database & kUserDatabase) {
-      LOG_DEBUG("Try to initialize user db with '%s', backend = '%s'...", connect.c_str(),
+    const std::string repo = config.GetSystemRepoLocation();
+    // In this order: the access test needs the user database first.
+    const struct {
+      uint32_t bit;
+      const char* name;
+      int (*open)(const std::string& repo, const std::string& connect, const std::string& backend);
+    } kDatabases[] = {
+        {kUserDatabase, "user db",
+         [](const std::string&, const std::string& c, const std::string& b) {
+           return UserManager::Initialize(c, b);
+         }},
+        {kLogDatabase, "log db",
+         [](const std::string& r, const std::string& c, const std::string& b) {
+           return db::LogManager::Initialize(r, c, b, false);
+         }},
+        {kDataDatabase, "sync db", db::Manager::Initialize},
+    };
+    for (const auto& database : kDatabases) {
+      if (!(required_database & database.bit)) continue;
+      LOG_DEBUG("Try to initialize %s with '%s', backend = '%s'...", database.name, connect.c_str(),
                 backend.c_str());
-      if (UserManager::Initialize(connect, backend) < 0) {
-        LOG_ERROR("Fail to initialize user db with '%s', backend = '%s'\n", connect.c_str(),
-                  backend.c_str());
+      if (database.open(repo, connect, backend) < 0) {
+        LOG_ERROR("Fail to initialize %s with '%s', backend = '%s'\n", database.name,
+                  connect.c_str(), backend.c_str());
         return -1;
       }
-      opened_databases |= kUserDatabase;
-    }
-    if (required_database & kLogDatabase) {
-      LOG_DEBUG("Try to initialize log db with '%s', backend = '%s'...", connect.c_str(),
-                backend.c_str());
-      if (db::LogManager::Initialize(config.GetSystemRepoLocation(), connect, backend, false) < 0) {
-        LOG_ERROR("Fail to initialize log db with '%s', backend = '%s'\n", connect.c_str(),
-                  backend.c_str());
-        return -1;
-      }
-      opened_databases |= kLogDatabase;
-    }
-    if (required_database & kDataDatabase) {
-      LOG_DEBUG("Try to initialize sync db with '%s', backend = '%s'...", connect.c_str(),
-                backend.c_str());
-      if (db::Manager::Initialize(config.GetSystemRepoLocation(), connect, backend) < 0) {
-        LOG_ERROR("Fail to initialize sync db with '%s', backend = '%s'\n", connect.c_str(),
-                  backend.c_str());
-        return -1;
-      }
-      opened_databases |= kDataDatabase;
+      opened_databases |= database.bit;
     }
     return 0;
   }

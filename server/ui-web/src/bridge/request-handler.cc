@@ -167,31 +167,31 @@ int RequestHandler::CheckAccessPrivilege(const RequestAuthentication& auth, Brid
   return 0;
 }
 
+int RequestHandler::RunHandle(const RequestAuthentication& auth, BridgeRequest& request,
+                              BridgeResponse& response, bool elevated) {
+  if (Handle(auth, request, response) >= 0) return 0;
+  // The elevated form lacks its closing quote; log readers match both texts.
+  if (elevated) {
+    LOG_ERROR("failed to handle API '%s\n", GetAPI().c_str());
+  } else {
+    LOG_ERROR("failed to handle API '%s'\n", GetAPI().c_str());
+  }
+  if (response.IsErrorSet()) {
+    LOG_ERROR("error code: %d, error message: %s, error line: %d.\n", response.GetErrorCode(),
+              response.GetErrorMessage().c_str(), response.GetErrorLine());
+  }
+  return -1;
+}
+
 int RequestHandler::HandleWithCorrectPrivilege(const RequestAuthentication& auth,
                                                BridgeRequest& request, BridgeResponse& response) {
   if (!(required_access_privilege & kAccessAdmin)) {
     LOG_DEBUG("handling '%s' with normal user privilege\n", GetAPI().c_str());
-    if (Handle(auth, request, response) < 0) {
-      LOG_ERROR("failed to handle API '%s'\n", GetAPI().c_str());
-      if (response.IsErrorSet()) {
-        LOG_ERROR("error code: %d, error message: %s, error line: %d.\n", response.GetErrorCode(),
-                  response.GetErrorMessage().c_str(), response.GetErrorLine());
-      }
-      return -1;
-    }
-    return 0;
+    return RunHandle(auth, request, response, false);
   }
   IF_RUN_AS(0, 0) {
     LOG_DEBUG("handling '%s' with elevated privilege\n", GetAPI().c_str());
-    if (Handle(auth, request, response) < 0) {
-      LOG_ERROR("failed to handle API '%s\n", GetAPI().c_str());
-      if (response.IsErrorSet()) {
-        LOG_ERROR("error code: %d, error message: %s, error line: %d.\n", response.GetErrorCode(),
-                  response.GetErrorMessage().c_str(), response.GetErrorLine());
-      }
-      return -1;
-    }
-    return 0;
+    return RunHandle(auth, request, response, true);
   }
   else {
     // No error is recorded here: the caller sees a success with null data.

@@ -102,6 +102,10 @@ class RequestHandler {
   static void SetTaskErrDataByItemRc(int item_result, Json::Value& data);
 
  private:
+  // Runs Handle and logs its failure.
+  int RunHandle(const RequestAuthentication& auth, BridgeRequest& request, BridgeResponse& response,
+                bool elevated);
+
   std::string sudo_user;
   uint32_t required_database = 0;
   uint32_t opened_databases = 0;

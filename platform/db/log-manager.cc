@@ -1,6 +1,5 @@
 #include "db/log-manager.h"
 
-
 #include "sqlite-handle.h"
 
 namespace db {

@@ -86,22 +86,29 @@ int LevelOf(State& state, const std::string& component) {
 // the names are taken by the logging macros of logger.h.
 int SyslogPriority(int level) { return level < 2 ? 2 : (level > 7 ? 7 : level); }
 
-void AppendLine(const std::string& path, const std::string& line) {
+int OpenLogFile(const std::string& path) {
   int fd = open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
   if (fd < 0 && errno == ENOENT) {
-    // The folder is made on the first line; a failure drops the line below.
+    // The folder is made on the first line; a failure drops the line.
     const auto slash = path.rfind('/');
     if (slash != std::string::npos && slash > 0) {
-      std::string folder;
       for (size_t i = 1; i <= slash; ++i) {
-        if (i == slash || path[i] == '/') {
-          folder = path.substr(0, i);
-          mkdir(folder.c_str(), 0755);
-        }
+        if (i == slash || path[i] == '/') mkdir(path.substr(0, i).c_str(), 0755);
       }
     }
     fd = open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
   }
+  return fd;
+}
+
+void AppendLine(const std::string& path, const std::string& line) {
+  // The log is the package's (root's), while a web request works with the
+  // service account's effective ids and keeps root as its real uid: the file
+  // is opened with root's rights, and the line written through that handle.
+  const uid_t euid = geteuid();
+  const bool raised = euid != 0 && getuid() == 0 && setresuid(-1, 0, -1) == 0;
+  const int fd = OpenLogFile(path);
+  if (raised && setresuid(-1, euid, -1) != 0) abort();
   if (fd < 0) return;
   const ssize_t written = write(fd, line.data(), line.size());
   (void)written;  // a short or failed write loses the line, never the caller's request

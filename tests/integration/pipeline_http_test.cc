@@ -103,6 +103,12 @@ TEST_F(PipelineHttpTest, UnknownApiMethodOrVersionAnswers103) {
     EXPECT_EQ(answer.code(), 103) << answer.body;
     EXPECT_EQ(answer.message(), "no such API or method");
   }
+  // The module's own refusal leaves its two lines in the package's log,
+  // although the request runs as the service account.
+  const std::string log = tptest::ReadPackageLog();
+  const size_t lookup = log.find("no such api : KSTX.Tidepool.Node.list_parent.\n");
+  ASSERT_NE(lookup, std::string::npos) << log;
+  EXPECT_NE(log.find("Fail to find handler\n", lookup), std::string::npos) << log;
 }
 
 TEST_F(PipelineHttpTest, InfoListsEveryApiOfTheModule) {

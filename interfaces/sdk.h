@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace SDK {
 
@@ -23,6 +24,43 @@ class UserService {
  public:
   // 0 when found, negative when there is no such user or on failure.
   int GetUserByUid(uint32_t uid, User& out) const;
+  // A page of the local users whose name contains `substr` (ASCII case
+  // ignored; "" matches all), ordered by name: `count` gets the number of
+  // matches, `names` the page from `offset`, at most `limit` (negative: all).
+  // 0, or negative when the directory cannot be read (outputs untouched).
+  int ListLocalUsersWithPaging(int offset, int limit, const std::string& substr, uint32_t& count,
+                               std::vector<std::string>& names) const;
+};
+
+// Directory services. This host has none: they are never enabled and list
+// no users (count 0, names empty, result 0).
+class LDAPService {
+ public:
+  bool IsServiceEnabled() const { return false; }
+  std::string GetDomainName() const { return {}; }
+  int ListUsersWithPaging(int offset, int limit, const std::string& substr, uint32_t& count,
+                          std::vector<std::string>& names) const;
+};
+
+class DomainService {
+ public:
+  bool IsServiceEnabled() const { return false; }
+  int ListUsersWithPaging(int offset, int limit, const std::string& substr,
+                          const std::string& domain, uint32_t& count,
+                          std::vector<std::string>& names) const;
+};
+
+// The users who hold the sync service's application privilege, paged as
+// UserService::ListLocalUsersWithPaging pages.
+class AppPrivilegeService {
+ public:
+  int GetPrivilegedLocalUsers(int offset, int limit, const std::string& substr, uint32_t& count,
+                              std::vector<std::string>& names) const;
+  int GetPrivilegedLdapUsers(int offset, int limit, const std::string& substr, uint32_t& count,
+                             std::vector<std::string>& names) const;
+  int GetPrivilegedDomainUsers(int offset, int limit, const std::string& substr,
+                               const std::string& domain, uint32_t& count,
+                               std::vector<std::string>& names) const;
 };
 
 // The application privilege of the sync service for one login. Each query

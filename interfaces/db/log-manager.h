@@ -1,7 +1,11 @@
-// The log database: process-wide, opened by the request pipeline.
+// The log database: process-wide, opened by the request pipeline (and by the
+// sync service, which writes most records).
 #pragma once
 
 #include <string>
+#include <vector>
+
+#include "db/log.h"
 
 namespace db {
 
@@ -12,6 +16,17 @@ class LogManager {
                         const std::string& backend, bool read_only);
   static void Destroy();
   static bool IsInitialized();
+
+  // Stores the record with the current time (unless it has one); 0 on success.
+  static int InsertLog(Log& log);
+  // Newest first unless the filter says otherwise; not negative on success.
+  static int SearchLog(const LogFilter& filter, std::vector<Log>& out);
+  static int CountLog(const LogFilter& filter, unsigned int& count);
+  static int DeleteLog();  // every record
+  static int GetLogDelCount(bool& enabled, int& count);
+  static int SetLogDelCount(bool enabled, int count);
+  static int GetLogDelSpan(bool& enabled, int& span);
+  static int SetLogDelSpan(bool enabled, int span);
 };
 
 }  // namespace db

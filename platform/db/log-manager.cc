@@ -1,5 +1,17 @@
+// The log database: records with their arguments, searches, and the two
+// rotation rules (by count, by age) applied on every insert.
+//
+// Who sees what: an administrator, or a filter without user_id, sees every
+// record; any other user sees the records of their own view (user_view_id)
+// and the records they wrote themselves (user_id).
 #include "db/log-manager.h"
 
+#include <SQLiteCpp/Statement.h>
+
+#include <climits>
+#include <ctime>
+
+#include "db/errors.h"
 #include "sqlite-handle.h"
 
 namespace db {
@@ -7,20 +19,325 @@ namespace {
 
 constexpr const char* kFileName = "log-db.sqlite";
 
+constexpr const char* kSchema1 = R"sql(
+CREATE TABLE logs(
+  id INTEGER PRIMARY KEY,
+  type INTEGER NOT NULL,
+  time INTEGER NOT NULL,
+  user_id INTEGER NOT NULL,
+  user_name TEXT NOT NULL,
+  view_id INTEGER NOT NULL,
+  share_name TEXT NOT NULL,
+  share_type INTEGER NOT NULL,
+  target_view_id INTEGER NOT NULL,
+  target_share_name TEXT NOT NULL,
+  target_share_type INTEGER NOT NULL,
+  p_args BLOB NOT NULL,
+  s_args BLOB NOT NULL,
+  search_text TEXT NOT NULL);
+CREATE INDEX logs_by_time ON logs(time, id);
+CREATE INDEX logs_by_view ON logs(view_id, time, id);
+CREATE INDEX logs_by_user ON logs(user_id, time, id);
+CREATE INDEX logs_by_type ON logs(type, time, id);
+)sql";
+
+constexpr int kDefaultCount = 1000000;
+constexpr int kDefaultSpan = 2592000;  // thirty days
+
 std::unique_ptr<SQLite::Database>& Handle() {
   static std::unique_ptr<SQLite::Database> handle;
   return handle;
+}
+
+// Arguments as "<length>:<bytes>" one after the other, so any byte may
+// appear in a value.
+std::string Pack(const std::vector<std::string>& values) {
+  std::string out;
+  for (const auto& v : values) out += std::to_string(v.size()) + ":" + v;
+  return out;
+}
+
+bool Unpack(const std::string& packed, std::vector<std::string>& out) {
+  size_t pos = 0;
+  while (pos < packed.size()) {
+    size_t colon = packed.find(':', pos);
+    if (colon == std::string::npos || colon == pos || colon - pos > 9) return false;
+    size_t len = 0;
+    for (size_t i = pos; i < colon; ++i) {
+      if (packed[i] < '0' || packed[i] > '9') return false;
+      len = len * 10 + static_cast<size_t>(packed[i] - '0');
+    }
+    if (len > packed.size() - colon - 1) return false;
+    out.push_back(packed.substr(colon + 1, len));
+    pos = colon + 1 + len;
+  }
+  return true;
+}
+
+std::string Lower(std::string s) {
+  for (char& c : s) {
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+  }
+  return s;
+}
+
+int GetSetting(const char* enabled_key, const char* value_key, int fallback, bool& enabled,
+               int& value) {
+  if (!Handle()) return kErrInvalid;
+  return internal::Guard("log setting", [&]() -> int {
+    enabled = internal::GetMeta(*Handle(), enabled_key, "0") == "1";
+    std::string text = internal::GetMeta(*Handle(), value_key, std::to_string(fallback));
+    char* end = nullptr;
+    long v = std::strtol(text.c_str(), &end, 10);
+    if (text.empty() || *end != '\0' || v < 0 || v > INT_MAX) return static_cast<int>(kErrCorrupt);
+    value = static_cast<int>(v);
+    return static_cast<int>(kOk);
+  });
+}
+
+int SetSetting(const char* enabled_key, const char* value_key, bool enabled, int value) {
+  if (!Handle()) return kErrInvalid;
+  if (value < 0) return kErrInvalid;
+  return internal::Guard("log setting", [&]() -> int {
+    internal::SetMeta(*Handle(), enabled_key, enabled ? "1" : "0");
+    internal::SetMeta(*Handle(), value_key, std::to_string(value));
+    return static_cast<int>(kOk);
+  });
+}
+
+// WHERE clause and its values for a filter.
+std::string WhereOf(const LogFilter& f, std::vector<std::string>& texts,
+                    std::vector<long long>& numbers, std::vector<bool>& is_text) {
+  std::string where = " WHERE 1";
+  auto number = [&](long long v) {
+    numbers.push_back(v);
+    is_text.push_back(false);
+  };
+  if (f.user_id != 0 && !f.is_admin) {
+    where += " AND (view_id = ? OR user_id = ?)";
+    number(static_cast<long long>(
+        f.user_view_id > static_cast<uint64_t>(LLONG_MAX) ? LLONG_MAX : f.user_view_id));
+    number(f.user_id);
+  }
+  if (f.view_id != 0) {
+    where += " AND view_id = ?";
+    number(static_cast<long long>(f.view_id > static_cast<uint64_t>(LLONG_MAX) ? LLONG_MAX
+                                                                               : f.view_id));
+  }
+  if (f.date_from > 0) {
+    where += " AND time >= ?";
+    number(f.date_from);
+  }
+  if (f.date_to > 0) {
+    where += " AND time <= ?";
+    number(f.date_to);
+  }
+  if (!f.types.empty()) {
+    where += " AND type IN (";
+    bool first = true;
+    for (int32_t t : f.types) {
+      where += first ? "?" : ", ?";
+      first = false;
+      number(t);
+    }
+    where += ")";
+  }
+  if (!f.keyword.empty()) {
+    where += " AND instr(search_text, ?) > 0";
+    texts.push_back(Lower(f.keyword));
+    is_text.push_back(true);
+  }
+  return where;
+}
+
+void Bind(SQLite::Statement& q, const std::vector<std::string>& texts,
+          const std::vector<long long>& numbers, const std::vector<bool>& is_text) {
+  size_t t = 0, n = 0;
+  for (size_t i = 0; i < is_text.size(); ++i) {
+    if (is_text[i]) {
+      q.bind(static_cast<int>(i + 1), texts[t++]);
+    } else {
+      q.bind(static_cast<int>(i + 1), static_cast<int64_t>(numbers[n++]));
+    }
+  }
+}
+
+bool U32(const SQLite::Column& c, uint32_t& out) {
+  long long v = c.getInt64();
+  if (v < 0 || v > UINT32_MAX) return false;
+  out = static_cast<uint32_t>(v);
+  return true;
 }
 
 }  // namespace
 
 int LogManager::Initialize(const std::string& /*repo_location*/, const std::string& connect_param,
                            const std::string& backend, bool /*read_only*/) {
-  return internal::OpenProcessWide(Handle(), connect_param, backend, kFileName);
+  static const std::vector<const char*> migrations = {kSchema1};
+  return internal::OpenProcessWide(Handle(), connect_param, backend, kFileName, migrations);
 }
 
 void LogManager::Destroy() { Handle().reset(); }
 
 bool LogManager::IsInitialized() { return Handle() != nullptr; }
+
+int LogManager::InsertLog(Log& log) {
+  if (!Handle()) return kErrInvalid;
+  if (log.getTime() == 0) log.setTime(static_cast<uint32_t>(time(nullptr)));
+  std::string search =
+      log.getUserName() + "\n" + log.getShareName() + "\n" + log.getTargetShareName();
+  for (const auto& s : log.getSArg()) search += "\n" + s;
+  bool count_on = false, span_on = false;
+  int count = kDefaultCount, span = kDefaultSpan;
+  int rc = GetLogDelCount(count_on, count);
+  if (rc < 0) return rc;
+  rc = GetLogDelSpan(span_on, span);
+  if (rc < 0) return rc;
+  return internal::Guard("insert log", [&]() -> int {
+    SQLite::Database& db = *Handle();
+    db.exec("SAVEPOINT log");
+    try {
+      SQLite::Statement q(db,
+                          "INSERT INTO logs(type, time, user_id, user_name, view_id, share_name, "
+                          "share_type, target_view_id, target_share_name, target_share_type, "
+                          "p_args, s_args, search_text) VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, "
+                          "?, ?)");
+      auto id64 = [](uint64_t v) {
+        return static_cast<int64_t>(v > static_cast<uint64_t>(LLONG_MAX) ? LLONG_MAX : v);
+      };
+      q.bind(1, static_cast<int64_t>(log.getType()));
+      q.bind(2, static_cast<int64_t>(log.getTime()));
+      q.bind(3, static_cast<int64_t>(log.getUserId()));
+      q.bind(4, log.getUserName());
+      q.bind(5, id64(log.getViewId()));
+      q.bind(6, log.getShareName());
+      q.bind(7, static_cast<int64_t>(log.getShareType()));
+      q.bind(8, id64(log.getTargetViewId()));
+      q.bind(9, log.getTargetShareName());
+      q.bind(10, static_cast<int64_t>(log.getTargetShareType()));
+      std::string p = Pack(log.getPArg()), s = Pack(log.getSArg());
+      q.bind(11, p.data(), static_cast<int>(p.size()));
+      q.bind(12, s.data(), static_cast<int>(s.size()));
+      q.bind(13, Lower(search));
+      q.exec();
+      if (span_on) {
+        SQLite::Statement old(db, "DELETE FROM logs WHERE time < ?");
+        old.bind(1, static_cast<int64_t>(time(nullptr)) - span);
+        old.exec();
+      }
+      if (count_on) {
+        // Row ids only grow: their span bounds the number of records, so
+        // the exact (slower) trim runs only when it may be needed.
+        SQLite::Statement bounds(db, "SELECT ifnull(max(id) - min(id) + 1, 0) FROM logs");
+        bounds.executeStep();
+        if (bounds.getColumn(0).getInt64() > count) {
+          SQLite::Statement trim(db,
+                                 "DELETE FROM logs WHERE id IN (SELECT id FROM logs ORDER BY "
+                                 "time DESC, id DESC LIMIT -1 OFFSET ?)");
+          trim.bind(1, count);
+          trim.exec();
+        }
+      }
+    } catch (...) {
+      db.exec("ROLLBACK TO log");
+      db.exec("RELEASE log");
+      throw;
+    }
+    db.exec("RELEASE log");
+    return static_cast<int>(kOk);
+  });
+}
+
+int LogManager::SearchLog(const LogFilter& filter, std::vector<Log>& out) {
+  out.clear();
+  if (!Handle()) return kErrInvalid;
+  if (filter.limit < 0 || filter.offset < 0) return kErrInvalid;
+  return internal::Guard("search log", [&]() -> int {
+    std::vector<std::string> texts;
+    std::vector<long long> numbers;
+    std::vector<bool> is_text;
+    std::string sql =
+        "SELECT type, time, user_id, user_name, view_id, share_name, share_type, "
+        "target_view_id, target_share_name, target_share_type, p_args, s_args FROM logs" +
+        WhereOf(filter, texts, numbers, is_text) +
+        (filter.oldest_first ? " ORDER BY time, id" : " ORDER BY time DESC, id DESC");
+    if (filter.limit > 0 || filter.offset > 0) {
+      sql += " LIMIT ? OFFSET ?";
+      numbers.push_back(filter.limit > 0 ? filter.limit : -1);
+      numbers.push_back(filter.offset);
+      is_text.push_back(false);
+      is_text.push_back(false);
+    }
+    SQLite::Statement q(*Handle(), sql);
+    Bind(q, texts, numbers, is_text);
+    while (q.executeStep()) {
+      Log log;
+      uint32_t type = 0, time = 0, uid = 0, share_type = 0, target_type = 0;
+      long long view = q.getColumn(4).getInt64(), target = q.getColumn(7).getInt64();
+      if (!U32(q.getColumn(0), type) || !U32(q.getColumn(1), time) || !U32(q.getColumn(2), uid) ||
+          !U32(q.getColumn(6), share_type) || !U32(q.getColumn(9), target_type) || view < 0 ||
+          target < 0) {
+        return static_cast<int>(kErrCorrupt);
+      }
+      std::vector<std::string> p, s;
+      if (!Unpack(q.getColumn(10).getString(), p) || !Unpack(q.getColumn(11).getString(), s)) {
+        return static_cast<int>(kErrCorrupt);
+      }
+      log.setType(type);
+      log.setTime(time);
+      log.setUserId(uid);
+      log.setUserName(q.getColumn(3).getString());
+      log.setViewId(static_cast<uint64_t>(view));
+      log.setShareName(q.getColumn(5).getString());
+      log.setShareType(share_type);
+      log.setTarget(static_cast<uint64_t>(target), q.getColumn(8).getString(), target_type);
+      for (const auto& v : p) log.pushArg(v, false);
+      for (const auto& v : s) log.pushArg(v, true);
+      out.push_back(std::move(log));
+    }
+    return static_cast<int>(out.size());
+  });
+}
+
+int LogManager::CountLog(const LogFilter& filter, unsigned int& count) {
+  count = 0;
+  if (!Handle()) return kErrInvalid;
+  return internal::Guard("count log", [&]() -> int {
+    std::vector<std::string> texts;
+    std::vector<long long> numbers;
+    std::vector<bool> is_text;
+    SQLite::Statement q(*Handle(),
+                        "SELECT count(*) FROM logs" + WhereOf(filter, texts, numbers, is_text));
+    Bind(q, texts, numbers, is_text);
+    q.executeStep();
+    long long n = q.getColumn(0).getInt64();
+    count = n < 0 ? 0 : n > UINT_MAX ? UINT_MAX : static_cast<unsigned int>(n);
+    return static_cast<int>(kOk);
+  });
+}
+
+int LogManager::DeleteLog() {
+  if (!Handle()) return kErrInvalid;
+  return internal::Guard("delete log", [&]() -> int {
+    Handle()->exec("DELETE FROM logs");
+    return static_cast<int>(kOk);
+  });
+}
+
+int LogManager::GetLogDelCount(bool& enabled, int& count) {
+  return GetSetting("del_count_enabled", "del_count", kDefaultCount, enabled, count);
+}
+
+int LogManager::SetLogDelCount(bool enabled, int count) {
+  return SetSetting("del_count_enabled", "del_count", enabled, count);
+}
+
+int LogManager::GetLogDelSpan(bool& enabled, int& span) {
+  return GetSetting("del_span_enabled", "del_span", kDefaultSpan, enabled, span);
+}
+
+int LogManager::SetLogDelSpan(bool enabled, int span) {
+  return SetSetting("del_span_enabled", "del_span", enabled, span);
+}
 
 }  // namespace db

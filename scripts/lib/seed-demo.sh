@@ -22,4 +22,5 @@ printf 'package="Tidepool"\nversion="1.0.0-0001"\n' > /var/packages/Tidepool/INF
 "$admin" user add alice --password alice-demo >/dev/null
 "$admin" user add bob --password bob-demo >/dev/null
 "$control" user --enable admin alice bob >/dev/null
+"$(dirname "$0")/seed-history.sh"
 touch "$marker"

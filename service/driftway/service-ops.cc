@@ -1,5 +1,9 @@
 #include "service-ops.h"
 
+#include <memory>
+
+#include "db/manager.h"
+#include "db/view-writer.h"
 #include "driftway-protocol.h"
 #include "host-accounts.h"
 #include "logger.h"
@@ -12,6 +16,30 @@ namespace {
 OpResult Failed(int code, std::string message) {
   LOG_ERROR("%s\n", message.c_str());
   return OpResult{code, std::move(message)};
+}
+
+// Makes the owner's view (with its root) so it can be versioned and
+// browsed at once; a rotation, when given, goes into the view too. Opens the
+// sync database for the call when the caller has not.
+bool CreateOwnerView(uint64_t view_id, const Rotation* rotation) {
+  const bool opened_here = !db::Manager::IsInitialized();
+  if (opened_here) {
+    SyncConfigMgr config;
+    if (SyncGetConf(config) < 0 ||
+        db::Manager::Initialize(config.GetSystemRepoLocation(), config.GetDbConnectParam(),
+                                config.GetDBBackendString()) < 0)
+      return false;
+  }
+  bool ok = db::Manager::CreateView(view_id) >= 0;
+  if (ok && rotation) {
+    std::unique_ptr<db::ViewWriter> view;
+    ok = db::Manager::GetViewWriter(view_id, view) >= 0 &&
+         view->Reader().SetRotateCount(rotation->count) >= 0 &&
+         view->Reader().SetRotatePolicy(rotation->policy) >= 0 &&
+         view->Reader().SetRotateDays(rotation->days) >= 0;
+  }
+  if (opened_here) db::Manager::Destroy();
+  return ok;
 }
 
 }  // namespace
@@ -37,6 +65,10 @@ OpResult EnableUser(const SyncConfigMgr& config, const std::string& name, uint32
   if (UserManager::EnableUser(user.name, user.uid, UserTypeOf(user.name),
                               UserHomeRoot(config, user.name)) < 0)
     return Failed(kErrFailed, "cannot enable user " + name);
+  UserInfo info;
+  if (UserManager::GetUser(user.name, info, UserManager::kQueryStored) <= 0 ||
+      !CreateOwnerView(info.view_id, nullptr))
+    return Failed(kErrFailed, "cannot create the view of user " + name);
   return {};
 }
 
@@ -59,6 +91,8 @@ OpResult EnableShare(const std::string& share_name, const Rotation& rotation) {
       UserManager::InsertRotateSettingTable(info.view_id, rotation.count, rotation.policy,
                                             rotation.days) < 0)
     return Failed(kErrFailed, "cannot set the rotation of share " + share_name);
+  if (!CreateOwnerView(info.view_id, &rotation))
+    return Failed(kErrFailed, "cannot create the view of share " + share_name);
   return {};
 }
 

@@ -5,6 +5,10 @@
 #include "bridge/webapi-bridge.h"
 #include "handlers/check-user.h"
 #include "handlers/get-status.h"
+#include "handlers/node/activity.h"
+#include "handlers/node/list-parent.h"
+#include "handlers/node/list-version.h"
+#include "handlers/node/list.h"
 #include "logger.h"
 
 extern "C" void Process(KSTX::APIRequest* request, KSTX::APIResponse* response);
@@ -78,6 +82,10 @@ void Process(KSTX::APIRequest* request, KSTX::APIResponse* response) {
   Logger::Initialize(0, "", kDebugSettingsPath, 50, 1);
   bridge.AddHandler(new GetStatusHandler);
   bridge.AddHandler(new CheckUserHandler);
+  bridge.AddHandler(new NodeListHandler);
+  bridge.AddHandler(new NodeListParentHandler);
+  bridge.AddHandler(new NodeListVersionHandler);
+  bridge.AddHandler(new NodeActivityHandler);
   bridge.Process();
 }
 

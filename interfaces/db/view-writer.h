@@ -1,0 +1,66 @@
+// The write side of a view, for the sync service and for tests: new nodes
+// and versions, deletion markers, moves and version rotation. Results as in
+// errors.h. Every change is a version, so the tree at any past moment can be
+// rebuilt from the versions alone.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "db/errors.h"
+#include "db/types.h"
+#include "db/view-manager.h"
+
+namespace db {
+
+struct NewVersion {
+  std::string path;  // full path in the view, "/a/b.txt"; its parent folder must exist
+  int32_t file_type = kFileTypeFile;
+  uint64_t size = 0;
+  std::string hash;
+  uint32_t ctime = 0;  // when the version was made
+  uint32_t mtime = 0;  // the file's modification time
+  uint32_t uid = 0;
+  uint32_t gid = 0;
+  uint32_t mode = 0;
+  std::string acl;
+  uint32_t ver_type = kVerTypeStored;
+  uint64_t file_id = 0;
+  std::string file_uuid;
+  uint64_t mac_attr_file_id = 0;
+  std::string mac_attr_uuid;
+  std::string mac_attr_hash;
+  std::string client_id;
+  bool encrypted = false;
+};
+
+class ViewWriter {
+ public:
+  virtual ~ViewWriter() = default;
+
+  // A new node (new permanent id and permanent link) when no live node has
+  // the path, else a new version of that node. `out` is the node afterwards.
+  virtual int AddVersion(const NewVersion& v, Node& out) = 0;
+  // A deletion marker; a folder's live descendants get markers too (same ctime).
+  virtual int RemoveNode(uint64_t node_id, uint32_t ctime, const std::string& client_id) = 0;
+  // A version with the new parent and name (content fields copied); the
+  // descendants' paths follow.
+  virtual int MoveNode(uint64_t node_id, const std::string& new_path, uint32_t ctime,
+                       const std::string& client_id) = 0;
+  // Drops a node's oldest versions beyond `keep` (the latest state always
+  // stays); fills the removed versions so the caller can release their
+  // stored content.
+  virtual int RotateVersions(uint64_t node_id, int keep, std::vector<Version>& removed) = 0;
+
+  // Batching: changes between Begin and Commit land together.
+  virtual int Begin() = 0;
+  virtual int Commit() = 0;
+  virtual int Rollback() = 0;
+
+  // Reads through the same connection (sees uncommitted changes of a batch).
+  virtual ViewManager& Reader() = 0;
+};
+
+}  // namespace db

@@ -1,0 +1,399 @@
+// The write side of the version store. Each new content is read exactly
+// once: an origin is copied, hashed and signed in that pass; a delta is
+// made against the base's kept signature while the same blocks are hashed
+// and signed for the next version. A new row is inserted in a savepoint,
+// its files are written straight to their places, and the savepoint is
+// released only once they are complete: a failure leaves neither.
+#include "file-store.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <map>
+#include <mutex>
+
+#include "content-pass.h"
+#include "db/errors.h"
+#include "file-store-db.h"
+#include "keyvalue-file.h"
+#include "logger.h"
+
+namespace filestore {
+namespace {
+
+int MakeDir(const std::string& path) {
+  return mkdir(path.c_str(), 0755) == 0 || errno == EEXIST ? 0 : -1;
+}
+
+std::string Dirname(const std::string& path) {
+  const size_t slash = path.rfind('/');
+  if (slash == std::string::npos) return ".";
+  return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+// A temporary file of a rebuild, removed with the object.
+class TempPiece {
+ public:
+  TempPiece() = default;
+  TempPiece(const TempPiece&) = delete;
+  TempPiece& operator=(const TempPiece&) = delete;
+  ~TempPiece() {
+    if (fd_ >= 0) close(fd_);
+    if (!path_.empty()) unlink(path_.c_str());
+  }
+  int Create(const std::string& dir) {
+    path_ = dir + "/piece-XXXXXX";
+    fd_ = mkostemp(path_.data(), O_CLOEXEC);
+    if (fd_ < 0) path_.clear();
+    return fd_ < 0 ? -1 : 0;
+  }
+  int fd() const { return fd_; }
+  const std::string& path() const { return path_; }
+
+ private:
+  int fd_ = -1;
+  std::string path_;
+};
+
+class Fd {
+ public:
+  explicit Fd(int fd) : fd_(fd) {}
+  Fd(const Fd&) = delete;
+  Fd& operator=(const Fd&) = delete;
+  ~Fd() {
+    if (fd_ >= 0) close(fd_);
+  }
+  int get() const { return fd_; }
+
+ private:
+  int fd_;
+};
+
+int OpenSource(const std::string& path, int& fd, uint64_t& size) {
+  fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  struct stat st;
+  if (fd < 0 || fstat(fd, &st) != 0) {
+    LOG_ERROR("cannot read %s: %s\n", path.c_str(), strerror(errno));
+    return errno == ENOENT ? db::kErrNotFound : db::kErrCannotOpen;
+  }
+  size = static_cast<uint64_t>(st.st_size);
+  return db::kOk;
+}
+
+class FileStoreImpl final : public FileStore {
+ public:
+  FileStoreImpl(std::string folder, const Options& options)
+      : folder_(std::move(folder)), options_(options) {}
+
+  int Open(bool create) {
+    if (create) {
+      std::error_code ec;
+      std::filesystem::create_directories(folder_, ec);
+      for (const char* sub : {"/repo", "/delta", "/node_delta"})
+        if (MakeDir(folder_ + sub) < 0) return db::kErrCannotOpen;
+    }
+    return table_.Open(folder_ + "/" + kDatabaseName, create);
+  }
+
+  const std::string& uuid() const override { return table_.uuid(); }
+  const std::string& folder() const override { return folder_; }
+
+  int GetFileSizeSum(unsigned long long& size) override { return table_.SizeSum(false, size); }
+  int GetDeltaSizeSum(unsigned long long& size) override { return table_.SizeSum(true, size); }
+  int GetPatchFiles(uint64_t file_id, std::string& origin,
+                    std::vector<std::string>& patches) override {
+    return PatchFilesOf(table_, folder_, file_id, origin, patches);
+  }
+
+  int StoreNewFile(const std::string& path, Stored& out) override {
+    int raw = -1;
+    uint64_t size = 0;
+    const int rc = OpenSource(path, raw, size);
+    Fd fd(raw);
+    return rc < 0 ? rc : StoreOrigin(fd.get(), size, out);
+  }
+
+  int StoreBytes(const std::string& content, Stored& out) override {
+    return StoreOrigin(-1, content.size(), out, &content);
+  }
+
+  int StoreNewVersion(uint64_t base_id, const std::string& path, Stored& out) override {
+    FileRow base;
+    int rc = table_.Get(base_id, base);
+    if (rc < 0) return rc;
+    if (base.released) return db::kErrNotFound;
+    int raw = -1;
+    uint64_t size = 0;
+    rc = OpenSource(path, raw, size);
+    Fd fd(raw);
+    if (rc < 0) return rc;
+    if (IsLive(size)) return HashOnly(fd.get(), size, out);
+    Signature sig;
+    const bool chain_full = static_cast<int>(base.depth) >= options_.max_delta_chain;
+    if (chain_full || !base.has_signature) return StoreOrigin(fd.get(), size, out);
+    if (LoadSignature(SignaturePath(folder_, base_id), sig) < 0) {
+      // Content stays safe without the delta: start a fresh origin.
+      LOG_WARNING("signature of file %llu unusable, storing whole\n",
+                  static_cast<unsigned long long>(base_id));
+      return StoreOrigin(fd.get(), size, out);
+    }
+    FileRow row;
+    row.base_id = base_id;
+    row.depth = base.depth + 1;
+    row.has_signature = true;
+    Pieces pieces(this, row);
+    if ((rc = pieces.Begin()) < 0) return rc;
+    JobConsumer delta_job(rs_delta_begin(sig.get()), pieces.content());
+    JobConsumer sig_job(NewSignatureJob(size), pieces.signature());
+    HashConsumer hash;
+    if (ReadOnce(fd.get(), size, {&delta_job}, {&sig_job, &hash}) < 0) {
+      LOG_ERROR("cannot make the delta of %s: %s\n", path.c_str(), strerror(errno));
+      return db::kErrGeneral;
+    }
+    return pieces.Finish(hash, out);
+  }
+
+  int Release(uint64_t file_id) override {
+    int rc = table_.SetReleased(file_id);
+    if (rc < 0) return rc;
+    unlink(SignaturePath(folder_, file_id).c_str());
+    // Drop released pieces from the tip of a chain towards its origin; a
+    // piece stays while a later delta still needs it.
+    uint64_t id = file_id;
+    while (id != 0) {
+      FileRow row;
+      if ((rc = table_.Get(id, row)) < 0) return rc == db::kErrNotFound ? db::kOk : rc;
+      if (!row.released) break;
+      if ((rc = table_.HasChildren(id)) != 0) return rc < 0 ? rc : db::kOk;
+      if ((rc = table_.Delete(id)) < 0) return rc;
+      unlink(ContentPath(folder_, row).c_str());
+      id = row.base_id;
+    }
+    return db::kOk;
+  }
+
+  int Rebuild(uint64_t file_id, const std::string& out_path) override {
+    FileRow row;
+    std::string origin;
+    std::vector<std::string> patches;
+    int rc = table_.Get(file_id, row);
+    if (rc < 0 || (rc = PatchFilesOf(table_, folder_, file_id, origin, patches)) < 0) return rc;
+    const std::string dir = Dirname(out_path);
+    std::string current = origin;
+    TempPiece steps[2];
+    for (size_t i = 0; i < patches.size(); ++i) {
+      std::string next = out_path;
+      if (i + 1 < patches.size()) {
+        TempPiece& step = steps[i % 2];
+        if (step.path().empty() && step.Create(dir) < 0) return db::kErrGeneral;
+        next = step.path();
+      }
+      if (ApplyDelta(current, patches[i], next) < 0) {
+        LOG_ERROR("cannot apply %s to %s\n", patches[i].c_str(), current.c_str());
+        unlink(out_path.c_str());
+        return db::kErrCorrupt;
+      }
+      current = next;
+    }
+    return CheckRebuilt(row, patches.empty() ? origin : std::string(), out_path);
+  }
+
+  int BeginBatch() override { return table_.BeginBatch(); }
+  int CommitBatch() override { return table_.CommitBatch(); }
+
+ private:
+  bool IsLive(uint64_t size) const {
+    return options_.live_version_min_size > 0 && size >= options_.live_version_min_size;
+  }
+
+  int HashOnly(int fd, uint64_t size, Stored& out) {
+    HashConsumer hash;
+    if (ReadOnce(fd, size, {&hash}, {}) < 0) return db::kErrCannotOpen;
+    out = Stored{0, hash.hex(), hash.bytes(), db::kVerTypeLive};
+    return db::kOk;
+  }
+
+  // Content from `fd`, or from `bytes` when given. Small content keeps no
+  // signature: its next version is stored whole, as a delta would save
+  // next to nothing.
+  int StoreOrigin(int fd, uint64_t size, Stored& out, const std::string* bytes = nullptr) {
+    if (!bytes && IsLive(size)) return HashOnly(fd, size, out);
+    FileRow row;
+    row.has_signature = size >= options_.min_delta_size;
+    Pieces pieces(this, row);
+    int rc = pieces.Begin();
+    if (rc < 0) return rc;
+    CopyConsumer copy(pieces.content());
+    HashConsumer hash;
+    std::unique_ptr<JobConsumer> sig_job;
+    std::vector<Consumer*> back;
+    if (row.has_signature) {
+      sig_job = std::make_unique<JobConsumer>(NewSignatureJob(size), pieces.signature());
+      back.push_back(sig_job.get());
+    }
+    if (bytes) {
+      rc = copy.Feed(bytes->data(), bytes->size(), true);
+      if (rc >= 0) rc = hash.Feed(bytes->data(), bytes->size(), true);
+      if (rc >= 0 && sig_job) rc = sig_job->Feed(bytes->data(), bytes->size(), true);
+    } else {
+      rc = ReadOnce(fd, size, {&copy, &hash}, back);
+    }
+    if (rc < 0) {
+      LOG_ERROR("cannot store content: %s\n", strerror(errno));
+      return db::kErrGeneral;
+    }
+    return pieces.Finish(hash, out);
+  }
+
+  // The files of one new file id, written straight to their places while
+  // its row waits in a savepoint: the row and the files appear together,
+  // and a failure removes both.
+  class Pieces {
+   public:
+    Pieces(FileStoreImpl* store, FileRow& row) : store_(store), row_(row) {}
+    ~Pieces() {
+      if (done_) return;
+      CloseAll();
+      if (row_.file_id != 0) {
+        unlink(ContentPath(store_->folder_, row_).c_str());
+        unlink(SignaturePath(store_->folder_, row_.file_id).c_str());
+      }
+      if (open_) store_->table_.RollbackSavepoint();
+    }
+    int Begin() {
+      int rc = store_->table_.Savepoint();
+      if (rc < 0) return rc;
+      open_ = true;
+      if ((rc = store_->table_.Insert(row_)) < 0) return rc;
+      content_ = Create(ContentPath(store_->folder_, row_));
+      if (content_ < 0) return db::kErrGeneral;
+      if (row_.has_signature) {
+        signature_ = Create(SignaturePath(store_->folder_, row_.file_id));
+        if (signature_ < 0) return db::kErrGeneral;
+      }
+      return db::kOk;
+    }
+    int content() const { return content_; }
+    int signature() const { return signature_; }
+    int Finish(const HashConsumer& hash, Stored& out) {
+      struct stat st;
+      if (fstat(content_, &st) != 0 || CloseAll() < 0) return db::kErrGeneral;
+      row_.size = hash.bytes();
+      row_.stored_size = static_cast<uint64_t>(st.st_size);
+      row_.hash = hash.hex();
+      int rc = store_->table_.Update(row_);
+      if (rc >= 0) rc = store_->table_.ReleaseSavepoint();
+      if (rc < 0) return rc;
+      done_ = true;
+      out = Stored{row_.file_id, row_.hash, row_.size, db::kVerTypeStored};
+      return db::kOk;
+    }
+
+   private:
+    static int Create(const std::string& path) {
+      const int flags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC;
+      int fd = open(path.c_str(), flags, 0600);
+      // Fan-out folders are made on first use.
+      if (fd < 0 && errno == ENOENT && MakeDir(Dirname(path)) == 0)
+        fd = open(path.c_str(), flags, 0600);
+      return fd;
+    }
+    int CloseAll() {
+      int rc = 0;
+      for (int* fd : {&content_, &signature_}) {
+        if (*fd >= 0 && close(*fd) != 0) rc = -1;
+        *fd = -1;
+      }
+      return rc;
+    }
+
+    FileStoreImpl* store_;
+    FileRow& row_;
+    int content_ = -1;
+    int signature_ = -1;
+    bool open_ = false;
+    bool done_ = false;
+  };
+
+  // Copies an origin to `out_path` or, after patching, reads the result:
+  // either way one pass that proves size and hash.
+  int CheckRebuilt(const FileRow& row, const std::string& copy_from, const std::string& out_path) {
+    HashConsumer hash;
+    int rc = 0;
+    if (!copy_from.empty()) {
+      Fd in(open(copy_from.c_str(), O_RDONLY | O_CLOEXEC));
+      Fd out(open(out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+      if (in.get() < 0) {
+        LOG_ERROR("stored origin %s: %s\n", copy_from.c_str(), strerror(errno));
+        return db::kErrCorrupt;
+      }
+      if (out.get() < 0) return db::kErrCannotOpen;
+      CopyConsumer copy(out.get());
+      rc = ReadOnce(in.get(), row.size, {&copy, &hash}, {});
+    } else {
+      Fd in(open(out_path.c_str(), O_RDONLY | O_CLOEXEC));
+      rc = in.get() < 0 ? -1 : ReadOnce(in.get(), row.size, {&hash}, {});
+    }
+    if (rc < 0) {
+      unlink(out_path.c_str());
+      return db::kErrGeneral;
+    }
+    if (hash.bytes() != row.size || hash.hex() != row.hash) {
+      LOG_ERROR("rebuilt content of file %llu does not match its hash\n",
+                static_cast<unsigned long long>(row.file_id));
+      unlink(out_path.c_str());
+      return db::kErrCorrupt;
+    }
+    return db::kOk;
+  }
+
+  std::string folder_;
+  Options options_;
+  FileTable table_;
+};
+
+// librsync reports to stderr unless told otherwise; its words belong in
+// our log, beside the error the caller gets.
+void RsyncTrace(rs_loglevel level, const char* msg) {
+  if (level <= RS_LOG_WARNING) LOG_WARNING("librsync: %s\n", msg);
+}
+
+long long NumberOr(const std::map<std::string, std::string>& values, const char* key,
+                   long long fallback) {
+  const auto it = values.find(key);
+  if (it == values.end() || it->second.empty()) return fallback;
+  char* end = nullptr;
+  const long long n = strtoll(it->second.c_str(), &end, 10);
+  return (*end == '\0' && n >= 0) ? n : fallback;
+}
+
+}  // namespace
+
+Options LoadOptions(const std::string& setting_conf) {
+  Options options;
+  std::map<std::string, std::string> values;
+  if (!tpsys::ReadKeyValues(setting_conf, values)) return options;
+  options.max_delta_chain =
+      static_cast<int>(NumberOr(values, "max_delta_chain", options.max_delta_chain));
+  options.live_version_min_size = static_cast<uint64_t>(NumberOr(
+      values, "live_version_min_size", static_cast<long long>(options.live_version_min_size)));
+  return options;
+}
+
+int FileStore::Open(const std::string& folder, bool create, const Options& options,
+                    std::unique_ptr<FileStore>& out) {
+  static std::once_flag trace_once;
+  std::call_once(trace_once, [] { rs_trace_to(RsyncTrace); });
+  auto store = std::make_unique<FileStoreImpl>(folder, options);
+  const int rc = store->Open(create);
+  if (rc < 0) return rc;
+  out = std::move(store);
+  return db::kOk;
+}
+
+}  // namespace filestore

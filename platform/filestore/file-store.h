@@ -1,0 +1,79 @@
+// The version store of one volume: "<volume>/@tidepool/@sync". A file id
+// names one stored content: either an origin kept whole under "repo/", or a
+// librsync delta under "delta/" against the content of an earlier file id
+// (its base). Every live file id also keeps the librsync signature of its
+// content under "node_delta/", so the next version's delta is made without
+// reading old content. The rows live in "file-db.sqlite" in the same folder.
+//
+// Results are db::Result values (0 or more, negative on failure). A FileStore
+// is used by one thread at a time; several processes may share the folder.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "db/file-manager.h"
+#include "db/types.h"
+
+namespace filestore {
+
+struct Options {
+  // Deltas after an origin before the next version starts a fresh origin.
+  int max_delta_chain = 8;
+  // Content of this size or more is not kept (version type 2); 0: always kept.
+  uint64_t live_version_min_size = 0;
+  // Content smaller than this keeps no signature, so its next version is
+  // stored whole rather than as a delta.
+  uint64_t min_delta_size = 16 << 10;
+};
+
+// Options from "max_delta_chain" and "live_version_min_size" of the
+// service's setting.conf; defaults for missing or unusable values.
+Options LoadOptions(const std::string& setting_conf);
+
+// What a store call recorded.
+struct Stored {
+  uint64_t file_id = 0;  // 0 for a version whose content is not kept
+  std::string hash;      // SHA-256 of the content, lower-case hex
+  uint64_t size = 0;
+  uint32_t ver_type = db::kVerTypeStored;
+};
+
+class FileStore : public db::FileManager {
+ public:
+  // The store in `folder`; with `create` the folder, its database and uuid
+  // are made when missing. kErrCannotOpen when missing and not created,
+  // kErrCorrupt when the database is not ours or damaged.
+  static int Open(const std::string& folder, bool create, const Options& options,
+                  std::unique_ptr<FileStore>& out);
+
+  virtual const std::string& uuid() const = 0;
+  virtual const std::string& folder() const = 0;
+
+  // Stores the content of `path` (read once: copy, hash and signature).
+  virtual int StoreNewFile(const std::string& path, Stored& out) = 0;
+  // Stores `content` as a file's content (a symlink's target, for one).
+  virtual int StoreBytes(const std::string& content, Stored& out) = 0;
+  // Stores the content of `path` as the next version of `base_id`: a delta
+  // against base_id's signature, read once for delta, signature and hash.
+  // A fresh origin when base_id's chain is full or base_id keeps no
+  // signature. `out.file_id` is a new id; base_id stays valid.
+  virtual int StoreNewVersion(uint64_t base_id, const std::string& path, Stored& out) = 0;
+
+  // The version of this file id was rotated away: its content is dropped
+  // once no later delta is built on it. Unknown ids give kErrNotFound.
+  virtual int Release(uint64_t file_id) = 0;
+
+  // Writes the content of `file_id` to `out_path` (origin plus deltas), and
+  // checks its size and hash. kErrCorrupt when a piece is missing or bad.
+  virtual int Rebuild(uint64_t file_id, const std::string& out_path) = 0;
+
+  // Groups many store calls into one database transaction (a scan); each
+  // call still succeeds or fails on its own.
+  virtual int BeginBatch() = 0;
+  virtual int CommitBatch() = 0;
+};
+
+}  // namespace filestore

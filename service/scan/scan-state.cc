@@ -1,0 +1,131 @@
+#include "scan-state.h"
+
+#include <SQLiteCpp/Statement.h>
+
+#include "db/errors.h"
+#include "logger.h"
+
+namespace scan {
+namespace {
+
+const char* const kSchema = R"(
+CREATE TABLE IF NOT EXISTS recorded(
+  view_id INTEGER NOT NULL, node_id INTEGER NOT NULL,
+  dev INTEGER NOT NULL, ino INTEGER NOT NULL, file_type INTEGER NOT NULL,
+  size INTEGER NOT NULL, mtime_ns INTEGER NOT NULL,
+  uid INTEGER NOT NULL, gid INTEGER NOT NULL, mode INTEGER NOT NULL, acl TEXT NOT NULL,
+  hash TEXT NOT NULL, file_id INTEGER NOT NULL, file_uuid TEXT NOT NULL,
+  ver_type INTEGER NOT NULL,
+  PRIMARY KEY(view_id, node_id));
+)";
+
+template <typename F>
+int Guard(const char* what, F&& f) noexcept {
+  try {
+    return f();
+  } catch (const std::exception& e) {
+    LOG_ERROR("scan state: %s: %s\n", what, e.what());
+    return db::kErrGeneral;
+  }
+}
+
+int64_t I(uint64_t v) { return static_cast<int64_t>(v); }
+
+}  // namespace
+
+int ScanState::Open(const std::string& repository) {
+  return Guard("open", [&] {
+    db_ = std::make_unique<SQLite::Database>(repository + "/scan-db.sqlite",
+                                             SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE, 5000);
+    db_->exec("PRAGMA journal_mode=WAL");
+    db_->exec("PRAGMA synchronous=NORMAL");
+    db_->exec(kSchema);
+    put_ = std::make_unique<SQLite::Statement>(
+        *db_,
+        "INSERT OR REPLACE INTO recorded VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
+    forget_ = std::make_unique<SQLite::Statement>(
+        *db_, "DELETE FROM recorded WHERE view_id = ? AND node_id = ?");
+    return static_cast<int>(db::kOk);
+  });
+}
+
+int ScanState::Load(uint64_t view_id, std::unordered_map<uint64_t, Recorded>& out) {
+  out.clear();
+  return Guard("load", [&] {
+    SQLite::Statement q(*db_,
+                        "SELECT node_id, dev, ino, file_type, size, mtime_ns, uid, gid, mode, "
+                        "acl, hash, file_id, file_uuid, ver_type FROM recorded WHERE view_id = ?");
+    q.bind(1, I(view_id));
+    while (q.executeStep()) {
+      Recorded r;
+      int i = 0;
+      r.node_id = static_cast<uint64_t>(q.getColumn(i++).getInt64());
+      r.dev = static_cast<uint64_t>(q.getColumn(i++).getInt64());
+      r.ino = static_cast<uint64_t>(q.getColumn(i++).getInt64());
+      r.file_type = q.getColumn(i++).getInt();
+      r.size = static_cast<uint64_t>(q.getColumn(i++).getInt64());
+      r.mtime_ns = q.getColumn(i++).getInt64();
+      r.uid = static_cast<uint32_t>(q.getColumn(i++).getInt64());
+      r.gid = static_cast<uint32_t>(q.getColumn(i++).getInt64());
+      r.mode = static_cast<uint32_t>(q.getColumn(i++).getInt64());
+      r.acl = q.getColumn(i++).getString();
+      r.hash = q.getColumn(i++).getString();
+      r.file_id = static_cast<uint64_t>(q.getColumn(i++).getInt64());
+      r.file_uuid = q.getColumn(i++).getString();
+      r.ver_type = static_cast<uint32_t>(q.getColumn(i++).getInt64());
+      out.emplace(r.node_id, std::move(r));
+    }
+    return static_cast<int>(db::kOk);
+  });
+}
+
+int ScanState::Put(uint64_t view_id, const Recorded& r) {
+  return Guard("put", [&] {
+    SQLite::Statement& q = *put_;
+    q.reset();
+    int i = 1;
+    q.bind(i++, I(view_id));
+    q.bind(i++, I(r.node_id));
+    q.bind(i++, I(r.dev));
+    q.bind(i++, I(r.ino));
+    q.bind(i++, r.file_type);
+    q.bind(i++, I(r.size));
+    q.bind(i++, r.mtime_ns);
+    q.bind(i++, static_cast<int64_t>(r.uid));
+    q.bind(i++, static_cast<int64_t>(r.gid));
+    q.bind(i++, static_cast<int64_t>(r.mode));
+    q.bind(i++, r.acl);
+    q.bind(i++, r.hash);
+    q.bind(i++, I(r.file_id));
+    q.bind(i++, r.file_uuid);
+    q.bind(i++, static_cast<int64_t>(r.ver_type));
+    q.exec();
+    return static_cast<int>(db::kOk);
+  });
+}
+
+int ScanState::Forget(uint64_t view_id, uint64_t node_id) {
+  return Guard("forget", [&] {
+    forget_->reset();
+    forget_->bind(1, I(view_id));
+    forget_->bind(2, I(node_id));
+    forget_->exec();
+    return static_cast<int>(db::kOk);
+  });
+}
+
+int ScanState::Begin() {
+  return Guard("begin", [&] {
+    db_->exec("BEGIN IMMEDIATE");
+    return static_cast<int>(db::kOk);
+  });
+}
+
+int ScanState::Commit() {
+  return Guard("commit", [&] {
+    db_->exec("COMMIT");
+    return static_cast<int>(db::kOk);
+  });
+}
+
+}  // namespace scan

@@ -1,0 +1,120 @@
+#include "scan.h"
+
+#include <sys/stat.h>
+
+#include <ctime>
+#include <list>
+#include <map>
+#include <memory>
+
+#include "db/errors.h"
+#include "db/log-manager.h"
+#include "db/manager.h"
+#include "file-store.h"
+#include "logger.h"
+#include "scan-state.h"
+#include "sync-service.h"
+#include "user-manager.h"
+#include "view-scan.h"
+
+namespace scan {
+namespace {
+
+// "/volume1/homes/alice/Tidepool" -> "/volume1".
+std::string VolumeOf(const std::string& path) {
+  if (path.size() < 2 || path[0] != '/') return "";
+  return path.substr(0, path.find('/', 1));
+}
+
+int Targets(std::vector<ScanTarget>& out) {
+  std::list<UserInfo> users, shares;
+  if (UserManager::EnumAllUser(users) < 0 || UserManager::EnumShareUser(shares, "") < 0)
+    return db::kErrGeneral;
+  for (const std::list<UserInfo>* list : {&users, &shares}) {
+    for (const UserInfo& u : *list) {
+      if (!u.isEnabled() || u.view_id == 0 || u.root_path.empty()) continue;
+      if (list == &users && u.isShareUser()) continue;
+      out.push_back(ScanTarget{u.view_id, u.name, u.user_type, u.uid, u.root_path});
+    }
+  }
+  return db::kOk;
+}
+
+// The process-wide databases of one run, closed in reverse order.
+struct Databases {
+  ~Databases() {
+    db::LogManager::Destroy();
+    db::Manager::Destroy();
+    UserManager::Destroy();
+  }
+  int Open(const SyncConfigMgr& config) {
+    const std::string repo = config.GetSystemRepoLocation();
+    const std::string connect = config.GetDbConnectParam();
+    const std::string backend = config.GetDBBackendString();
+    mkdir(repo.c_str(), 0755);
+    int rc = UserManager::Initialize(connect, backend);
+    if (rc >= 0) rc = db::Manager::Initialize(repo, connect, backend);
+    if (rc >= 0) rc = db::LogManager::Initialize(repo, connect, backend, false);
+    if (rc >= 0) rc = state.Open(connect);
+    return rc;
+  }
+  ScanState state;
+};
+
+class Stores {
+ public:
+  explicit Stores(filestore::Options options) : options_(options) {}
+  // The volume's store, made and registered on first use.
+  filestore::FileStore* For(const std::string& volume) {
+    auto it = stores_.find(volume);
+    if (it != stores_.end()) return it->second.get();
+    const std::string folder = volume + "/@tidepool/@sync";
+    mkdir((volume + "/@tidepool").c_str(), 0755);
+    std::unique_ptr<filestore::FileStore> store;
+    int rc = filestore::FileStore::Open(folder, true, options_, store);
+    if (rc >= 0) rc = db::Manager::RegisterVolume(volume, store->uuid(), folder);
+    if (rc < 0) {
+      LOG_ERROR("scan: cannot open the file store of %s (%d)\n", volume.c_str(), rc);
+      return nullptr;
+    }
+    return (stores_[volume] = std::move(store)).get();
+  }
+
+ private:
+  filestore::Options options_;
+  std::map<std::string, std::unique_ptr<filestore::FileStore>> stores_;
+};
+
+}  // namespace
+
+int ScanAll(const SyncConfigMgr& config, const ScanOptions& given, ScanSummary& summary) {
+  ScanOptions options = given;
+  if (options.at == 0) options.at = static_cast<uint32_t>(time(nullptr));
+  Databases dbs;
+  int rc = dbs.Open(config);
+  if (rc < 0) return rc;
+  std::vector<ScanTarget> targets;
+  if ((rc = Targets(targets)) < 0) return rc;
+  Stores stores(filestore::LoadOptions(SyncConfigMgr::kPath));
+  for (const ScanTarget& target : targets) {
+    struct stat st;
+    if (stat(target.root_path.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
+      // A missing root is not an empty tree: nothing is removed.
+      LOG_WARNING("scan: %s has no folder %s\n", target.owner.c_str(), target.root_path.c_str());
+      continue;
+    }
+    filestore::FileStore* store = stores.For(VolumeOf(target.root_path));
+    std::unique_ptr<db::ViewWriter> view;
+    if (!store || db::Manager::CreateView(target.view_id) < 0 ||
+        db::Manager::GetViewWriter(target.view_id, view) < 0) {
+      LOG_ERROR("scan: cannot open the view of %s\n", target.owner.c_str());
+      ++summary.failed;
+      continue;
+    }
+    ++summary.views;
+    if (ViewScan(target, *view, *store, dbs.state, options, summary).Run() < 0) ++summary.failed;
+  }
+  return db::kOk;
+}
+
+}  // namespace scan

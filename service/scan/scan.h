@@ -1,0 +1,43 @@
+// One pass of versioning over every enabled home and share: the tree on
+// disk is compared with each owner's view and every difference becomes a
+// version (new, changed, removed, moved or renamed files, folders and
+// symlinks), with its log record and the view's rotation applied.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+class SyncConfigMgr;
+
+namespace scan {
+
+struct ScanOptions {
+  uint32_t at = 0;  // when the versions are made; 0: now
+  std::string client_id = "scan";
+};
+
+struct ScanSummary {
+  unsigned views = 0;
+  unsigned added = 0;
+  unsigned modified = 0;
+  unsigned removed = 0;
+  unsigned moved = 0;
+  unsigned rotated = 0;
+  unsigned failed = 0;  // entries that could not be recorded
+};
+
+// The owner of one view and where its tree lies.
+struct ScanTarget {
+  uint64_t view_id = 0;
+  std::string owner;        // user or share name
+  uint32_t owner_type = 0;  // db::kShareType*
+  uint32_t uid = 0;
+  std::string root_path;
+};
+
+// Every enabled owner. Opens and closes the user, sync and log databases of
+// `config` itself. 0, or negative when the databases cannot be opened; a
+// view that fails is counted and the others go on.
+int ScanAll(const SyncConfigMgr& config, const ScanOptions& options, ScanSummary& summary);
+
+}  // namespace scan

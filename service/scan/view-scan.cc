@@ -1,0 +1,457 @@
+#include "view-scan.h"
+
+#include <algorithm>
+#include <set>
+
+#include "db/errors.h"
+#include "db/log-manager.h"
+#include "logger.h"
+
+namespace scan {
+namespace {
+
+constexpr uint32_t kLogAdd = 13;
+constexpr uint32_t kLogRemove = 14;
+constexpr uint32_t kLogModify = 15;
+constexpr uint32_t kLogRotate = 16;
+constexpr uint32_t kLogMove = 17;
+
+std::string ParentOf(const std::string& path) {
+  const size_t slash = path.rfind('/');
+  return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+bool IsUnder(const std::string& path, const std::string& folder) {
+  return path.size() > folder.size() && path.compare(0, folder.size(), folder) == 0 &&
+         path[folder.size()] == '/';
+}
+
+struct PairHash {
+  size_t operator()(const std::pair<uint64_t, uint64_t>& p) const {
+    return std::hash<uint64_t>()(p.first * 1000003u ^ p.second);
+  }
+};
+
+Recorded FromDisk(const DiskEntry& e) {
+  Recorded r;
+  r.dev = e.st.st_dev;
+  r.ino = e.st.st_ino;
+  r.file_type = e.file_type;
+  r.mtime_ns = e.mtime_ns();
+  r.uid = e.st.st_uid;
+  r.gid = e.st.st_gid;
+  r.mode = e.st.st_mode & 07777;
+  r.acl = e.acl;
+  r.ver_type = db::kVerTypeStored;
+  return r;
+}
+
+bool SameStat(const Recorded& a, const Recorded& b) {
+  return a.dev == b.dev && a.ino == b.ino && a.file_type == b.file_type && a.size == b.size &&
+         a.mtime_ns == b.mtime_ns;
+}
+
+}  // namespace
+
+int ViewScan::Run() {
+  if (WalkTree(target_.root_path, entries_) < 0) {
+    LOG_ERROR("scan: cannot read %s\n", target_.root_path.c_str());
+    return db::kErrCannotOpen;
+  }
+  int rc = LoadLive();
+  if (rc < 0 || (rc = state_.Load(target_.view_id, recorded_)) < 0) return rc;
+  if (view_.Reader().GetRotateCount(rotate_count_) < 0) rotate_count_ = 0;
+  Match();
+  // One transaction per database for the whole view: a scan of many small
+  // files is bound by commits otherwise.
+  if ((rc = view_.Begin()) < 0) return rc;
+  store_.BeginBatch();
+  state_.Begin();
+  rc = RecordRoot();
+  if (rc >= 0) rc = PlaceAll();
+  std::vector<const Live*> left;
+  for (const auto& [id, live] : live_)
+    if (!live.claimed && !live.gone) left.push_back(&live);
+  std::sort(left.begin(), left.end(),
+            [](const Live* a, const Live* b) { return a->path < b->path; });
+  for (const Live* live : left)
+    if (!live->gone) RemoveLive(live->id);
+  state_.Commit();
+  store_.CommitBatch();
+  const int commit = view_.Commit();
+  return commit < 0 ? commit : rc;
+}
+
+int ViewScan::RecordRoot() {
+  struct stat st;
+  if (stat(target_.root_path.c_str(), &st) != 0) return db::kErrCannotOpen;
+  const uint32_t mode = st.st_mode & 07777;
+  const std::string acl = AclText(target_.root_path);
+  std::vector<db::Version> versions;
+  const int rc = view_.Reader().ListVersion(root_id_, versions, db::ViewManager::kListVersionAll);
+  if (rc < 0) return rc;
+  if (!versions.empty()) {
+    const db::Version& last = versions.back();
+    if (last.getUserId() == st.st_uid && last.getGroupId() == st.st_gid &&
+        last.getUnixMode() == mode && last.getAcl() == acl) {
+      return db::kOk;
+    }
+  }
+  db::NewVersion v;
+  v.path = "/";
+  v.file_type = db::kFileTypeDir;
+  v.ctime = options_.at;
+  v.mtime = static_cast<uint32_t>(st.st_mtim.tv_sec);
+  v.uid = st.st_uid;
+  v.gid = st.st_gid;
+  v.mode = mode;
+  v.acl = acl;
+  v.client_id = options_.client_id;
+  db::Node node;
+  return view_.AddVersion(v, node);
+}
+
+int ViewScan::LoadLive() {
+  db::ViewManager& reader = view_.Reader();
+  root_id_ = reader.getRootNodeId();
+  db::SearchNodeFilter filter;
+  filter.node_id = root_id_;
+  filter.recursive = true;
+  filter.removed_mode = 1;
+  filter.file_type = -1;
+  std::vector<db::Node> nodes;
+  const int rc = reader.SearchNode(filter, nodes);
+  if (rc < 0) return rc;
+  live_.clear();
+  at_path_.clear();
+  at_path_["/"] = root_id_;
+  for (const db::Node& n : nodes) {
+    if (n.getNodeId() == root_id_ || n.isRemoved()) continue;
+    live_[n.getNodeId()] = Live{n.getNodeId(), n.getPath(), n.getFileType()};
+    at_path_[n.getPath()] = n.getNodeId();
+  }
+  return db::kOk;
+}
+
+// Identity first: a file that kept its inode, size and modification time
+// was moved, wherever it now lies. Inode numbers are reused after a delete,
+// so a changed size or time at a new path counts as a new file. Then
+// whatever stands at the same path with the same kind is the same node
+// (editors that save by rename give a new inode).
+void ViewScan::Match() {
+  std::unordered_map<std::pair<uint64_t, uint64_t>, uint64_t, PairHash> by_inode;
+  for (const auto& [id, r] : recorded_)
+    if (live_.count(id)) by_inode[{r.dev, r.ino}] = id;
+  node_of_.assign(entries_.size(), 0);
+  placed_.assign(entries_.size(), false);
+  for (size_t i = 0; i < entries_.size(); ++i) {
+    const DiskEntry& e = entries_[i];
+    const auto it = by_inode.find({e.st.st_dev, e.st.st_ino});
+    if (it == by_inode.end()) continue;
+    Live& live = live_[it->second];
+    const Recorded& r = recorded_[it->second];
+    if (live.claimed || live.type != e.file_type) continue;
+    const bool same_content =
+        e.file_type == db::kFileTypeDir ||
+        (r.size == static_cast<uint64_t>(e.st.st_size) && r.mtime_ns == e.mtime_ns());
+    if (live.path != e.path && !same_content) continue;
+    live.claimed = true;
+    node_of_[i] = live.id;
+  }
+  for (size_t i = 0; i < entries_.size(); ++i) {
+    if (node_of_[i] != 0) continue;
+    const auto it = at_path_.find(entries_[i].path);
+    if (it == at_path_.end() || it->second == root_id_) continue;
+    Live& live = live_[it->second];
+    if (live.claimed || live.type != entries_[i].file_type) continue;
+    live.claimed = true;
+    node_of_[i] = live.id;
+  }
+}
+
+int ViewScan::PlaceAll() {
+  size_t left = entries_.size();
+  while (left > 0) {
+    bool progress = false;
+    for (int stage = 0; stage < 2 && !progress; ++stage) {
+      for (size_t i = 0; i < entries_.size(); ++i) {
+        if (placed_[i] || !TryPlace(i, stage)) continue;
+        --left;
+        progress = true;
+        if (stage > 0) break;  // one removal, then the cheap pass again
+      }
+    }
+    if (progress) continue;
+    // Nodes that swapped places wait on each other: the first one in the
+    // way gives up its identity and is recorded as removed and added.
+    for (size_t i = 0; i < entries_.size() && !progress; ++i) {
+      if (placed_[i] || node_of_[i] == 0) continue;
+      live_[node_of_[i]].claimed = false;
+      node_of_[i] = 0;
+      progress = true;
+    }
+    if (!progress) break;
+  }
+  for (size_t i = 0; i < entries_.size(); ++i) {
+    if (!placed_[i]) {
+      LOG_ERROR("scan: cannot place %s\n", entries_[i].abs_path.c_str());
+      ++summary_.failed;
+    }
+  }
+  return db::kOk;
+}
+
+bool ViewScan::ParentReady(const std::string& path) const {
+  const auto it = at_path_.find(ParentOf(path));
+  if (it == at_path_.end()) return false;
+  if (it->second == root_id_) return true;
+  const auto live = live_.find(it->second);
+  return live != live_.end() && live->second.type == db::kFileTypeDir;
+}
+
+bool ViewScan::TryPlace(size_t i, int stage) {
+  const DiskEntry& e = entries_[i];
+  const uint64_t node = node_of_[i];
+  if (!ParentReady(e.path)) return false;
+  if (node == 0 || live_[node].path != e.path) {
+    const auto occupant = at_path_.find(e.path);
+    if (occupant != at_path_.end()) {
+      if (stage == 0 || live_[occupant->second].claimed) return false;
+      RemoveLive(occupant->second);
+    }
+  }
+  placed_[i] = true;
+  if (node != 0 && live_[node].path != e.path && Move(i) < 0) {
+    // The node could not follow its file: record the file as new.
+    live_[node].claimed = false;
+    node_of_[i] = 0;
+  }
+  if (Record(i, node_of_[i]) < 0) ++summary_.failed;
+  return true;
+}
+
+int ViewScan::Move(size_t i) {
+  const DiskEntry& e = entries_[i];
+  Live& live = live_[node_of_[i]];
+  const std::string old_path = live.path;
+  const int rc = view_.MoveNode(live.id, e.path, options_.at, options_.client_id);
+  if (rc < 0) {
+    LOG_ERROR("scan: cannot move %s to %s (%d)\n", old_path.c_str(), e.path.c_str(), rc);
+    return rc;
+  }
+  at_path_.erase(old_path);
+  at_path_[e.path] = live.id;
+  live.path = e.path;
+  if (live.type == db::kFileTypeDir) {
+    for (auto& [id, other] : live_) {
+      if (other.gone || !IsUnder(other.path, old_path)) continue;
+      at_path_.erase(other.path);
+      other.path = e.path + other.path.substr(old_path.size());
+      at_path_[other.path] = id;
+    }
+  }
+  ++summary_.moved;
+  Log(kLogMove, live.id, live.type, {e.path, old_path, options_.client_id}, true);
+  Rotate(live.id, e.path, live.type);
+  return db::kOk;
+}
+
+int ViewScan::PreviousOf(uint64_t node_id, Recorded& out) {
+  const auto it = recorded_.find(node_id);
+  if (it != recorded_.end()) {
+    out = it->second;
+    return db::kOk;
+  }
+  // Recorded by someone else: its newest version says what is known.
+  std::vector<db::Version> versions;
+  const int rc = view_.Reader().ListVersion(node_id, versions, db::ViewManager::kListVersionAll);
+  if (rc < 0 || versions.empty()) return rc < 0 ? rc : db::kErrNotFound;
+  const db::Version& v = versions.back();
+  out = Recorded{};
+  out.node_id = node_id;
+  out.file_type = v.getFileType();
+  out.size = v.getSize();
+  out.mtime_ns = static_cast<int64_t>(v.getVerModifiedTime()) * 1000000000;
+  out.uid = v.getUserId();
+  out.gid = v.getGroupId();
+  out.mode = v.getUnixMode();
+  out.acl = v.getAcl();
+  out.hash = v.getHash();
+  out.file_id = v.getFileId();
+  out.file_uuid = v.getFileUuid();
+  out.ver_type = v.getVerType();
+  return db::kOk;
+}
+
+// Content is read only when size, time or inode moved on, and then once:
+// as a delta against the previous version where there is one. A touch that
+// left the bytes alone keeps the previous content.
+int ViewScan::StoreContent(const DiskEntry& e, const Recorded* prev, Recorded& now) {
+  now.size = e.file_type == db::kFileTypeSymlink ? e.link_target.size()
+                                                 : static_cast<uint64_t>(e.st.st_size);
+  if (e.file_type == db::kFileTypeDir) {
+    now.size = 0;
+    return db::kOk;
+  }
+  auto keep_previous = [&] {
+    now.hash = prev->hash;
+    now.file_id = prev->file_id;
+    now.file_uuid = prev->file_uuid;
+    now.ver_type = prev->ver_type;
+    now.size = prev->size;
+  };
+  if (prev && SameStat(*prev, now)) {
+    keep_previous();
+    return db::kOk;
+  }
+  filestore::Stored stored;
+  int rc;
+  if (e.file_type == db::kFileTypeSymlink) {
+    rc = store_.StoreBytes(e.link_target, stored);
+  } else if (prev && prev->file_id != 0 && prev->ver_type == db::kVerTypeStored &&
+             prev->file_uuid == store_.uuid() && prev->file_type == e.file_type) {
+    rc = store_.StoreNewVersion(prev->file_id, e.abs_path, stored);
+    if (rc == db::kErrNotFound) rc = store_.StoreNewFile(e.abs_path, stored);
+  } else {
+    rc = store_.StoreNewFile(e.abs_path, stored);
+  }
+  if (rc < 0) {
+    LOG_ERROR("scan: cannot store %s (%d)\n", e.abs_path.c_str(), rc);
+    return rc;
+  }
+  if (prev && prev->file_type == e.file_type && stored.hash == prev->hash &&
+      stored.size == prev->size && stored.ver_type == prev->ver_type) {
+    if (stored.file_id != 0 && stored.file_id != prev->file_id) store_.Release(stored.file_id);
+    keep_previous();
+    return db::kOk;
+  }
+  now.hash = stored.hash;
+  now.size = stored.size;
+  now.file_id = stored.file_id;
+  now.file_uuid = stored.file_id != 0 ? store_.uuid() : "";
+  now.ver_type = stored.ver_type;
+  return db::kOk;
+}
+
+int ViewScan::Record(size_t i, uint64_t node_id) {
+  const DiskEntry& e = entries_[i];
+  Recorded prev;
+  const bool have_prev = node_id != 0 && PreviousOf(node_id, prev) == 0;
+  Recorded now = FromDisk(e);
+  int rc = StoreContent(e, have_prev ? &prev : nullptr, now);
+  if (rc < 0) return rc;
+  const bool is_dir = e.file_type == db::kFileTypeDir;
+  const bool changed = !have_prev || now.hash != prev.hash || now.size != prev.size ||
+                       now.ver_type != prev.ver_type || now.uid != prev.uid ||
+                       now.gid != prev.gid || now.mode != prev.mode || now.acl != prev.acl ||
+                       (!is_dir && now.mtime_ns / 1000000000 != prev.mtime_ns / 1000000000);
+  now.node_id = node_id;
+  if (!changed) {
+    // Keep the inode and exact time so the next scan needs no read.
+    if (!SameStat(prev, now)) state_.Put(target_.view_id, now);
+    return db::kOk;
+  }
+  db::NewVersion v;
+  v.path = e.path;
+  v.file_type = e.file_type;
+  v.size = now.size;
+  v.hash = now.hash;
+  v.ctime = options_.at;
+  v.mtime = static_cast<uint32_t>(e.st.st_mtim.tv_sec);
+  v.uid = now.uid;
+  v.gid = now.gid;
+  v.mode = now.mode;
+  v.acl = now.acl;
+  v.ver_type = now.ver_type;
+  v.file_id = now.file_id;
+  v.file_uuid = now.file_uuid;
+  v.client_id = options_.client_id;
+  db::Node node;
+  if ((rc = view_.AddVersion(v, node)) < 0) {
+    LOG_ERROR("scan: cannot record %s (%d)\n", e.abs_path.c_str(), rc);
+    if (now.file_id != 0 && (!have_prev || now.file_id != prev.file_id))
+      store_.Release(now.file_id);
+    return rc;
+  }
+  now.node_id = node.getNodeId();
+  state_.Put(target_.view_id, now);
+  recorded_[now.node_id] = now;
+  if (node_id == 0) {
+    node_of_[i] = now.node_id;
+    live_[now.node_id] = Live{now.node_id, e.path, e.file_type, true};
+    at_path_[e.path] = now.node_id;
+    ++summary_.added;
+    Log(kLogAdd, now.node_id, e.file_type, {e.path, options_.client_id});
+  } else {
+    ++summary_.modified;
+    Log(kLogModify, now.node_id, e.file_type, {e.path, options_.client_id});
+  }
+  Rotate(now.node_id, e.path, e.file_type);
+  return db::kOk;
+}
+
+void ViewScan::RemoveLive(uint64_t node_id) {
+  Live& live = live_[node_id];
+  const int rc = view_.RemoveNode(node_id, options_.at, options_.client_id);
+  if (rc < 0) {
+    LOG_ERROR("scan: cannot remove %s (%d)\n", live.path.c_str(), rc);
+    ++summary_.failed;
+    return;
+  }
+  std::vector<Live*> subtree = {&live};
+  if (live.type == db::kFileTypeDir) {
+    for (auto& [id, other] : live_)
+      if (!other.gone && IsUnder(other.path, live.path)) subtree.push_back(&other);
+  }
+  for (Live* each : subtree) {
+    each->gone = true;
+    at_path_.erase(each->path);
+    state_.Forget(target_.view_id, each->id);
+    recorded_.erase(each->id);
+    Rotate(each->id, each->path, each->type);
+  }
+  ++summary_.removed;
+  Log(kLogRemove, node_id, live.type, {live.path, options_.client_id});
+}
+
+// Versions beyond the view's count go, and with them stored content that
+// no remaining version of the node still points at.
+void ViewScan::Rotate(uint64_t node_id, const std::string& path, int32_t type) {
+  if (rotate_count_ <= 0) return;
+  std::vector<db::Version> removed;
+  if (view_.RotateVersions(node_id, rotate_count_, removed) <= 0) return;
+  std::vector<db::Version> kept;
+  view_.Reader().ListVersion(node_id, kept, db::ViewManager::kListVersionAll);
+  std::set<uint64_t> in_use;
+  for (const db::Version& v : kept) in_use.insert(v.getFileId());
+  for (const db::Version& v : removed) {
+    Log(kLogRotate, node_id, type, {path});
+    if (v.getFileId() == 0 || v.getVerType() != db::kVerTypeStored ||
+        v.getFileUuid() != store_.uuid() || !in_use.insert(v.getFileId()).second)
+      continue;
+    store_.Release(v.getFileId());
+  }
+  summary_.rotated += static_cast<unsigned>(removed.size());
+}
+
+void ViewScan::Log(uint32_t type, uint64_t node_id, int32_t file_type,
+                   const std::vector<std::string>& s_args, bool with_source_id) {
+  if (!db::LogManager::IsInitialized()) return;
+  db::Log log;
+  log.setType(type);
+  log.setTime(options_.at);
+  log.setViewId(target_.view_id);
+  log.setShareName(target_.owner);
+  log.setShareType(target_.owner_type);
+  if (target_.owner_type != db::kShareTypeShare) {
+    log.setUserName(target_.owner);
+    log.setUserId(target_.uid);
+  }
+  log.pushArg(node_id, false);
+  log.pushArg(static_cast<unsigned long long>(file_type), false);
+  if (with_source_id) log.pushArg(node_id, false);
+  for (const std::string& s : s_args) log.pushArg(s, true);
+  if (db::LogManager::InsertLog(log) != 0) LOG_WARNING("scan: cannot write a log record\n");
+}
+
+}  // namespace scan

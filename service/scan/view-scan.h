@@ -1,0 +1,78 @@
+// The scan of one view: matches the tree on disk to the view's live nodes
+// (by device and inode first, so moves and renames keep their node, then by
+// path), places every entry (moves, additions, removal of what stands in
+// the way), records changed content and attributes, and removes the nodes
+// left without a file.
+#pragma once
+
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "db/view-writer.h"
+#include "file-store.h"
+#include "scan-state.h"
+#include "scan.h"
+#include "tree-walk.h"
+
+namespace scan {
+
+class ViewScan {
+ public:
+  ViewScan(const ScanTarget& target, db::ViewWriter& view, filestore::FileStore& store,
+           ScanState& state, const ScanOptions& options, ScanSummary& summary)
+      : target_(target),
+        view_(view),
+        store_(store),
+        state_(state),
+        options_(options),
+        summary_(summary) {}
+  // 0, or negative when the view could not be scanned at all.
+  int Run();
+
+ private:
+  struct Live {
+    uint64_t id = 0;
+    std::string path;
+    int32_t type = 0;
+    bool claimed = false;
+    bool gone = false;
+  };
+
+  int LoadLive();
+  void Match();
+  // The root's owner, mode and ACL govern everything below it, so the root
+  // is versioned like any folder.
+  int RecordRoot();
+  int PlaceAll();
+  // Stage 0 places what is free; stage 1 may remove an unclaimed node in
+  // the way first.
+  bool TryPlace(size_t i, int stage);
+  bool ParentReady(const std::string& path) const;
+  int Move(size_t i);
+  int Record(size_t i, uint64_t node_id);
+  int StoreContent(const DiskEntry& e, const Recorded* prev, Recorded& now);
+  void RemoveLive(uint64_t node_id);
+  void Rotate(uint64_t node_id, const std::string& path, int32_t type);
+  int PreviousOf(uint64_t node_id, Recorded& out);
+  void Log(uint32_t type, uint64_t node_id, int32_t file_type,
+           const std::vector<std::string>& s_args, bool with_source_id = false);
+
+  const ScanTarget& target_;
+  db::ViewWriter& view_;
+  filestore::FileStore& store_;
+  ScanState& state_;
+  const ScanOptions& options_;
+  ScanSummary& summary_;
+
+  uint64_t root_id_ = 0;
+  int rotate_count_ = 0;
+  std::vector<DiskEntry> entries_;
+  std::vector<uint64_t> node_of_;  // per entry; 0 for a new node
+  std::vector<bool> placed_;
+  std::unordered_map<uint64_t, Live> live_;
+  std::unordered_map<std::string, uint64_t> at_path_;
+  std::unordered_map<uint64_t, Recorded> recorded_;
+};
+
+}  // namespace scan

@@ -1,0 +1,149 @@
+// The log database: writing, searching with every filter member, who sees
+// what, deleting and both rotation rules.
+#include <gtest/gtest.h>
+
+#include <ctime>
+
+#include "db/log-manager.h"
+#include "fixture.h"
+
+namespace {
+
+db::Log Record(uint32_t type, uint32_t time, uint32_t uid, const std::string& user, uint64_t view,
+               std::vector<std::string> s_args) {
+  db::Log log;
+  log.setType(type);
+  log.setTime(time);
+  log.setUserId(uid);
+  log.setUserName(user);
+  log.setViewId(view);
+  log.setShareName(view == 0 ? "" : "share" + std::to_string(view));
+  log.setShareType(db::kShareTypeShare);
+  log.pushArg(42ULL, false);
+  for (const auto& s : s_args) log.pushArg(s, true);
+  return log;
+}
+
+class LogTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_EQ(db::LogManager::Initialize(dbtest::kConnect, dbtest::kConnect, "sqlite", false), 0);
+    ASSERT_GE(db::LogManager::DeleteLog(), 0);
+    ASSERT_EQ(db::LogManager::SetLogDelCount(false, 1000000), 0);
+    ASSERT_EQ(db::LogManager::SetLogDelSpan(false, 2592000), 0);
+  }
+  void TearDown() override { db::LogManager::Destroy(); }
+
+  static std::vector<uint32_t> Times(const db::LogFilter& f) {
+    std::vector<db::Log> logs;
+    EXPECT_GE(db::LogManager::SearchLog(f, logs), 0);
+    std::vector<uint32_t> out;
+    for (const auto& l : logs) out.push_back(l.getTime());
+    unsigned int count = 0;
+    EXPECT_GE(db::LogManager::CountLog(f, count), 0);
+    if (f.limit == 0 && f.offset == 0) {
+      EXPECT_EQ(count, out.size());
+    }
+    return out;
+  }
+};
+
+TEST_F(LogTest, RecordsComeBackWhole) {
+  const uint32_t now = static_cast<uint32_t>(time(nullptr));
+  db::Log log = Record(17, 0, 1026, "alice", 5, {"/new:path", "", "12:34"});
+  log.setTarget(6, "team", db::kShareTypeShare);
+  ASSERT_EQ(db::LogManager::InsertLog(log), 0);
+  EXPECT_GE(log.getTime(), now);
+  std::vector<db::Log> logs;
+  ASSERT_EQ(db::LogManager::SearchLog(db::LogFilter(), logs), 1);
+  const db::Log& got = logs[0];
+  EXPECT_EQ(got.getType(), 17u);
+  EXPECT_EQ(got.getTime(), log.getTime());
+  EXPECT_EQ(got.getUserId(), 1026u);
+  EXPECT_EQ(got.getUserName(), "alice");
+  EXPECT_EQ(got.getViewId(), 5u);
+  EXPECT_EQ(got.getShareName(), "share5");
+  EXPECT_EQ(got.getShareType(), db::kShareTypeShare);
+  EXPECT_EQ(got.getTargetViewId(), 6u);
+  EXPECT_EQ(got.getTargetShareName(), "team");
+  EXPECT_EQ(got.getPArg(), (std::vector<std::string>{"42"}));
+  EXPECT_EQ(got.getSArg(), (std::vector<std::string>{"/new:path", "", "12:34"}));
+}
+
+TEST_F(LogTest, SearchFiltersAndVisibility) {
+  // alice (1026) owns view 1; bob (1027) owns view 2; view 3 is a share.
+  db::Log logs[] = {Record(13, 1000, 1026, "alice", 1, {"/Report.txt", "laptop"}),
+                    Record(14, 2000, 1027, "bob", 2, {"/photo.jpg", "phone"}),
+                    Record(15, 3000, 1026, "alice", 3, {"/team/plan.md", "laptop"}),
+                    Record(4, 4000, 1027, "bob", 1, {"/restored.txt"}),
+                    Record(0, 5000, 0, "", 0, {})};
+  for (auto& l : logs) ASSERT_EQ(db::LogManager::InsertLog(l), 0);
+  struct Case {
+    const char* name;
+    db::LogFilter f;
+    std::vector<uint32_t> want;
+  };
+  std::vector<Case> cases;
+  auto add = [&](const char* name, auto change, std::vector<uint32_t> want) {
+    db::LogFilter f;
+    change(f);
+    cases.push_back({name, f, std::move(want)});
+  };
+  add("all, newest first", [](auto&) {}, {5000, 4000, 3000, 2000, 1000});
+  add("oldest first", [](auto& f) { f.oldest_first = true; }, {1000, 2000, 3000, 4000, 5000});
+  add("view", [](auto& f) { f.view_id = 1; }, {4000, 1000});
+  add("types", [](auto& f) { f.types = {13, 15}; }, {3000, 1000});
+  add("date range", [](auto& f) { f.date_from = 2000, f.date_to = 4000; }, {4000, 3000, 2000});
+  add("keyword in a path, any case", [](auto& f) { f.keyword = "REPORT"; }, {1000});
+  add("keyword in a device", [](auto& f) { f.keyword = "lapt"; }, {3000, 1000});
+  add("keyword in the user name", [](auto& f) { f.keyword = "bob"; }, {4000, 2000});
+  add("keyword in the share name", [](auto& f) { f.keyword = "share3"; }, {3000});
+  add("keyword not found", [](auto& f) { f.keyword = "%"; }, {});
+  add("limit and offset", [](auto& f) { f.limit = 2, f.offset = 1; }, {4000, 3000});
+  add("alice sees her view and her own records",
+      [](auto& f) { f.user_id = 1026, f.user_view_id = 1; }, {4000, 3000, 1000});
+  add("bob likewise", [](auto& f) { f.user_id = 1027, f.user_view_id = 2; }, {4000, 2000});
+  add("an administrator sees all", [](auto& f) { f.user_id = 1026, f.is_admin = true; },
+      {5000, 4000, 3000, 2000, 1000});
+  add("restriction and filter together",
+      [](auto& f) { f.user_id = 1027, f.user_view_id = 2, f.types = {14}; }, {2000});
+  for (const auto& c : cases) EXPECT_EQ(Times(c.f), c.want) << c.name;
+
+  ASSERT_GE(db::LogManager::DeleteLog(), 0);
+  EXPECT_TRUE(Times(db::LogFilter()).empty());
+}
+
+TEST_F(LogTest, RotationByCountAndBySpan) {
+  bool enabled = true;
+  int value = 0;
+  ASSERT_EQ(db::LogManager::GetLogDelCount(enabled, value), 0);
+  EXPECT_FALSE(enabled);
+  EXPECT_EQ(value, 1000000);
+  ASSERT_EQ(db::LogManager::GetLogDelSpan(enabled, value), 0);
+  EXPECT_FALSE(enabled);
+  EXPECT_EQ(value, 2592000);
+
+  ASSERT_EQ(db::LogManager::SetLogDelCount(true, 3), 0);
+  ASSERT_EQ(db::LogManager::GetLogDelCount(enabled, value), 0);
+  EXPECT_TRUE(enabled);
+  EXPECT_EQ(value, 3);
+  const uint32_t now = static_cast<uint32_t>(time(nullptr));
+  for (uint32_t i = 1; i <= 5; ++i) {
+    db::Log log = Record(13, now - 100 + i, 1026, "alice", 1, {});
+    ASSERT_EQ(db::LogManager::InsertLog(log), 0);
+  }
+  EXPECT_EQ(Times(db::LogFilter()), (std::vector<uint32_t>{now - 95, now - 96, now - 97}));
+
+  ASSERT_EQ(db::LogManager::SetLogDelCount(false, 3), 0);
+  ASSERT_EQ(db::LogManager::SetLogDelSpan(true, 3600), 0);
+  db::Log old = Record(13, now - 7200, 1026, "alice", 1, {});
+  db::Log fresh = Record(13, 0, 1026, "alice", 1, {});
+  ASSERT_EQ(db::LogManager::InsertLog(old), 0);
+  ASSERT_EQ(db::LogManager::InsertLog(fresh), 0);
+  auto left = Times(db::LogFilter());
+  ASSERT_EQ(left.size(), 4u);
+  EXPECT_GE(left[0], now);
+  EXPECT_EQ(db::LogManager::SetLogDelSpan(true, -1), db::kErrInvalid);
+}
+
+}  // namespace

@@ -162,6 +162,34 @@ TEST_F(ScanTest, NewFilesFoldersAndLinksBecomeNodesWithTheirContent) {
   EXPECT_EQ(Versions(a.getNodeId()).size(), 1u);
 }
 
+// Access to everything in a view starts at its root: the root folder's owner
+// and mode are versioned too, once per change.
+TEST_F(ScanTest, TheRootsOwnerAndModeAreRecorded) {
+  ASSERT_EQ(chown("/volume1/Docs", 1027, 100), 0);
+  ASSERT_EQ(chmod("/volume1/Docs", 0750), 0);
+  Scan(1700000000);
+  auto view = View(docs_view_);
+  const uint64_t root = view->getRootNodeId();
+  std::vector<db::Version> versions;
+  ASSERT_GE(view->ListVersion(root, versions, db::ViewManager::kListVersionAll), 0);
+  ASSERT_FALSE(versions.empty());
+  EXPECT_EQ(versions.back().getUserId(), 1027u);
+  EXPECT_EQ(versions.back().getGroupId(), 100u);
+  EXPECT_EQ(versions.back().getUnixMode(), 0750u);
+  const size_t before = versions.size();
+
+  Scan(1700000100);
+  ASSERT_GE(view->ListVersion(root, versions, db::ViewManager::kListVersionAll), 0);
+  EXPECT_EQ(versions.size(), before);
+
+  ASSERT_EQ(chmod("/volume1/Docs", 0755), 0);
+  Scan(1700000200);
+  ASSERT_GE(view->ListVersion(root, versions, db::ViewManager::kListVersionAll), 0);
+  ASSERT_EQ(versions.size(), before + 1);
+  EXPECT_EQ(versions.back().getUnixMode(), 0755u);
+  EXPECT_EQ(versions.back().getVerCreatedTime(), 1700000200u);
+}
+
 TEST_F(ScanTest, ChangesRenamesMovesAndRemovalsKeepTheirNodes) {
   tptest::WriteFile(kHome + "/a.txt", "hello");
   tptest::WriteFile(kHome + "/dir/b.bin", Random(200 << 10, 2));

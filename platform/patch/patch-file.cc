@@ -1,0 +1,186 @@
+// HVFileUtility::PatchFile: the chain is composed into one layout first, so
+// the result is written in a single pass, whatever the chain's length.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+
+#include "delta-chain.h"
+#include "hv-file-utility.h"
+#include "logger.h"
+
+namespace {
+
+thread_local int last_error = 0;
+
+constexpr size_t kWriteBuffer = 4 << 20;
+// Segments this long go by copy_file_range (in-kernel copy or reflink).
+constexpr uint64_t kKernelCopyMin = 1 << 20;
+
+class Fd {
+ public:
+  Fd() = default;
+  explicit Fd(int fd) : fd_(fd) {}
+  Fd(Fd&& other) noexcept : fd_(other.fd_) { other.fd_ = -1; }
+  Fd& operator=(Fd&&) = delete;
+  ~Fd() {
+    if (fd_ >= 0) close(fd_);
+  }
+  int get() const { return fd_; }
+  int release() {
+    const int fd = fd_;
+    fd_ = -1;
+    return fd;
+  }
+
+ private:
+  int fd_ = -1;
+};
+
+bool IsNoSpace(int err) { return err == ENOSPC || err == EDQUOT; }
+
+// Writes the segments of `layout` to `out`; -1 with errno set on failure.
+class Writer {
+ public:
+  Writer(const std::vector<Fd>& sources, int out) : sources_(sources), out_(out) {}
+
+  int Write(const patch::Layout& layout) {
+    buf_ = std::make_unique_for_overwrite<char[]>(kWriteBuffer);
+    for (const patch::Segment& seg : layout.segments()) {
+      const int src = sources_[seg.source].get();
+      if (seg.length >= kKernelCopyMin && kernel_copy_) {
+        if (Flush() < 0) return -1;
+        const int rc = KernelCopy(src, seg.offset, seg.length);
+        if (rc < 0) return -1;
+        if (rc == 0) continue;  // else not supported here: buffered copy below
+      }
+      if (Buffered(src, seg.offset, seg.length) < 0) return -1;
+    }
+    return Flush();
+  }
+
+ private:
+  // 0 when done, 1 when the kernel cannot copy between these files.
+  int KernelCopy(int src, uint64_t offset, uint64_t length) {
+    loff_t at = static_cast<loff_t>(offset);
+    bool started = false;
+    while (length > 0) {
+      const ssize_t n = copy_file_range(src, &at, out_, nullptr, length, 0);
+      if (n < 0 && errno == EINTR) continue;
+      if (n < 0 && !started &&
+          (errno == EXDEV || errno == EINVAL || errno == ENOSYS || errno == EOPNOTSUPP)) {
+        kernel_copy_ = false;
+        return 1;
+      }
+      if (n < 0) return -1;
+      if (n == 0) return Shrunk();
+      started = true;
+      length -= static_cast<uint64_t>(n);
+    }
+    return 0;
+  }
+
+  int Buffered(int src, uint64_t offset, uint64_t length) {
+    while (length > 0) {
+      if (used_ == kWriteBuffer && Flush() < 0) return -1;
+      const size_t want = static_cast<size_t>(std::min<uint64_t>(length, kWriteBuffer - used_));
+      const ssize_t n = pread(src, buf_.get() + used_, want, static_cast<off_t>(offset));
+      if (n < 0 && errno == EINTR) continue;
+      if (n < 0) return -1;
+      if (n == 0) return Shrunk();
+      used_ += static_cast<size_t>(n);
+      offset += static_cast<uint64_t>(n);
+      length -= static_cast<uint64_t>(n);
+    }
+    return 0;
+  }
+
+  int Flush() {
+    size_t done = 0;
+    while (done < used_) {
+      const ssize_t n = write(out_, buf_.get() + done, used_ - done);
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) return -1;
+      done += static_cast<size_t>(n);
+    }
+    used_ = 0;
+    return 0;
+  }
+
+  // A source shorter than when it was measured: changed under us.
+  static int Shrunk() {
+    errno = EIO;
+    return -1;
+  }
+
+  const std::vector<Fd>& sources_;
+  int out_;
+  std::unique_ptr<char[]> buf_;
+  size_t used_ = 0;
+  bool kernel_copy_ = true;
+};
+
+int Fail(int error) {
+  last_error = error;
+  return -1;
+}
+
+}  // namespace
+
+int HVFileUtility::GetError() { return last_error; }
+
+int HVFileUtility::PatchFile(const std::string& origin, const std::vector<std::string>& patches,
+                             const std::string& key, const std::string& work_dir,
+                             std::string& out_path) {
+  last_error = 0;
+  if (!key.empty()) {
+    LOG_ERROR("encrypted content cannot be patched yet: %s\n", origin.c_str());
+    return Fail(-1);
+  }
+  std::vector<Fd> sources;
+  sources.reserve(patches.size() + 1);
+  sources.emplace_back(open(origin.c_str(), O_RDONLY | O_CLOEXEC));
+  struct stat st;
+  if (sources[0].get() < 0 || fstat(sources[0].get(), &st) < 0 || !S_ISREG(st.st_mode)) {
+    LOG_ERROR("cannot open origin %s: %s\n", origin.c_str(), strerror(errno));
+    return Fail(-1);
+  }
+  patch::Layout layout = patch::Layout::Whole(0, static_cast<uint64_t>(st.st_size));
+  for (size_t i = 0; i < patches.size(); ++i) {
+    sources.emplace_back(open(patches[i].c_str(), O_RDONLY | O_CLOEXEC));
+    if (sources.back().get() < 0) {
+      LOG_ERROR("cannot open delta %s: %s\n", patches[i].c_str(), strerror(errno));
+      return Fail(-1);
+    }
+    patch::Layout next;
+    if (patch::ApplyDelta(layout, sources.back().get(), static_cast<uint32_t>(i + 1), next) < 0) {
+      LOG_ERROR("bad delta %s over %s\n", patches[i].c_str(), origin.c_str());
+      return Fail(-1);
+    }
+    layout = std::move(next);
+  }
+
+  std::string path = work_dir + "/.patched-XXXXXX";
+  Fd out(mkostemp(path.data(), O_CLOEXEC));
+  if (out.get() < 0) {
+    const int err = errno;
+    LOG_ERROR("cannot create a file in %s: %s\n", work_dir.c_str(), strerror(err));
+    return Fail(IsNoSpace(err) ? -2 : -1);
+  }
+  int rc = Writer(sources, out.get()).Write(layout);
+  int err = errno;
+  if (close(out.release()) < 0 && rc == 0) {
+    rc = -1;
+    err = errno;
+  }
+  if (rc < 0) {
+    LOG_ERROR("cannot write %s from %s: %s\n", path.c_str(), origin.c_str(), strerror(err));
+    unlink(path.c_str());
+    return Fail(IsNoSpace(err) ? -2 : -1);
+  }
+  out_path = path;
+  return 0;
+}

@@ -1,7 +1,9 @@
 #include <gtest/gtest.h>
+
 #include <openssl/evp.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include "content.h"
 
 #include <filesystem>
 #include <fstream>
@@ -22,22 +24,6 @@ namespace {
 const std::string kStore = "/volume1/@tidepool/@sync";
 const std::string kWork = "/volume1/work";
 
-std::string Sha256(const std::string& data) {
-  unsigned char md[EVP_MAX_MD_SIZE];
-  unsigned int n = 0;
-  EVP_Digest(data.data(), data.size(), md, &n, EVP_sha256(), nullptr);
-  std::ostringstream hex;
-  for (unsigned i = 0; i < n; ++i) hex << std::hex << (md[i] >> 4) << (md[i] & 15);
-  return hex.str();
-}
-
-std::string Random(size_t n, uint32_t seed) {
-  std::mt19937 rng(seed);
-  std::string s(n, '\0');
-  for (auto& c : s) c = static_cast<char>(rng());
-  return s;
-}
-
 std::string Repetitive(size_t n) {
   std::string s;
   while (s.size() < n) s += "the tide comes in, the tide goes out; ";
@@ -52,9 +38,9 @@ std::string Edit(std::string s, int round) {
   for (int i = 0; i < 3 && !s.empty(); ++i) {
     const size_t at = rng() % s.size();
     const size_t len = std::min<size_t>(s.size() - at, 1 + rng() % 64);
-    s.replace(at, len, Random(len, rng()));
+    s.replace(at, len, tptest::RandomBytes(len, rng()));
   }
-  if (round % 3 == 1) s += Random(100 + round, round);
+  if (round % 3 == 1) s += tptest::RandomBytes(100 + round, round);
   if (round % 3 == 2 && s.size() > 50) s.resize(s.size() - 50);
   if (s.empty()) s = "x";
   return s;
@@ -96,10 +82,10 @@ TEST_F(FileStoreTest, EveryVersionOfAChainRebuildsWithItsHash) {
   const std::vector<Content> contents = {
       {"empty", ""},
       {"one byte", "a"},
-      {"4 KiB", Random(4096, 1)},
-      {"1 MiB + odd, random", Random((1 << 20) + 13, 2)},
+      {"4 KiB", tptest::RandomBytes(4096, 1)},
+      {"1 MiB + odd, random", tptest::RandomBytes((1 << 20) + 13, 2)},
       {"1 MiB + odd, repetitive", Repetitive((1 << 20) + 13)},
-      {"9 MiB, random", Random(9 << 20, 3)},  // large enough for the two-thread pass
+      {"9 MiB, random", tptest::RandomBytes(9 << 20, 3)},  // large enough for the two-thread pass
   };
   constexpr int kVersions = 12;
   for (const auto& c : contents) {
@@ -119,11 +105,11 @@ TEST_F(FileStoreTest, EveryVersionOfAChainRebuildsWithItsHash) {
     }
     for (int v = 0; v < kVersions; ++v) {
       SCOPED_TRACE("version " + std::to_string(v));
-      EXPECT_EQ(stored[v].hash, Sha256(expected[v]));
+      EXPECT_EQ(stored[v].hash, tptest::Sha256Hex(expected[v]));
       EXPECT_EQ(stored[v].size, expected[v].size());
       EXPECT_EQ(stored[v].ver_type, db::kVerTypeStored);
       const std::string back = Rebuilt(*store, stored[v].file_id);
-      EXPECT_EQ(Sha256(back), Sha256(expected[v]));
+      EXPECT_EQ(tptest::Sha256Hex(back), tptest::Sha256Hex(expected[v]));
       // Eight deltas after an origin, then the ninth change starts afresh.
       std::string origin;
       std::vector<std::string> patches;
@@ -137,7 +123,7 @@ TEST_F(FileStoreTest, EveryVersionOfAChainRebuildsWithItsHash) {
 
 TEST_F(FileStoreTest, DeltasOfSmallChangesAreSmallAndTheReaderSeesTheSameChain) {
   auto store = OpenStore();
-  const std::string base = Random(4 << 20, 7);
+  const std::string base = tptest::RandomBytes(4 << 20, 7);
   Stored v0, v1;
   ASSERT_EQ(store->StoreNewFile(Put("big", base), v0), 0);
   std::string changed = base;
@@ -179,7 +165,7 @@ TEST_F(FileStoreTest, SmallFilesAreStoredWholeEachTime) {
 TEST_F(FileStoreTest, ReleasedVersionsFreeTheirContentOnceNothingBuildsOnThem) {
   auto store = OpenStore();
   std::vector<Stored> v(4);
-  std::string content = Random(64 << 10, 9);
+  std::string content = tptest::RandomBytes(64 << 10, 9);
   ASSERT_EQ(store->StoreNewFile(Put("f", content), v[0]), 0);
   for (int i = 1; i < 4; ++i) {
     content = Edit(content, i);
@@ -190,7 +176,8 @@ TEST_F(FileStoreTest, ReleasedVersionsFreeTheirContentOnceNothingBuildsOnThem) {
   int rc = 0;
   Rebuilt(*store, v[0].file_id, &rc);
   EXPECT_EQ(rc, db::kErrNotFound);
-  EXPECT_EQ(Sha256(Rebuilt(*store, v[3].file_id)), Sha256(content));  // still built on them
+  EXPECT_EQ(tptest::Sha256Hex(Rebuilt(*store, v[3].file_id)),
+            tptest::Sha256Hex(content));  // still built on them
   unsigned long long whole = 0;
   ASSERT_EQ(store->GetFileSizeSum(whole), 0);
   EXPECT_EQ(whole, 64u << 10);
@@ -216,14 +203,15 @@ TEST_F(FileStoreTest, LargeFilesAboveTheLimitKeepOnlyTheirHash) {
   ASSERT_TRUE(store);
   Stored small, large, next;
   ASSERT_EQ(store->StoreNewFile(Put("small", "tiny"), small), 0);
-  ASSERT_EQ(store->StoreNewFile(Put("large", Random(2000, 4)), large), 0);
+  ASSERT_EQ(store->StoreNewFile(Put("large", tptest::RandomBytes(2000, 4)), large), 0);
   EXPECT_EQ(small.ver_type, db::kVerTypeStored);
   EXPECT_NE(small.file_id, 0u);
   EXPECT_EQ(large.ver_type, db::kVerTypeLive);
   EXPECT_EQ(large.file_id, 0u);
-  EXPECT_EQ(large.hash, Sha256(Random(2000, 4)));
+  EXPECT_EQ(large.hash, tptest::Sha256Hex(tptest::RandomBytes(2000, 4)));
   // Growing past the limit turns a stored file into a live one.
-  ASSERT_EQ(store->StoreNewVersion(small.file_id, Put("small", Random(5000, 5)), next), 0);
+  ASSERT_EQ(store->StoreNewVersion(small.file_id, Put("small", tptest::RandomBytes(5000, 5)), next),
+            0);
   EXPECT_EQ(next.ver_type, db::kVerTypeLive);
   EXPECT_EQ(next.size, 5000u);
   Stored link;
@@ -233,7 +221,7 @@ TEST_F(FileStoreTest, LargeFilesAboveTheLimitKeepOnlyTheirHash) {
 
 TEST_F(FileStoreTest, DamagedPiecesAndDatabasesGiveErrors) {
   auto store = OpenStore();
-  std::string content = Random(200 << 10, 11);
+  std::string content = tptest::RandomBytes(200 << 10, 11);
   std::vector<Stored> v(3);
   ASSERT_EQ(store->StoreNewFile(Put("f", content), v[0]), 0);
   for (int i = 1; i < 3; ++i) {
@@ -265,7 +253,7 @@ TEST_F(FileStoreTest, DamagedPiecesAndDatabasesGiveErrors) {
     EXPECT_FALSE(fs::exists(kWork + "/rebuilt"));
   }
   tptest::WriteFile(patches[1], saved);
-  EXPECT_EQ(Sha256(Rebuilt(*store, v[2].file_id)), Sha256(content));
+  EXPECT_EQ(tptest::Sha256Hex(Rebuilt(*store, v[2].file_id)), tptest::Sha256Hex(content));
 
   // A flipped bit in the origin is caught by the hash.
   std::string bytes = tptest::ReadFile(origin);

@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
+
 #include <openssl/evp.h>
 #include <sys/mount.h>
+#include "content.h"
 
 #include <filesystem>
 #include <functional>
@@ -20,29 +22,14 @@ const std::string kStore = "/volume1/@tidepool/@sync";
 const std::string kWork = "/volume1/work";
 const std::string kOut = "/volume1/out";
 
-std::string Sha256(const std::string& data) {
-  unsigned char md[EVP_MAX_MD_SIZE];
-  unsigned int n = 0;
-  EVP_Digest(data.data(), data.size(), md, &n, EVP_sha256(), nullptr);
-  std::ostringstream hex;
-  for (unsigned i = 0; i < n; ++i) hex << std::hex << (md[i] >> 4) << (md[i] & 15);
-  return hex.str();
-}
-
-std::string Random(size_t n, uint32_t seed) {
-  std::mt19937 rng(seed);
-  std::string s(n, '\0');
-  for (auto& c : s) c = static_cast<char>(rng());
-  return s;
-}
-
 using Edit = std::function<std::string(std::string, uint32_t)>;
 
 const std::vector<std::pair<const char*, Edit>>& Edits() {
   static const std::vector<std::pair<const char*, Edit>> edits = {
       {"insert",
        [](std::string s, uint32_t seed) {
-         return s.insert(s.empty() ? 0 : seed % s.size(), Random(1 + seed % 3000, seed));
+         return s.insert(s.empty() ? 0 : seed % s.size(),
+                         tptest::RandomBytes(1 + seed % 3000, seed));
        }},
       {"delete",
        [](std::string s, uint32_t seed) {
@@ -56,14 +43,16 @@ const std::vector<std::pair<const char*, Edit>>& Edits() {
          for (int i = 0; i < 20 && !s.empty(); ++i) {
            const size_t at = rng() % s.size();
            const size_t len = std::min<size_t>(s.size() - at, 1 + rng() % 200);
-           s.replace(at, len, Random(len, rng()));
+           s.replace(at, len, tptest::RandomBytes(len, rng()));
          }
          return s;
        }},
-      {"append", [](std::string s, uint32_t seed) { return s + Random(1 + seed % 9000, seed); }},
+      {"append",
+       [](std::string s, uint32_t seed) { return s + tptest::RandomBytes(1 + seed % 9000, seed); }},
       {"truncate", [](std::string s, uint32_t) { return s.substr(0, s.size() * 2 / 3); }},
       {"empty", [](std::string, uint32_t) { return std::string(); }},
-      {"refill", [](std::string s, uint32_t seed) { return Random(5000, seed) + s + s; }},
+      {"refill",
+       [](std::string s, uint32_t seed) { return tptest::RandomBytes(5000, seed) + s + s; }},
   };
   return edits;
 }
@@ -110,7 +99,7 @@ class PatchFileTest : public ::testing::Test {
 
   // The deltas of a small two-version chain, as written by the store.
   void SmallChain(std::string& origin, std::vector<std::string>& patches) {
-    const std::string base = Random(20000, 3);
+    const std::string base = tptest::RandomBytes(20000, 3);
     const auto ids = StoreChain({base, Edits()[2].second(base, 4)});
     ASSERT_EQ(store_->GetPatchFiles(ids.back(), origin, patches), 0);
     ASSERT_EQ(patches.size(), 1u);
@@ -127,7 +116,7 @@ TEST_F(PatchFileTest, ChainsRebuildAsTheStoreDoes) {
   for (size_t size : sizes) {
     for (size_t length : lengths) {
       SCOPED_TRACE("size " + std::to_string(size) + ", chain " + std::to_string(length));
-      std::vector<std::string> versions = {Random(size, static_cast<uint32_t>(size))};
+      std::vector<std::string> versions = {tptest::RandomBytes(size, static_cast<uint32_t>(size))};
       std::vector<std::string> names = {"origin"};
       for (size_t i = 1; i <= length; ++i) {
         const auto& [name, edit] = Edits()[(i + size) % Edits().size()];
@@ -141,8 +130,8 @@ TEST_F(PatchFileTest, ChainsRebuildAsTheStoreDoes) {
         ASSERT_EQ(store_->Rebuild(ids[v], rebuilt), db::kOk);
         size_t chain = 0;
         const std::string patched = PatchOf(*store_, ids[v], &chain);
-        EXPECT_EQ(Sha256(patched), Sha256(tptest::ReadFile(rebuilt)));
-        EXPECT_EQ(Sha256(patched), Sha256(versions[v]))
+        EXPECT_EQ(tptest::Sha256Hex(patched), tptest::Sha256Hex(tptest::ReadFile(rebuilt)));
+        EXPECT_EQ(tptest::Sha256Hex(patched), tptest::Sha256Hex(versions[v]))
             << patched.size() << " vs " << versions[v].size();
         EXPECT_EQ(chain, v);
         EXPECT_EQ(HVFileUtility::GetError(), 0);

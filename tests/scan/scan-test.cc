@@ -1,7 +1,9 @@
 #include <gtest/gtest.h>
+
 #include <sys/acl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include "content.h"
 
 #include <filesystem>
 #include <random>
@@ -30,13 +32,6 @@ tptest::ProcessResult Control(std::vector<std::string> args) {
 void Scan(uint32_t at) {
   const auto r = Control({"scan", "--at", std::to_string(at)});
   ASSERT_EQ(r.exit_status, 0) << r.out << r.err;
-}
-
-std::string Random(size_t n, uint32_t seed) {
-  std::mt19937 rng(seed);
-  std::string s(n, '\0');
-  for (auto& c : s) c = static_cast<char>(rng());
-  return s;
 }
 
 struct Record {
@@ -123,7 +118,7 @@ TEST_F(ScanTest, EnablingMakesTheViewsBeforeAnyScan) {
 
 TEST_F(ScanTest, NewFilesFoldersAndLinksBecomeNodesWithTheirContent) {
   tptest::WriteFile(kHome + "/a.txt", "hello");
-  tptest::WriteFile(kHome + "/dir/sub/deep.bin", Random(300 << 10, 1));
+  tptest::WriteFile(kHome + "/dir/sub/deep.bin", tptest::RandomBytes(300 << 10, 1));
   fs::create_symlink("a.txt", kHome + "/link");
   tptest::WriteFile("/volume1/Docs/report.txt", "quarterly");
   Scan(1700000000);
@@ -139,7 +134,8 @@ TEST_F(ScanTest, NewFilesFoldersAndLinksBecomeNodesWithTheirContent) {
   EXPECT_EQ(Content(versions[0]), "hello");
   EXPECT_TRUE(At("/dir").isDir());
   EXPECT_TRUE(At("/dir/sub").isDir());
-  EXPECT_EQ(Content(Versions(At("/dir/sub/deep.bin").getNodeId()).back()), Random(300 << 10, 1));
+  EXPECT_EQ(Content(Versions(At("/dir/sub/deep.bin").getNodeId()).back()),
+            tptest::RandomBytes(300 << 10, 1));
   const auto link = Versions(At("/link").getNodeId());
   ASSERT_EQ(link.size(), 1u);
   EXPECT_TRUE(link[0].isSymlink());
@@ -192,7 +188,7 @@ TEST_F(ScanTest, TheRootsOwnerAndModeAreRecorded) {
 
 TEST_F(ScanTest, ChangesRenamesMovesAndRemovalsKeepTheirNodes) {
   tptest::WriteFile(kHome + "/a.txt", "hello");
-  tptest::WriteFile(kHome + "/dir/b.bin", Random(200 << 10, 2));
+  tptest::WriteFile(kHome + "/dir/b.bin", tptest::RandomBytes(200 << 10, 2));
   fs::create_directories(kHome + "/other");
   fs::create_symlink("a.txt", kHome + "/link");
   Scan(1000000);
@@ -214,7 +210,7 @@ TEST_F(ScanTest, ChangesRenamesMovesAndRemovalsKeepTheirNodes) {
   EXPECT_EQ(At("/other/dir").getNodeId(), dir);
   EXPECT_EQ(At("/other/dir/c.bin").getNodeId(), b);
   EXPECT_EQ(At("/dir/b.bin").getNodeId(), 0u);
-  EXPECT_EQ(Content(Versions(b).back()), Random(200 << 10, 2));
+  EXPECT_EQ(Content(Versions(b).back()), tptest::RandomBytes(200 << 10, 2));
   const auto modified = Logs({15}, 1000100);
   ASSERT_EQ(modified.size(), 1u);
   EXPECT_EQ(modified[0].s, (std::vector<std::string>{"/a.txt", "scan"}));
@@ -254,8 +250,8 @@ TEST_F(ScanTest, ChangesRenamesMovesAndRemovalsKeepTheirNodes) {
 }
 
 TEST_F(ScanTest, SwappedNamesAndAFileTurnedFolderAreAllRecorded) {
-  tptest::WriteFile(kHome + "/one", Random(40 << 10, 3));
-  tptest::WriteFile(kHome + "/two", Random(50 << 10, 4));
+  tptest::WriteFile(kHome + "/one", tptest::RandomBytes(40 << 10, 3));
+  tptest::WriteFile(kHome + "/two", tptest::RandomBytes(50 << 10, 4));
   tptest::WriteFile(kHome + "/thing", "a file for now");
   Scan(3000000);
   const uint64_t thing = At("/thing").getNodeId();
@@ -267,8 +263,8 @@ TEST_F(ScanTest, SwappedNamesAndAFileTurnedFolderAreAllRecorded) {
   tptest::WriteFile(kHome + "/thing/inside.txt", "now a folder");
   Scan(3000100);
   // Whatever identities survive, the tree as it stands is what the view shows.
-  EXPECT_EQ(Content(Versions(At("/one").getNodeId()).back()), Random(50 << 10, 4));
-  EXPECT_EQ(Content(Versions(At("/two").getNodeId()).back()), Random(40 << 10, 3));
+  EXPECT_EQ(Content(Versions(At("/one").getNodeId()).back()), tptest::RandomBytes(50 << 10, 4));
+  EXPECT_EQ(Content(Versions(At("/two").getNodeId()).back()), tptest::RandomBytes(40 << 10, 3));
   EXPECT_TRUE(At("/thing").isDir());
   EXPECT_NE(At("/thing").getNodeId(), thing);
   EXPECT_TRUE(Versions(thing).back().isRemoved());
@@ -279,7 +275,7 @@ TEST_F(ScanTest, OldVersionsRotateAwayAndTheirContentIsReleased) {
   ASSERT_GE(View(alice_view_)->SetRotateCount(2), 0);
   std::vector<std::string> contents;
   for (int i = 0; i < 5; ++i) {
-    contents.push_back(Random(150 << 10, 10 + i));
+    contents.push_back(tptest::RandomBytes(150 << 10, 10 + i));
     tptest::WriteFile(kHome + "/grow.bin", contents.back());
     Scan(2000000 + 100 * i);
   }

@@ -7,25 +7,18 @@
 set -euo pipefail
 build=$1
 here=$(cd "$(dirname "$0")" && pwd)
-# shellcheck source=lighttpd.sh
-. "$here/lighttpd.sh"
-control=/var/packages/Tidepool/target/bin/driftway-control
+# shellcheck source=bench-server.sh
+. "$here/bench-server.sh"
 load="$build/bench/http-load"
 requests=${BENCH_REQUESTS:-50}
 
-"$here/seed-demo.sh"
-"$control" service --start >/dev/null
+bench_service_start
 echo "building the view (100,000 children)..."
 refs=$("$build/bench/list/bench_list_view" alice)
 ref() { sed -n "s/^$1=//p" <<<"$refs"; }
 big=$(ref big_node_id)
-port=$((20000 + RANDOM % 20000))
-trap 'lighttpd_stop; "$control" service --stop >/dev/null 2>&1 || true' EXIT
-lighttpd_start "$port"
-
-sid=$(curl -s "http://127.0.0.1:$port/webapi/entry.cgi?api=KSTX.API.Auth&method=login&version=1&account=alice&passwd=alice-demo" \
-  | sed -n 's/.*"sid":"\([0-9a-f]*\)".*/\1/p')
-[ -n "$sid" ] || { echo "login failed" >&2; exit 1; }
+bench_server_start
+sid=$(bench_login alice alice-demo)
 
 node="/webapi/entry.cgi?api=KSTX.Tidepool.Node&version=1&target=%22mine%22"
 page="$node&method=list&node_id=$big&offset=50000&limit=100&sort_direction=ASC"

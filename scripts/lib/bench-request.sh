@@ -5,22 +5,15 @@
 set -euo pipefail
 build=$1
 here=$(cd "$(dirname "$0")" && pwd)
-# shellcheck source=lighttpd.sh
-. "$here/lighttpd.sh"
-control=/var/packages/Tidepool/target/bin/driftway-control
+# shellcheck source=bench-server.sh
+. "$here/bench-server.sh"
 load="$build/bench/http-load"
 requests=${BENCH_REQUESTS:-1000}
 
-"$here/seed-demo.sh"
-"$control" service --start >/dev/null
+bench_service_start
 install -m 0755 "$build/bench/minimal.cgi" /usr/kstx/webapi/minimal.cgi
-port=$((20000 + RANDOM % 20000))
-trap 'lighttpd_stop; "$control" service --stop >/dev/null 2>&1 || true' EXIT
-lighttpd_start "$port"
-
-sid=$(curl -s "http://127.0.0.1:$port/webapi/entry.cgi?api=KSTX.API.Auth&method=login&version=1&account=alice&passwd=alice-demo" \
-  | sed -n 's/.*"sid":"\([0-9a-f]*\)".*/\1/p')
-[ -n "$sid" ] || { echo "login failed" >&2; exit 1; }
+bench_server_start
+sid=$(bench_login alice alice-demo)
 check=$(curl -s -b "id=$sid" "http://127.0.0.1:$port/webapi/entry.cgi?api=KSTX.Tidepool&method=check_user&version=1")
 case "$check" in *'"success":true'*) ;; *) echo "check_user failed: $check" >&2; exit 1 ;; esac
 

@@ -16,4 +16,14 @@ class HVFileUtility {
   // After a failed PatchFile of this thread: -2 when the disk or quota was
   // full, -1 for any other failure; 0 after a success.
   static int GetError();
+
+  // With `encrypt` true, encrypts `src` into `dst` (created or truncated)
+  // under the share key `key`; with false, decrypts. 0, or -1 on failure
+  // (nothing left at dst); GetError() then tells -2 for no space.
+  static int EncryptFile(const std::string& src, const std::string& dst, const std::string& key,
+                         bool encrypt);
+
+  // Renames `src` over `dst` (see FSRenameWithEA of file-util.h); `with_ea`
+  // false renames plainly. 0 or -1 with errno set.
+  static int FSRenameWithEA(const std::string& src, const std::string& dst, bool with_ea);
 };

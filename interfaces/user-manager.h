@@ -53,6 +53,8 @@ class UserManager {
   static int EnumAllUser(std::list<UserInfo>& out);
   // "ASC" or "DESC" orders by name; an empty text keeps the record order.
   static int EnumShareUser(std::list<UserInfo>& out, const std::string& order);
+  // Owners of one kind (user_type: 0 local, 1 share, 2 LDAP, 3 domain).
+  static int EnumUserByType(uint32_t user_type, std::list<UserInfo>& out);
 
   // Write side, used by the sync service and its tools. Enabling a known
   // owner again only sets its flag; a new owner gets a new view id.

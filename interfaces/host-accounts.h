@@ -99,6 +99,17 @@ class HostAccounts {
   virtual int GetShare(const std::string& name, Share& out) = 0;  // name case-insensitive
   virtual int ListShares(std::vector<Share>& out) = 0;
   virtual int SetShareMounted(const std::string& name, bool mounted) = 0;
+  // An encrypted share: like AddShare, with a fresh random content key kept
+  // wrapped under a key derived from `passphrase`, so that a new passphrase
+  // never means re-encrypting content. The share starts unlocked.
+  // kErrInvalid for an empty passphrase.
+  virtual int AddEncryptedShare(const Share& share, const std::string& passphrase) = 0;
+  // Unwraps the content key with `passphrase`: the share is mounted and its
+  // key can be read (by root) until LockShare. kErrInvalid for a wrong
+  // passphrase; kErrNotFound when there is no such encrypted share.
+  virtual int UnlockShare(const std::string& name, const std::string& passphrase) = 0;
+  // Forgets the unwrapped key and unmounts the share.
+  virtual int LockShare(const std::string& name) = 0;
   virtual int SetSharePermission(const std::string& share, const std::string& user,
                                  SharePermission permission) = 0;
   // The user's own permission, or kNone when none is set.

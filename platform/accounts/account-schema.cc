@@ -61,6 +61,20 @@ INSERT INTO sqlite_sequence (name, seq) VALUES ('users', 1025);
 INSERT INTO groups (gid, name, name_key) VALUES (100, 'users', 'users');
 INSERT INTO groups (gid, name, name_key) VALUES (101, 'administrators', 'administrators');
 )sql",
+    // Encrypted shares: the content key wrapped under a key derived from the
+    // passphrase (argon2id with this salt and these limits), and while the
+    // share is unlocked the content key itself. The directory file is
+    // root's alone, which is what keeps that column to root.
+    R"sql(
+CREATE TABLE share_keys (
+  share_key TEXT PRIMARY KEY REFERENCES shares(name_key) ON DELETE CASCADE,
+  salt BLOB NOT NULL,
+  opslimit INTEGER NOT NULL,
+  memlimit INTEGER NOT NULL,
+  wrapped BLOB NOT NULL,
+  content_key TEXT
+);
+)sql",
 };
 
 static_assert(sizeof(kMigrations) / sizeof(kMigrations[0]) == kSchemaVersion);

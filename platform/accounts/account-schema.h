@@ -7,7 +7,7 @@
 
 namespace hostaccounts {
 
-constexpr int kSchemaVersion = 1;
+constexpr int kSchemaVersion = 2;
 
 // Brings the open database to kSchemaVersion. False when it can't, or when the
 // file was written by a newer build.

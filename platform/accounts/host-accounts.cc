@@ -20,6 +20,7 @@
 
 #include "account-schema.h"
 #include "root-scope.h"
+#include "share-keys.h"
 
 namespace hostaccounts {
 namespace {
@@ -410,6 +411,42 @@ class SqliteHostAccounts final : public HostAccounts {
       update.bind(1, int64_t{mounted});
       update.bind(2, NameKey(name));
       return update.exec() == 1 ? 0 : static_cast<int>(kErrNotFound);
+    });
+  }
+
+  int AddEncryptedShare(const Share& share, const std::string& passphrase) override {
+    if (passphrase.empty()) return kErrInvalid;
+    Share encrypted = share;
+    encrypted.encrypted = true;
+    encrypted.mounted = true;
+    int rc = AddShare(encrypted);
+    if (rc < 0) return rc;
+    rc = Guarded([&] {
+      SQLite::Transaction transaction(db_);
+      const int made = CreateShareKey(db_, NameKey(share.name), passphrase);
+      if (made == 0) transaction.commit();
+      return made;
+    });
+    // A share whose key could not be kept would hold content no one can open.
+    if (rc < 0) DeleteShare(share.name);
+    return rc;
+  }
+
+  int UnlockShare(const std::string& name, const std::string& passphrase) override {
+    return Guarded([&] {
+      SQLite::Transaction transaction(db_);
+      const int rc = UnlockShareKey(db_, NameKey(name), passphrase);
+      if (rc == 0) transaction.commit();
+      return rc;
+    });
+  }
+
+  int LockShare(const std::string& name) override {
+    return Guarded([&] {
+      SQLite::Transaction transaction(db_);
+      const int rc = LockShareKey(db_, NameKey(name));
+      if (rc == 0) transaction.commit();
+      return rc;
     });
   }
 

@@ -1,5 +1,8 @@
 // HVFileUtility::PatchFile: the chain is composed into one layout first, so
-// the result is written in a single pass, whatever the chain's length.
+// the result is written in a single pass, whatever the chain's length. The
+// pieces of an encrypted share are first opened into unnamed files in the
+// work folder (the layout reads sources at random offsets, which a sealed
+// stream cannot give); they vanish with their descriptors.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -11,6 +14,7 @@
 #include "delta-chain.h"
 #include "hv-file-utility.h"
 #include "logger.h"
+#include "store-cipher.h"
 
 namespace {
 
@@ -30,6 +34,10 @@ class Fd {
     if (fd_ >= 0) close(fd_);
   }
   int get() const { return fd_; }
+  void reset(int fd) {
+    if (fd_ >= 0) close(fd_);
+    fd_ = fd;
+  }
   int release() {
     const int fd = fd_;
     fd_ = -1;
@@ -128,7 +136,46 @@ int Fail(int error) {
   return -1;
 }
 
+// A file in `dir` that no one can name and that goes with its descriptor.
+int AnonymousFile(const std::string& dir) {
+  int fd = open(dir.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
+  if (fd >= 0 || (errno != EOPNOTSUPP && errno != EISDIR && errno != EINVAL)) return fd;
+  std::string path = dir + "/.piece-XXXXXX";
+  fd = mkostemp(path.data(), O_CLOEXEC);
+  if (fd >= 0) unlink(path.c_str());
+  return fd;
+}
+
+// Opens `path`: as it is, or decrypted into an anonymous file of work_dir.
+// On failure the result for Fail (-1, or -2 for no space).
+int OpenSource(const std::string& path, const patch::CipherKey* key, const std::string& work_dir,
+               Fd& out, int& error) {
+  Fd in(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (in.get() < 0) {
+    LOG_ERROR("cannot open %s: %s\n", path.c_str(), strerror(errno));
+    error = -1;
+    return -1;
+  }
+  if (!key) {
+    out.reset(in.release());
+    return 0;
+  }
+  Fd plain(AnonymousFile(work_dir));
+  if (plain.get() < 0 || patch::DecryptFd(*key, in.get(), plain.get()) < 0) {
+    const int err = errno;
+    LOG_ERROR("cannot open the sealed piece %s: %s\n", path.c_str(), strerror(err));
+    error = IsNoSpace(err) ? -2 : -1;
+    return -1;
+  }
+  out.reset(plain.release());
+  return 0;
+}
+
 }  // namespace
+
+namespace patch {
+int& LastError() { return last_error; }
+}  // namespace patch
 
 int HVFileUtility::GetError() { return last_error; }
 
@@ -136,25 +183,26 @@ int HVFileUtility::PatchFile(const std::string& origin, const std::vector<std::s
                              const std::string& key, const std::string& work_dir,
                              std::string& out_path) {
   last_error = 0;
-  if (!key.empty()) {
-    LOG_ERROR("encrypted content cannot be patched yet: %s\n", origin.c_str());
+  patch::CipherKey cipher;
+  if (!key.empty() && !cipher.Parse(key)) {
+    LOG_ERROR("not a share key for %s\n", origin.c_str());
     return Fail(-1);
   }
+  const patch::CipherKey* sealed = cipher.set() ? &cipher : nullptr;
   std::vector<Fd> sources;
   sources.reserve(patches.size() + 1);
-  sources.emplace_back(open(origin.c_str(), O_RDONLY | O_CLOEXEC));
+  int error = -1;
+  sources.emplace_back();
+  if (OpenSource(origin, sealed, work_dir, sources[0], error) < 0) return Fail(error);
   struct stat st;
-  if (sources[0].get() < 0 || fstat(sources[0].get(), &st) < 0 || !S_ISREG(st.st_mode)) {
-    LOG_ERROR("cannot open origin %s: %s\n", origin.c_str(), strerror(errno));
+  if (fstat(sources[0].get(), &st) < 0 || !S_ISREG(st.st_mode)) {
+    LOG_ERROR("origin %s is not a file\n", origin.c_str());
     return Fail(-1);
   }
   patch::Layout layout = patch::Layout::Whole(0, static_cast<uint64_t>(st.st_size));
   for (size_t i = 0; i < patches.size(); ++i) {
-    sources.emplace_back(open(patches[i].c_str(), O_RDONLY | O_CLOEXEC));
-    if (sources.back().get() < 0) {
-      LOG_ERROR("cannot open delta %s: %s\n", patches[i].c_str(), strerror(errno));
-      return Fail(-1);
-    }
+    sources.emplace_back();
+    if (OpenSource(patches[i], sealed, work_dir, sources.back(), error) < 0) return Fail(error);
     patch::Layout next;
     if (patch::ApplyDelta(layout, sources.back().get(), static_cast<uint32_t>(i + 1), next) < 0) {
       LOG_ERROR("bad delta %s over %s\n", patches[i].c_str(), origin.c_str());

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "hvos-service.h"
 #include "process.h"
 #include "sandbox.h"
 
@@ -38,7 +39,7 @@ TEST_F(KstxAdminTest, BuildsTheDemoHost) {
   Ok({"user", "add", "alice", "--password", "alice pw"});
   Ok({"user", "add", "bob", "--uid", "2000", "--password", "bob pw"});
   Ok({"group", "member", "administrators", "admin"});
-  Ok({"share", "add", "docs", "--volume", "/volume2", "--encrypted"});
+  Ok({"share", "add", "docs", "--volume", "/volume2", "--encrypted", "--passphrase", "docs pw"});
   Ok({"share", "perm", "docs", "alice", "rw"});
   Ok({"user", "expire", "bob", "2001-02-03"});
   Ok({"user", "privilege", "alice", "--deny"});
@@ -127,6 +128,72 @@ TEST_F(KstxAdminTest, BadInputAndUsageErrorsAreTold) {
   EXPECT_EQ(Ok({"user", "list"}),
             "uid\tname\thome\tdisabled\texpire\tprivilege\tadmin\n"
             "1026\talice\t/volume1/homes/alice\tno\tnever\tallow\tno\n");
+}
+
+// What the version store would get for the share: the key, "" while locked,
+// or "<none>" when the share cannot be found.
+std::string KeyOf(const std::string& name) {
+  HVOSService::ShareService service(true);
+  HVOSService::Share share;
+  if (service.GetShare(name, share) < 0) return "<none>";
+  std::string key;
+  const int rc = share.getUniqueKey(key);
+  EXPECT_EQ(rc == 1, share.isEncryption() && !key.empty()) << name;
+  return rc == 1 ? key : "";
+}
+
+TEST_F(KstxAdminTest, EncryptedSharesLockAndUnlock) {
+  Ok({"volume", "add", "/volume1"});
+  Ok({"share", "add", "vault", "--volume", "/volume1", "--encrypted", "--passphrase", "tide 1"});
+  Ok({"share", "add", "plain", "--volume", "/volume1"});
+
+  // Created unlocked: a key of 32 bytes in hex, different per share.
+  const std::string key = KeyOf("VAULT");
+  ASSERT_EQ(key.size(), 64u);
+  EXPECT_EQ(key.find_first_not_of("0123456789abcdef"), std::string::npos);
+  EXPECT_EQ(KeyOf("plain"), "");
+  EXPECT_EQ(KeyOf("homes"), "<none>");
+  Ok({"share", "add", "other", "--volume", "/volume1", "--encrypted", "--passphrase", "tide 1"});
+  EXPECT_NE(KeyOf("other"), key);
+
+  Ok({"share", "lock", "vault"});
+  EXPECT_EQ(KeyOf("vault"), "");
+  EXPECT_NE(Ok({"share", "list"}).find("vault\t/volume1\t/volume1/vault\tyes\tno\n"),
+            std::string::npos);
+
+  struct Case {
+    std::vector<std::string> args;
+    const char* message;
+  };
+  const Case refused[] = {
+      {{"share", "unlock", "vault", "--passphrase", "tide 2"}, "wrong passphrase"},
+      {{"share", "unlock", "vault", "--passphrase", ""}, "wrong passphrase"},
+      {{"share", "unlock", "vault"}, "missing --passphrase"},
+      {{"share", "unlock", "plain", "--passphrase", "tide 1"}, "no such encrypted share"},
+      {{"share", "lock", "nothing"}, "no such encrypted share"},
+      {{"share", "add", "bare", "--volume", "/volume1", "--encrypted"}, "needs --passphrase"},
+      {{"share", "add", "bare", "--volume", "/volume1", "--encrypted", "--passphrase", ""},
+       "needs --passphrase"},
+      {{"share", "add", "bare", "--volume", "/volume1", "--passphrase", "x"}, "needs --encrypted"},
+  };
+  for (const Case& c : refused) {
+    const auto result = Admin(c.args);
+    EXPECT_EQ(result.exit_status, 1) << c.args[1] << " " << c.args[2];
+    EXPECT_NE(result.err.find(c.message), std::string::npos) << result.err;
+    EXPECT_EQ(result.err.find("tide"), std::string::npos) << "a passphrase was echoed";
+  }
+  EXPECT_EQ(KeyOf("vault"), "");
+  EXPECT_EQ(KeyOf("bare"), "<none>");
+
+  // The right passphrase gives back the same content key.
+  Ok({"share", "unlock", "vault", "--passphrase", "tide 1"});
+  EXPECT_EQ(KeyOf("vault"), key);
+  EXPECT_NE(Ok({"share", "list"}).find("vault\t/volume1\t/volume1/vault\tyes\tyes\n"),
+            std::string::npos);
+
+  // "homes" is the share that holds the homes, once there is one.
+  Ok({"share", "add", "homes", "--volume", "/volume1"});
+  EXPECT_EQ(KeyOf("homes"), "");
 }
 
 TEST_F(KstxAdminTest, AnotherDirectoryFile) {

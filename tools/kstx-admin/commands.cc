@@ -155,8 +155,32 @@ int ShareAdd(Invocation& in) {
   hostaccounts::Share share;
   share.name = in.args[0];
   share.volume = in.options["--volume"];
-  share.encrypted = Has(in, "--encrypted");
-  return Report(in.accounts->AddShare(share), Describe(in, "share add") + " on " + share.volume);
+  if (!Has(in, "--encrypted")) {
+    if (Has(in, "--passphrase")) return BadInput("share add: --passphrase needs --encrypted");
+    return Report(in.accounts->AddShare(share), Describe(in, "share add") + " on " + share.volume);
+  }
+  // A share encrypted under nothing could never be unlocked again.
+  if (!Has(in, "--passphrase") || in.options["--passphrase"].empty())
+    return BadInput("share add: an encrypted share needs --passphrase");
+  return Report(in.accounts->AddEncryptedShare(share, in.options["--passphrase"]),
+                Describe(in, "share add") + " on " + share.volume);
+}
+
+int ShareUnlock(Invocation& in) {
+  if (!Has(in, "--passphrase")) return BadInput("share unlock: missing --passphrase");
+  const int rc = in.accounts->UnlockShare(in.args[0], in.options["--passphrase"]);
+  if (rc == hostaccounts::kErrInvalid)
+    return BadInput("share unlock " + in.args[0] + ": wrong passphrase");
+  if (rc == hostaccounts::kErrNotFound)
+    return BadInput("share unlock " + in.args[0] + ": no such encrypted share");
+  return Report(rc, "share unlock " + in.args[0]);
+}
+
+int ShareLock(Invocation& in) {
+  const int rc = in.accounts->LockShare(in.args[0]);
+  if (rc == hostaccounts::kErrNotFound)
+    return BadInput("share lock " + in.args[0] + ": no such encrypted share");
+  return Report(rc, "share lock " + in.args[0]);
 }
 
 int ShareList(Invocation& in) {
@@ -233,9 +257,11 @@ const std::vector<Command>& Commands() {
        "add",
        1,
        1,
-       {{"--volume", true}, {"--encrypted", false}},
-       "NAME --volume /volumeN [--encrypted]",
+       {{"--volume", true}, {"--encrypted", false}, {"--passphrase", true}},
+       "NAME --volume /volumeN [--encrypted --passphrase P]",
        ShareAdd},
+      {"share", "unlock", 1, 1, {{"--passphrase", true}}, "NAME --passphrase P", ShareUnlock},
+      {"share", "lock", 1, 1, {}, "NAME", ShareLock},
       {"share", "list", 0, 0, {}, "", ShareList},
       {"share", "perm", 3, 3, {}, "SHARE USER ro|rw|none", SharePerm},
       {"volume", "add", 1, 1, {}, "/volumeN", VolumeAdd},

@@ -9,6 +9,9 @@
 #include "handlers/node/list-parent.h"
 #include "handlers/node/list-version.h"
 #include "handlers/node/list.h"
+#include "handlers/node/restore/finish.h"
+#include "handlers/node/restore/start.h"
+#include "handlers/node/restore/status.h"
 #include "logger.h"
 
 extern "C" void Process(KSTX::APIRequest* request, KSTX::APIResponse* response);
@@ -86,6 +89,9 @@ void Process(KSTX::APIRequest* request, KSTX::APIResponse* response) {
   bridge.AddHandler(new NodeListParentHandler);
   bridge.AddHandler(new NodeListVersionHandler);
   bridge.AddHandler(new NodeActivityHandler);
+  bridge.AddHandler(new NodeRestoreStartHandler);
+  bridge.AddHandler(new NodeRestoreStatusHandler);
+  bridge.AddHandler(new NodeRestoreFinishHandler);
   bridge.Process();
 }
 

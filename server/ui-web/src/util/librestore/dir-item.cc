@@ -1,0 +1,173 @@
+// DirItem::PrepareImpl:
+//   1. PrepareDir: make the folder if it is missing (through the sync
+//      service's own web API inside a synced folder, so that the service
+//      learns of it; directly elsewhere), then Mac attributes, owner, mode,
+//      ACL and time. An existing folder keeps what it holds.
+//   2. GetNodeList: the children as they stood at the item's time bound,
+//      one query for the folder, names made unique per folder.
+//   3. Prepare each child under the folder; the first failure ends the
+//      folder as a general failure.
+//   4. Count the folder itself once its children are done.
+// The recursion is as deep as the tree; each level holds only its own
+// folder's items.
+#include "dir-item.h"
+
+#include <json/value.h>
+
+#include "fs.h"
+#include "sdk-path.h"
+
+namespace tidepool::restore {
+
+void DirItem::FillSearchNodeFilter(const db::Node& node, bool recursive, bool include_removed,
+                                   db::SearchNodeFilter& filter) const {
+  filter.node_id = node.getNodeId();
+  filter.recursive = recursive;
+  filter.sort_by = "mtime";
+  filter.sort_direction = 2;
+  filter.removed_mode = include_removed ? 3 : 1;
+  filter.ver_ctime_upper_bound = ctime_ub;
+}
+
+int DirItem::QuerySelf(db::Node& node, bool include_removed) {
+  db::ViewDBInterface& vif = view.GetVif();
+  if (!vif) return -1;
+  // Sync id 0 names the newest version that is not a deletion, which only
+  // the version list can tell.
+  if (sync_id == 0 && version.getSyncId() == 0 && InitVersion() < 0) return -1;
+  const unsigned long long wanted = sync_id != 0 ? sync_id : version.getSyncId();
+  const int flags =
+      include_removed ? db::ViewManager::kQueryWithRemoved : db::ViewManager::kQueryExisting;
+  return vif->QueryNodeByPermanentIdAndSyncId(permanent_id, wanted, node, flags);
+}
+
+int DirItem::Count(unsigned long long& count, bool include_removed) {
+  db::ViewDBInterface& vif = view.GetVif();
+  db::Node node;
+  if (QuerySelf(node, include_removed) < 0) {
+    RESTORE_ERR("Failed to QueryNodeByPermanentIdAndSyncId(), permanent_id = %llu, sync_id = %llu",
+                permanent_id, sync_id);
+    return -1;
+  }
+  db::SearchNodeFilter filter;
+  FillSearchNodeFilter(node, true, include_removed, filter);
+  unsigned long long n = 0;
+  if (vif->CountNode(filter, n) < 0) {
+    RESTORE_ERR("failed to count node with permanent_id = %llu, and sync_id = %llu", permanent_id,
+                sync_id);
+    return -1;
+  }
+  count += n + 1;
+  return 0;
+}
+
+int DirItem::ListEncrypted(std::vector<db::Node>& out, bool include_removed) {
+  db::ViewDBInterface& vif = view.GetVif();
+  db::Node node;
+  if (QuerySelf(node, include_removed) < 0) {
+    RESTORE_ERR("Failed to QueryNodeByPermanentIdAndSyncId(), permanent_id = %llu, sync_id = %llu",
+                permanent_id, sync_id);
+    return -1;
+  }
+  db::SearchNodeFilter filter;
+  FillSearchNodeFilter(node, true, include_removed, filter);
+  std::vector<db::Node> nodes;
+  if (vif->SearchNode(filter, nodes) < 0) {
+    RESTORE_ERR("failed to search node with permanent_id = %llu, and sync_id = %llu", permanent_id,
+                sync_id);
+    return -1;
+  }
+  for (db::Node& child : nodes) {
+    if (child.isEncrypted()) out.push_back(std::move(child));
+  }
+  return 0;
+}
+
+int DirItem::GetNodeList(ItemList& out, bool include_removed) {
+  db::ViewDBInterface& vif = view.GetVif();
+  db::Node node;
+  if (QuerySelf(node, include_removed) < 0) {
+    RESTORE_ERR("Failed to QueryNodeByPermanentIdAndSyncId(), %s", InfoString().c_str());
+    return -1;
+  }
+  db::SearchNodeFilter filter;
+  FillSearchNodeFilter(node, false, include_removed, filter);
+  std::vector<db::Node> nodes;
+  if (vif->SearchNode(filter, nodes) < 0) {
+    RESTORE_ERR("failed to search node with permanent_id = %llu, and sync_id = %llu", permanent_id,
+                sync_id);
+    return -1;
+  }
+  NameCount names;
+  out.reserve(out.size() + nodes.size());
+  for (const db::Node& child : nodes) {
+    // A removed child's newest state is its deletion: sync id 0 asks for the
+    // newest version that is not one.
+    const unsigned long long child_sync_id = child.isRemoved() ? 0 : child.getSyncId();
+    out.push_back(ItemFactory(child.isDir(), view, child.getPermanentId(), child_sync_id, ctime_ub,
+                              CalcAppendedName(child.getName(), names), child.getPath(),
+                              decrypt_map, task));
+  }
+  return 0;
+}
+
+int DirItem::PrepareDir(const std::string& work_dir, const std::string& dest_dir,
+                        const TaskActor& actor, int flags) {
+  const std::string target = dest_dir + "/" + name;
+  const std::string key = view.GetCipherKey();
+  if (!IsPathSafe(target)) {
+    RESTORE_ERR("Target path name '%s' is not safe", target.c_str());
+    return -1;
+  }
+  if (!IsFileExist(target, true)) {
+    if (IsDestUnderTidepool(target) == 0) {
+      Json::Value params(Json::objectValue);
+      params["path"] = "/volumes" + target;
+      params["type"] = "folder";
+      Json::Value answer;
+      if (SDK::WebApiRunnerExec("KSTX.Tidepool.Files", "create", 1, params, answer,
+                                actor.GetUser()) < 0 ||
+          !answer.isObject() || !answer["success"].isBool() || !answer["success"].asBool()) {
+        RESTORE_ERR("Failed to create dir '%s' via Tidepool WebAPI", target.c_str());
+        return -1;
+      }
+    } else if (CreateDir(target, 0, 0) < 0) {
+      RESTORE_ERR("Failed to create directory directly on FS");
+      return -1;
+    }
+  }
+  if ((flags & PREPARE_MAC_ATTR) && !version.getMacAttributeHash().empty() &&
+      PrepareMacAttr(work_dir, key, target) < 0) {
+    RESTORE_ERR("Failed to prepare MAC attr '%s'", target.c_str());
+    return -1;
+  }
+  if (ApplyPrivilege(target, actor) != 0) {
+    RESTORE_ERR("Failed to ApplyPrivilege '%s'\n", target.c_str());
+    return -1;
+  }
+  return 0;
+}
+
+int DirItem::PrepareImpl(const std::string& work_dir, const std::string& dest_dir,
+                         const TaskActor& actor, int flags) {
+  if (PrepareDir(work_dir, dest_dir, actor, flags) != 0) {
+    RESTORE_ERR("Failed to prepare directory %s for hosting dir entries", name.c_str());
+    return -1;
+  }
+  ItemList children;
+  if (GetNodeList(children, (flags & PREPARE_INCLUDE_REMOVED) != 0) < 0) {
+    RESTORE_ERR("Failed to list nodes under %s", name.c_str());
+    return -1;
+  }
+  const std::string here = dest_dir + "/" + name;
+  for (const auto& child : children) {
+    if (child->Prepare(work_dir, here, actor, flags) < 0) {
+      RESTORE_ERR("Failed to prepare '%s'", child->GetName().c_str());
+      return -1;
+    }
+  }
+  IncProg();
+  return 0;
+}
+
+}  // namespace tidepool::restore

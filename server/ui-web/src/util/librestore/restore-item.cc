@@ -1,0 +1,427 @@
+// The fixed sequence of every item:
+//   1. InitVersion: the version asked for, or the newest that is not a
+//      deletion, and a check that it is the kind of node the item rebuilds.
+//   2. CheckDestEnv: whatever stands at the target must be of the same kind;
+//      a restore never puts a folder where a file is, or the reverse.
+//   3. CreateDestDir: the parent folder, owned by the version's owner in
+//      place or by the actor on a copy.
+//   4. PrepareImpl: the subclass builds the node in the working folder (on
+//      the destination's volume) and moves it to the target by one rename.
+// Owner, mode, ACL and time go onto a node before it becomes visible.
+#include "restore-item.h"
+
+#include <errno.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+
+#include "db/log-manager.h"
+#include "db/manager.h"
+#include "dir-item.h"
+#include "file-util.h"
+#include "fs.h"
+#include "hv-file-utility.h"
+#include "hvos-task.h"
+#include "regular-item.h"
+#include "sdk-path.h"
+
+namespace tidepool::restore {
+
+namespace {
+
+constexpr uint32_t kLogRestoreInPlace = 4;
+constexpr size_t kWorkPathMax = 4075;
+
+// The version store keeps the unix mode as it is; the map below is written
+// over its octal digits, one nibble each (0755 reads 0x755).
+uint32_t OctalDigitsAsNibbles(uint32_t mode) {
+  uint32_t nibbles = 0;
+  for (int shift = 0; shift < 16; shift += 4) {
+    nibbles |= (mode & 7u) << shift;
+    mode >>= 3;
+  }
+  return nibbles;
+}
+
+}  // namespace
+
+const std::map<uint32_t, uint32_t> Item::unix_mode_map = {
+    {0x400, 0x100},
+    {0x200, 0x80},
+    {0x100, 0x40},
+    {0x40, 0x20},
+    {0x20, 0x10},
+    // Group execute lands on group write: kept as the clients expect it.
+    {0x10, 0x10},
+    {0x4, 0x4},
+    {0x2, 0x2},
+    {0x1, 0x1},
+    {0x4000, 0x800},
+    {0x2000, 0x400},
+    {0x1000, 0x200},
+};
+const std::set<std::string> Item::office_ext_set = {"tdoc", "tsheet", "tslides"};
+const std::map<std::string, std::string> Item::ext_map = {
+    {"tdoc", "docx"}, {"tsheet", "xlsx"}, {"tslides", "pptx"}};
+
+Item::Item(View& view, unsigned long long permanent_id, unsigned long long sync_id,
+           unsigned long long ctime_ub, const std::string& name, const std::string& path,
+           const DecryptMap& decrypt_map, HVOS::Task* task)
+    : view(view),
+      permanent_id(permanent_id),
+      sync_id(sync_id),
+      ctime_ub(ctime_ub),
+      name(name),
+      path(path),
+      decrypt_map(decrypt_map),
+      task(task) {}
+
+std::unique_ptr<Item> Item::ItemFactory(bool is_dir, View& view, unsigned long long permanent_id,
+                                        unsigned long long sync_id, unsigned long long ctime_ub,
+                                        const std::string& name, const std::string& path,
+                                        const DecryptMap& decrypt_map, HVOS::Task* task) {
+  if (is_dir) {
+    return std::make_unique<DirItem>(view, permanent_id, sync_id, ctime_ub, name, path, decrypt_map,
+                                     task);
+  }
+  // Office documents are rebuilt by the office service where one is
+  // installed; this host has none, so they come back as the stored file.
+  return std::make_unique<RegularItem>(view, permanent_id, sync_id, ctime_ub, name, path,
+                                       decrypt_map, task);
+}
+
+int Item::Restore(const TaskActor& actor, int flags) {
+  std::string work_dir;
+  if (CreateWorkingDir("", work_dir) < 0) return RC_GENERAL;
+  const std::string full = view.GetUserInfo().root_path + "/" + path;
+  const size_t slash = full.rfind('/');
+  const std::string dest_dir =
+      slash == std::string::npos || slash == 0 ? "/" : full.substr(0, slash);
+  const int rc = Prepare(work_dir, dest_dir, actor, flags);
+  if (rc < 0) return rc;
+  (void)LogRestoreDone(actor);
+  return RC_OK;
+}
+
+int Item::CopyTo(const std::string& dest, const TaskActor& actor, int flags) {
+  std::string work_dir;
+  if (CreateWorkingDir(dest, work_dir) < 0) return RC_GENERAL;
+  const int rc = Prepare(work_dir, dest, actor, flags);
+  return rc < 0 ? rc : RC_OK;
+}
+
+int Item::Prepare(const std::string& work_dir, const std::string& dest_dir, const TaskActor& actor,
+                  int flags) {
+  int rc = InitVersion();
+  if (rc < 0) return rc;
+  if ((rc = CheckDestEnv(dest_dir + "/" + name)) < 0) return rc;
+  if ((rc = CreateDestDir(dest_dir, actor)) < 0) return rc;
+  return PrepareImpl(work_dir, dest_dir, actor, flags);
+}
+
+int Item::ListEncrypted(std::vector<db::Node>& /*out*/, bool /*include_removed*/) { return 0; }
+
+int Item::Count(unsigned long long& count, bool /*include_removed*/) {
+  ++count;
+  return 0;
+}
+
+int Item::CreateWorkingDir(const std::string& dest, std::string& work_dir) const {
+  const std::string& base = dest.empty() ? view.GetUserInfo().root_path : dest;
+  const std::string tmp = base + "/@eaDir/@tmp";
+  if (tmp.size() >= kWorkPathMax) {
+    RESTORE_ERR("dest is too long");
+    return -1;
+  }
+  if (access(tmp.c_str(), F_OK) != 0 && FSMKDirFromRoot(tmp, base) < 0) {
+    RESTORE_ERR("FSMKDirFromRoot(%s): %s (%d)\n", tmp.c_str(), strerror(errno), errno);
+    return -1;
+  }
+  std::string templ = tmp + "/Tidepool.XXXXXX";
+  if (mkdtemp(templ.data()) == nullptr) {
+    RESTORE_ERR("mkdtemp(%s): %s (%d)\n", templ.c_str(), strerror(errno), errno);
+    return -1;
+  }
+  work_dir = templ;
+  return 0;
+}
+
+int Item::CheckDestEnv(const std::string& target) {
+  FSInfo info;
+  if (FSStat(target, info, true) < 0) {
+    RESTORE_ERR("Fail to get file info '%s'.\n", target.c_str());
+    return -1;
+  }
+  if (!info.exists) return 0;
+  if (version.isDir() && info.type != kFSTypeDir) {
+    RESTORE_ERR("Restore a dir but local is not '%s', abort.\n", target.c_str());
+    return -1;
+  }
+  if (version.isFile() && info.type != kFSTypeFile) {
+    RESTORE_ERR("Restore a file but local is not '%s', abort.\n", target.c_str());
+    return -1;
+  }
+  if (version.isSymlink() && info.type != kFSTypeSymlink) {
+    RESTORE_ERR("Restore a symlink but local is not '%s', abort.\n", target.c_str());
+    return -1;
+  }
+  return 0;
+}
+
+int Item::CreateDestDir(const std::string& dest_dir, const TaskActor& actor) {
+  const bool copying = actor.IsCopying();
+  const unsigned int uid = copying ? actor.GetUid() : version.getUserId();
+  const unsigned int gid = copying ? actor.GetGid() : version.getGroupId();
+  if (CreateDir(dest_dir, uid, gid) < 0) {
+    RESTORE_ERR("Failed to create dest dir '%s'", dest_dir.c_str());
+    return -1;
+  }
+  return 0;
+}
+
+int Item::CreateDir(const std::string& path, unsigned int uid, unsigned int gid) {
+  if (IsFileExist(path, true)) return 0;
+  for (size_t i = 1; i <= path.size(); ++i) {
+    if (i < path.size() && path[i] != '/') continue;
+    const std::string prefix = path.substr(0, i);
+    if (mkdir(prefix.c_str(), 0777) == 0) {
+      (void)!chown(prefix.c_str(), uid, gid);
+    } else if (errno != EEXIST) {
+      RESTORE_ERR("CreateDirecotry: fail to create '%s'. %s\n", prefix.c_str(), strerror(errno));
+      return -1;
+    }
+  }
+  return 0;
+}
+
+int Item::InitVersion() {
+  db::ViewDBInterface& vif = view.GetVif();
+  if (!vif) return -1;
+  if (sync_id != 0) {
+    if (vif->OpenVersionByPermanentId(permanent_id, sync_id, version) < 0) {
+      RESTORE_ERR("OpenVersionByPermanentId(%llu, %llu) failed", permanent_id, sync_id);
+      return -1;
+    }
+  } else {
+    std::vector<db::Version> versions;
+    if (vif->ListVersionByPermanentId(permanent_id, versions, db::ViewManager::kListVersionAll) <
+        0) {
+      RESTORE_ERR("ListVersionByPermanentId failed.\n");
+      return -1;
+    }
+    if (versions.empty()) {
+      RESTORE_ERR("versions empty.\n");
+      return -1;
+    }
+    if (versions.size() == 1 && versions.back().isRemoved()) {
+      RESTORE_ERR("Only deleted version.\n");
+      return -1;
+    }
+    // The newest entry of a deleted node is the deletion; the one before it
+    // is what was deleted.
+    version = versions.back().isRemoved() ? versions[versions.size() - 2] : versions.back();
+  }
+  return VersionCheck();
+}
+
+int Item::ApplyPrivilege(const std::string& target, const TaskActor& actor) {
+  const bool copying = actor.IsCopying();
+  const unsigned int uid = copying ? actor.GetUid() : version.getUserId();
+  const unsigned int gid = copying ? actor.GetGid() : version.getGroupId();
+  const int64_t mtime = version.getVerModifiedTime();
+  if (FSChown(target, uid, gid) < 0) {
+    RESTORE_ERR("FSChown(%s, %d, %d): %s (%d)\n", target.c_str(), static_cast<int>(uid),
+                static_cast<int>(gid), strerror(errno), errno);
+  }
+  const uint32_t stored = OctalDigitsAsNibbles(version.getUnixMode());
+  mode_t mode = 0;
+  for (const auto& [stored_bit, fs_bit] : unix_mode_map) {
+    if (stored & stored_bit) mode |= fs_bit;
+  }
+  if (!version.isSymlink()) {
+    if (chmod(target.c_str(), mode) < 0) {
+      RESTORE_ERR("chown(%s, %u): %s (%d)", target.c_str(), static_cast<unsigned>(mode),
+                  strerror(errno), errno);
+    }
+    SDK::ACL acl;
+    if (acl.set(version.getAcl()) < 0 || acl.write(target) < 0) {
+      RESTORE_ERR("failed to set ACL");
+      return -1;
+    }
+  }
+  (void)FSUTime(target, mtime, mtime);
+  return 0;
+}
+
+int Item::PrepareMacAttr(const std::string& work_dir, const std::string& key,
+                         const std::string& target) {
+  const std::string source =
+      db::Manager::GetFilePath(version.getMacAttributeUuid(), version.getMacAttributeFileId());
+  std::string packed = source;
+  if (view.GetUserInfo().isEncryptionShare()) {
+    std::string temp;
+    if (FSMktemp(work_dir, temp) < 0) {
+      RESTORE_ERR("Failed to FSMktemp for decrypted mac attr.");
+    } else if (HVFileUtility::EncryptFile(source, temp, key, false) < 0) {
+      if (HVFileUtility::GetError() == RC_NO_SPACE) {
+        RESTORE_ERR("Failed to decrypt mac attr from %s to %s. Space not enough", source.c_str(),
+                    temp.c_str());
+        unlink(temp.c_str());
+        return RC_NO_SPACE;
+      }
+      RESTORE_ERR("Failed to decrypt mac attr from %s to %s.", source.c_str(), temp.c_str());
+    }
+    packed = temp;
+  }
+  if (ApplyMacAttr(packed, target) < 0) {
+    RESTORE_ERR("Failed to ApplyMacAttr '%s'\n", target.c_str());
+  }
+  if (packed != source && !packed.empty()) unlink(packed.c_str());
+  return 0;
+}
+
+int Item::ApplyMacAttr(const std::string& packed, const std::string& target) {
+  BlackList2 black_list;
+  const BlackListFilter* filter = black_list.GetFilter();
+  const int rc = MacAttributeUnpack(packed, target, filter);
+  black_list.ReturnFilter();
+  if (rc < 0) {
+    RESTORE_ERR("ApplyMacAttr: Failed to Mac2KstxEAConvert.");
+    return -1;
+  }
+  return 0;
+}
+
+std::string Item::AppendNameIndex(const std::string& name, int index) {
+  const std::string suffix = " (" + std::to_string(index) + ")";
+  const size_t dot = name.rfind('.');
+  if (dot == std::string::npos || dot == 0 || dot == name.size() - 1) return name + suffix;
+  return name.substr(0, dot) + suffix + name.substr(dot);
+}
+
+std::string Item::CalcAppendedName(const std::string& name, NameCount& seen) {
+  auto [it, inserted] = seen.try_emplace(name, 1);
+  if (inserted) return name;
+  return AppendNameIndex(name, ++it->second);
+}
+
+int Item::FindToken(const std::string& path, int pos, std::string& token) {
+  size_t at = static_cast<size_t>(pos < 0 ? 0 : pos);
+  while (at < path.size() && path[at] == '/') ++at;
+  if (at >= path.size()) {
+    token.clear();
+    return static_cast<int>(path.size());
+  }
+  const size_t end = path.find('/', at);
+  const size_t stop = end == std::string::npos ? path.size() : end;
+  token = path.substr(at, stop - at);
+  return static_cast<int>(stop);
+}
+
+bool Item::IsPathSafe(const std::string& path) {
+  std::string token;
+  int pos = 0;
+  for (;;) {
+    pos = FindToken(path, pos, token);
+    if (token.empty()) return true;
+    if (token == "." || token == ".." || token.find('\\') != std::string::npos) return false;
+  }
+}
+
+std::string Item::GetExtension(const std::string& name) {
+  const size_t dot = name.rfind('.');
+  if (dot == std::string::npos || dot == 0) return "";
+  return name.substr(dot + 1);
+}
+
+std::string Item::TransformExtension(const std::string& name) {
+  const auto it = ext_map.find(GetExtension(name));
+  if (it == ext_map.end()) return name;
+  return name.substr(0, name.rfind('.') + 1) + it->second;
+}
+
+bool Item::IsOfficeItemByExtension(const std::string& ext) { return office_ext_set.count(ext) > 0; }
+
+int Item::IsDestUnderTidepoolByUIList(const std::string& path, const std::list<UserInfo>& users) {
+  for (const UserInfo& user : users) {
+    const std::string& root = user.root_path;
+    // A plain prefix test, with no regard to a "/" boundary.
+    if (!root.empty() && root.size() <= path.size() && path.compare(0, root.size(), root) == 0) {
+      return 0;
+    }
+  }
+  return -1;
+}
+
+int Item::IsDestUnderTidepool(const std::string& path) {
+  std::string volume, share;
+  int pos = FindToken(path, 0, volume);
+  pos = FindToken(path, pos, share);
+  std::list<UserInfo> users;
+  if (share != "homes") {
+    if (UserManager::EnumShareUser(users, "") < 0) {
+      RESTORE_ERR("Failed to enum share users");
+      return -1;
+    }
+    return IsDestUnderTidepoolByUIList(path, users);
+  }
+  std::string user, folder;
+  pos = FindToken(path, pos, user);
+  FindToken(path, pos, folder);
+  if (folder == "Tidepool") return 0;
+  if (SDK::IsLdapHomeServiceEnabled()) {
+    if (UserManager::EnumUserByType(2, users) < 0) {
+      RESTORE_ERR("Failed to enum ldap users");
+    } else if (IsDestUnderTidepoolByUIList(path, users) == 0) {
+      return 0;
+    }
+  }
+  if (SDK::IsDomainHomeServiceEnabled()) {
+    users.clear();
+    if (UserManager::EnumUserByType(3, users) < 0) {
+      RESTORE_ERR("Failed to enum domain users");
+      return -1;
+    }
+    return IsDestUnderTidepoolByUIList(path, users);
+  }
+  return -1;
+}
+
+int Item::IncProg() {
+  if (task == nullptr) return 0;
+  if (!task->hasProperty("data")) return -1;
+  Json::Value data = task->getProperty("data");
+  data["current"] = Json::UInt64(data.get("current", 0).asUInt64() + 1);
+  data["last_update_time"] = Json::Int64(time(nullptr));
+  task->setProperty("data", data);
+  return 0;
+}
+
+int Item::LogRestoreDone(const TaskActor& actor) {
+  db::Log log;
+  log.clear();
+  log.setType(kLogRestoreInPlace);
+  log.setViewId(view.GetViewId());
+  log.setShareName(view.GetUserInfo().name);
+  log.setShareType(view.GetUserInfo().getShareType());
+  log.pushArg(static_cast<unsigned long long>(version.getNodeId()), false);
+  log.pushArg(static_cast<unsigned long long>(version.getFileType()), false);
+  log.pushArg(path, true);
+  log.setUserId(actor.GetUid());
+  log.setUserName(actor.GetUser());
+  if (db::LogManager::InsertLog(log) != 0) {
+    RESTORE_ERR("Failed to write restore log '%s'", path.c_str());
+    return -1;
+  }
+  return 0;
+}
+
+std::string Item::InfoString() const {
+  return "permanent_id: " + std::to_string(permanent_id) + ", sync_id: " + std::to_string(sync_id) +
+         ", name: " + name + ", path: " + path;
+}
+
+}  // namespace tidepool::restore

@@ -1,0 +1,36 @@
+// What a restore task does (put an item back where it lived, or copy it to
+// a place the client chose) and in whose name.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace tidepool::restore {
+
+class TaskActor {
+ public:
+  enum ACTION { ACTION_NONE = 0, ACTION_RESTORE = 1, ACTION_COPY = 2 };
+
+  TaskActor() : TaskActor(ACTION_NONE, "") {}
+  TaskActor(ACTION action, const std::string& user)
+      : action_(action), user_(user), uid_(0xFFFFFFFFu), gid_(0xFFFFFFFFu) {}
+  // The group is the user's primary group in the sync service's records;
+  // 0 when the user cannot be looked up.
+  TaskActor(ACTION action, const std::string& user, unsigned int uid);
+
+  bool IsRestoring() const { return action_ == ACTION_RESTORE; }
+  bool IsCopying() const { return action_ == ACTION_COPY; }
+  void SetAction(ACTION action) { action_ = action; }
+  ACTION GetAction() const { return action_; }
+  const std::string& GetUser() const { return user_; }
+  unsigned int GetUid() const { return uid_; }
+  unsigned int GetGid() const { return gid_; }
+
+ private:
+  ACTION action_;
+  std::string user_;
+  unsigned int uid_;
+  unsigned int gid_;
+};
+
+}  // namespace tidepool::restore

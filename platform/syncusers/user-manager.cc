@@ -290,6 +290,15 @@ int UserManager::EnumShareUser(std::list<UserInfo>& out, const std::string& orde
   });
 }
 
+int UserManager::EnumUserByType(uint32_t user_type, std::list<UserInfo>& out) {
+  return WithDb("EnumUserByType", [&](SQLite::Database& db) {
+    SQLite::Statement query(db, std::string("SELECT ") + kOwnerColumns +
+                                    " FROM owners WHERE user_type = ? ORDER BY id");
+    query.bind(1, static_cast<int64_t>(user_type));
+    return FetchAll(query, out);
+  });
+}
+
 int UserManager::EnableUser(const std::string& name, uint32_t uid, uint32_t user_type,
                             const std::string& root_path) {
   if (user_type == kShareType) return -1;

@@ -4,7 +4,9 @@
 #include <strings.h>
 #include <unistd.h>
 
+#include <list>
 #include <map>
+#include <set>
 #include <string_view>
 
 #include "driftway-protocol.h"
@@ -12,6 +14,7 @@
 #include "logger.h"
 #include "service-ops.h"
 #include "sync-service.h"
+#include "user-manager.h"
 
 namespace driftway {
 namespace {
@@ -126,6 +129,40 @@ Json::Value HandleDisableShare(const Json::Value& request) {
   return FromResult(DisableShare(name));
 }
 
+// Folders made through the web API inside synced folders, marked for the
+// daemon's next pass over their owners' trees.
+std::set<std::string>& PendingFolders() {
+  static std::set<std::string> pending;
+  return pending;
+}
+
+bool IsUnder(const std::string& path, const std::string& root) {
+  return !root.empty() && path.size() > root.size() && path.compare(0, root.size(), root) == 0 &&
+         path[root.size()] == '/';
+}
+
+// "A folder was created at `path`": accepted when the path lies in an
+// enabled home or share, so that nothing else can grow the pending set.
+Json::Value HandleFolderCreated(const Json::Value& request) {
+  std::string path;
+  if (!ReadText(request, "path", path) || path.empty() || path[0] != '/' ||
+      path.find("/..") != std::string::npos) {
+    return BadField("path");
+  }
+  std::list<UserInfo> owners;
+  if (UserManager::EnumAllUser(owners) < 0)
+    return ErrorAnswer(kErrFailed, "cannot read the user database");
+  for (const UserInfo& owner : owners) {
+    if (!owner.isEnabled() || !IsUnder(path, owner.root_path)) continue;
+    PendingFolders().insert(path);
+    LOG_INFO("folder created in %s: %s\n", owner.name.c_str(), path.c_str());
+    Json::Value answer = Success();
+    answer["pending"] = static_cast<Json::UInt64>(PendingFolders().size());
+    return answer;
+  }
+  return ErrorAnswer(kErrNotFound, "not in a synced folder: " + path);
+}
+
 const std::map<std::string_view, RequestHandler>& Handlers() {
   static const std::map<std::string_view, RequestHandler> table = {
       {"status", HandleStatus},
@@ -134,6 +171,7 @@ const std::map<std::string_view, RequestHandler>& Handlers() {
       {"disable_user", HandleDisableUser},
       {"enable_share", HandleEnableShare},
       {"disable_share", HandleDisableShare},
+      {"folder_created", HandleFolderCreated},
   };
   return table;
 }

@@ -127,6 +127,8 @@ int HashConsumer::Feed(const char* data, size_t len, bool eof) {
 JobConsumer::JobConsumer(rs_job_t* job, int fd)
     : job_(job), fd_(fd), out_(std::make_unique_for_overwrite<char[]>(kJobOutput)) {}
 
+JobConsumer::JobConsumer(rs_job_t* job, Consumer* sink) : JobConsumer(job, -1) { sink_ = sink; }
+
 JobConsumer::~JobConsumer() {
   if (job_) rs_job_free(job_);
 }
@@ -147,9 +149,10 @@ int JobConsumer::Feed(const char* data, size_t len, bool eof) {
     const rs_result r = rs_job_iter(job_, &b);
     const size_t produced = kJobOutput - b.avail_out;
     if (produced > 0 && fd_ >= 0 && WriteAll(fd_, out_.get(), produced) < 0) return -1;
+    if (produced > 0 && sink_ && sink_->Feed(out_.get(), produced, false) < 0) return -1;
     if (r == RS_DONE) {
       done_ = true;
-      return 0;
+      return sink_ ? sink_->Feed(nullptr, 0, true) : 0;
     }
     if (r != RS_BLOCKED) return -1;
     const bool moved = produced > 0 || b.avail_in != in_before;
@@ -167,23 +170,29 @@ rs_job_t* NewSignatureJob(uint64_t size) {
   return rs_sig_begin(block_len, strong_len, magic);
 }
 
-int LoadSignature(const std::string& path, Signature& out) {
+int LoadSignature(const std::string& path, const patch::CipherKey* key, Signature& out) {
   const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return -1;
   rs_signature_t* sig = nullptr;
   int rc;
   {
     JobConsumer loader(rs_loadsig_begin(&sig), -1);
-    std::vector<char> buf(kReadBlock);
-    for (;;) {
-      const ssize_t n = ReadFull(fd, buf.data(), buf.size());
-      if (n < 0) {
-        rc = -1;
-        break;
+    if (key) {
+      rc = patch::Decrypt(*key, fd, [&](const char* data, size_t len, bool eof) {
+        return loader.Feed(data, len, eof);
+      });
+    } else {
+      std::vector<char> buf(kReadBlock);
+      for (;;) {
+        const ssize_t n = ReadFull(fd, buf.data(), buf.size());
+        if (n < 0) {
+          rc = -1;
+          break;
+        }
+        const bool eof = static_cast<size_t>(n) < buf.size();
+        rc = loader.Feed(buf.data(), static_cast<size_t>(n), eof);
+        if (rc < 0 || eof) break;
       }
-      const bool eof = static_cast<size_t>(n) < buf.size();
-      rc = loader.Feed(buf.data(), static_cast<size_t>(n), eof);
-      if (rc < 0 || eof) break;
     }
   }
   close(fd);

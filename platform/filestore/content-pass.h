@@ -13,6 +13,8 @@
 #include <string>
 #include <vector>
 
+#include "store-cipher.h"
+
 namespace filestore {
 
 class Consumer {
@@ -32,6 +34,16 @@ class CopyConsumer final : public Consumer {
   int fd_;
 };
 
+// Seals the blocks under a share key and writes them to a file descriptor.
+class SealConsumer final : public Consumer {
+ public:
+  SealConsumer(const patch::CipherKey& key, int fd) : enc_(key, fd) {}
+  int Feed(const char* data, size_t len, bool eof) override { return enc_.Feed(data, len, eof); }
+
+ private:
+  patch::Encryptor enc_;
+};
+
 // SHA-256 of the blocks, lower-case hex once the end was fed.
 class HashConsumer final : public Consumer {
  public:
@@ -48,16 +60,19 @@ class HashConsumer final : public Consumer {
 };
 
 // Drives a librsync job (signature or delta) with the blocks as input and
-// writes its output to `fd`. Owns the job.
+// writes its output to `fd`, or feeds it to `sink` (which then sees the end
+// once the job is done). Owns the job.
 class JobConsumer final : public Consumer {
  public:
   JobConsumer(rs_job_t* job, int fd);
+  JobConsumer(rs_job_t* job, Consumer* sink);
   ~JobConsumer() override;
   int Feed(const char* data, size_t len, bool eof) override;
 
  private:
   rs_job_t* job_;
   int fd_;
+  Consumer* sink_ = nullptr;
   bool done_ = false;
   std::unique_ptr<char[]> out_;
 };
@@ -71,8 +86,9 @@ struct SignatureDeleter {
   void operator()(rs_signature_t* sig) const { rs_free_sumset(sig); }
 };
 using Signature = std::unique_ptr<rs_signature_t, SignatureDeleter>;
-// Reads a signature file; negative when it is missing or damaged.
-int LoadSignature(const std::string& path, Signature& out);
+// Reads a signature file, sealed under `key` when given; negative when it is
+// missing or damaged.
+int LoadSignature(const std::string& path, const patch::CipherKey* key, Signature& out);
 
 // Reads `fd` (of `size` bytes by fstat) to its end once. `front` consumers
 // run on the calling thread; `back` ones on a helper thread for large

@@ -18,7 +18,7 @@
 namespace filestore {
 namespace {
 
-constexpr int kSchemaVersion = 1;
+constexpr int kSchemaVersion = 2;
 
 const char* const kSchema = R"(
 CREATE TABLE IF NOT EXISTS meta(key TEXT PRIMARY KEY, value TEXT NOT NULL);
@@ -30,7 +30,8 @@ CREATE TABLE IF NOT EXISTS file(
   stored_size INTEGER NOT NULL,
   hash TEXT NOT NULL,
   has_signature INTEGER NOT NULL,
-  released INTEGER NOT NULL DEFAULT 0);
+  released INTEGER NOT NULL DEFAULT 0,
+  encrypted INTEGER NOT NULL DEFAULT 0);
 CREATE INDEX IF NOT EXISTS file_base ON file(base_id);
 )";
 
@@ -80,6 +81,7 @@ FileRow RowOf(SQLite::Statement& q) {
   r.hash = q.getColumn(5).getString();
   r.has_signature = q.getColumn(6).getInt() != 0;
   r.released = q.getColumn(7).getInt() != 0;
+  r.encrypted = q.getColumn(8).getInt() != 0;
   return r;
 }
 
@@ -118,6 +120,12 @@ int FileTable::Open(const std::string& path, bool create) {
       if (key == "schema_version") version = std::atoi(get.getColumn(1).getString().c_str());
     }
     if (version > kSchemaVersion) return static_cast<int>(db::kErrNewerSchema);
+    if (version == 1 && db_->tableExists("file")) {
+      // Stores made before sealed pieces existed hold plain ones only.
+      db_->exec("ALTER TABLE file ADD COLUMN encrypted INTEGER NOT NULL DEFAULT 0");
+      db_->exec("UPDATE meta SET value = '2' WHERE key = 'schema_version'");
+      version = 2;
+    }
     if (version != kSchemaVersion || uuid_.empty() || !db_->tableExists("file"))
       return static_cast<int>(db::kErrCorrupt);
     tx.commit();
@@ -129,7 +137,7 @@ int FileTable::Get(uint64_t file_id, FileRow& out) {
   return Guard("get", [&] {
     SQLite::Statement q(*db_,
                         "SELECT file_id, base_id, depth, size, stored_size, hash, has_signature, "
-                        "released FROM file WHERE file_id = ?");
+                        "released, encrypted FROM file WHERE file_id = ?");
     q.bind(1, static_cast<int64_t>(file_id));
     if (!q.executeStep()) return static_cast<int>(db::kErrNotFound);
     out = RowOf(q);
@@ -140,14 +148,15 @@ int FileTable::Get(uint64_t file_id, FileRow& out) {
 int FileTable::Insert(FileRow& row) {
   return Guard("insert", [&] {
     SQLite::Statement q(*db_,
-                        "INSERT INTO file(base_id, depth, size, stored_size, hash, has_signature) "
-                        "VALUES (?, ?, ?, ?, ?, ?)");
+                        "INSERT INTO file(base_id, depth, size, stored_size, hash, has_signature, "
+                        "encrypted) VALUES (?, ?, ?, ?, ?, ?, ?)");
     q.bind(1, static_cast<int64_t>(row.base_id));
     q.bind(2, static_cast<int64_t>(row.depth));
     q.bind(3, static_cast<int64_t>(row.size));
     q.bind(4, static_cast<int64_t>(row.stored_size));
     q.bind(5, row.hash);
     q.bind(6, row.has_signature ? 1 : 0);
+    q.bind(7, row.encrypted ? 1 : 0);
     q.exec();
     row.file_id = static_cast<uint64_t>(db_->getLastInsertRowid());
     return static_cast<int>(db::kOk);

@@ -20,6 +20,7 @@ struct FileRow {
   std::string hash;
   bool has_signature = false;
   bool released = false;
+  bool encrypted = false;  // pieces sealed under the share key
 };
 
 class FileTable {

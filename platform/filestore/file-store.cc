@@ -16,6 +16,7 @@
 #include <filesystem>
 #include <map>
 #include <mutex>
+#include <optional>
 
 #include "content-pass.h"
 #include "db/errors.h"
@@ -85,6 +86,23 @@ int OpenSource(const std::string& path, int& fd, uint64_t& size) {
   return db::kOk;
 }
 
+// Where a piece's bytes go: straight to its file, or sealed first.
+class PieceSink {
+ public:
+  PieceSink(const patch::CipherKey* key, int fd) {
+    if (key) {
+      seal_.emplace(*key, fd);
+    } else {
+      copy_.emplace(fd);
+    }
+  }
+  Consumer* get() { return seal_ ? static_cast<Consumer*>(&*seal_) : &*copy_; }
+
+ private:
+  std::optional<SealConsumer> seal_;
+  std::optional<CopyConsumer> copy_;
+};
+
 class FileStoreImpl final : public FileStore {
  public:
   FileStoreImpl(std::string folder, const Options& options)
@@ -108,6 +126,23 @@ class FileStoreImpl final : public FileStore {
   int GetPatchFiles(uint64_t file_id, std::string& origin,
                     std::vector<std::string>& patches) override {
     return PatchFilesOf(table_, folder_, file_id, origin, patches);
+  }
+
+  int SetKey(const std::string& key) override {
+    key_.reset();
+    if (key.empty()) return db::kOk;
+    auto parsed = std::make_unique<patch::CipherKey>();
+    if (!parsed->Parse(key)) return db::kErrInvalid;
+    key_ = std::move(parsed);
+    return db::kOk;
+  }
+
+  int StoreWhole(const std::string& path, Stored& out) override {
+    int raw = -1;
+    uint64_t size = 0;
+    const int rc = OpenSource(path, raw, size);
+    Fd fd(raw);
+    return rc < 0 ? rc : StoreOrigin(fd.get(), size, out, nullptr, true);
   }
 
   int StoreNewFile(const std::string& path, Stored& out) override {
@@ -135,8 +170,9 @@ class FileStoreImpl final : public FileStore {
     if (IsLive(size)) return HashOnly(fd.get(), size, out);
     Signature sig;
     const bool chain_full = static_cast<int>(base.depth) >= options_.max_delta_chain;
-    if (chain_full || !base.has_signature) return StoreOrigin(fd.get(), size, out);
-    if (LoadSignature(SignaturePath(folder_, base_id), sig) < 0) {
+    const bool same_key = base.encrypted == (key_ != nullptr);
+    if (chain_full || !base.has_signature || !same_key) return StoreOrigin(fd.get(), size, out);
+    if (LoadSignature(SignaturePath(folder_, base_id), key_.get(), sig) < 0) {
       // Content stays safe without the delta: start a fresh origin.
       LOG_WARNING("signature of file %llu unusable, storing whole\n",
                   static_cast<unsigned long long>(base_id));
@@ -148,8 +184,10 @@ class FileStoreImpl final : public FileStore {
     row.has_signature = true;
     Pieces pieces(this, row);
     if ((rc = pieces.Begin()) < 0) return rc;
-    JobConsumer delta_job(rs_delta_begin(sig.get()), pieces.content());
-    JobConsumer sig_job(NewSignatureJob(size), pieces.signature());
+    PieceSink delta_out(key_.get(), pieces.content());
+    PieceSink sig_out(key_.get(), pieces.signature());
+    JobConsumer delta_job(rs_delta_begin(sig.get()), delta_out.get());
+    JobConsumer sig_job(NewSignatureJob(size), sig_out.get());
     HashConsumer hash;
     if (ReadOnce(fd.get(), size, {&delta_job}, {&sig_job, &hash}) < 0) {
       LOG_ERROR("cannot make the delta of %s: %s\n", path.c_str(), strerror(errno));
@@ -184,6 +222,18 @@ class FileStoreImpl final : public FileStore {
     int rc = table_.Get(file_id, row);
     if (rc < 0 || (rc = PatchFilesOf(table_, folder_, file_id, origin, patches)) < 0) return rc;
     const std::string dir = Dirname(out_path);
+    std::vector<std::unique_ptr<TempPiece>> opened;
+    if (row.encrypted) {
+      // Sealed pieces are opened into temporaries beside the result first.
+      if (!key_) {
+        LOG_ERROR("file %llu is sealed and no key is set\n",
+                  static_cast<unsigned long long>(file_id));
+        return db::kErrInvalid;
+      }
+      if ((rc = Unseal(dir, origin, opened)) < 0) return rc;
+      for (std::string& patch : patches)
+        if ((rc = Unseal(dir, patch, opened)) < 0) return rc;
+    }
     std::string current = origin;
     TempPiece steps[2];
     for (size_t i = 0; i < patches.size(); ++i) {
@@ -220,28 +270,31 @@ class FileStoreImpl final : public FileStore {
 
   // Content from `fd`, or from `bytes` when given. Small content keeps no
   // signature: its next version is stored whole, as a delta would save
-  // next to nothing.
-  int StoreOrigin(int fd, uint64_t size, Stored& out, const std::string* bytes = nullptr) {
-    if (!bytes && IsLive(size)) return HashOnly(fd, size, out);
+  // next to nothing. `whole` pieces are always kept and never signed.
+  int StoreOrigin(int fd, uint64_t size, Stored& out, const std::string* bytes = nullptr,
+                  bool whole = false) {
+    if (!whole && !bytes && IsLive(size)) return HashOnly(fd, size, out);
     FileRow row;
-    row.has_signature = size >= options_.min_delta_size;
+    row.has_signature = !whole && size >= options_.min_delta_size;
     Pieces pieces(this, row);
     int rc = pieces.Begin();
     if (rc < 0) return rc;
-    CopyConsumer copy(pieces.content());
+    PieceSink copy(key_.get(), pieces.content());
     HashConsumer hash;
+    std::optional<PieceSink> sig_out;
     std::unique_ptr<JobConsumer> sig_job;
     std::vector<Consumer*> back;
     if (row.has_signature) {
-      sig_job = std::make_unique<JobConsumer>(NewSignatureJob(size), pieces.signature());
+      sig_out.emplace(key_.get(), pieces.signature());
+      sig_job = std::make_unique<JobConsumer>(NewSignatureJob(size), sig_out->get());
       back.push_back(sig_job.get());
     }
     if (bytes) {
-      rc = copy.Feed(bytes->data(), bytes->size(), true);
+      rc = copy.get()->Feed(bytes->data(), bytes->size(), true);
       if (rc >= 0) rc = hash.Feed(bytes->data(), bytes->size(), true);
       if (rc >= 0 && sig_job) rc = sig_job->Feed(bytes->data(), bytes->size(), true);
     } else {
-      rc = ReadOnce(fd, size, {&copy, &hash}, back);
+      rc = ReadOnce(fd, size, {copy.get(), &hash}, back);
     }
     if (rc < 0) {
       LOG_ERROR("cannot store content: %s\n", strerror(errno));
@@ -255,7 +308,9 @@ class FileStoreImpl final : public FileStore {
   // and a failure removes both.
   class Pieces {
    public:
-    Pieces(FileStoreImpl* store, FileRow& row) : store_(store), row_(row) {}
+    Pieces(FileStoreImpl* store, FileRow& row) : store_(store), row_(row) {
+      row_.encrypted = store_->key_ != nullptr;
+    }
     ~Pieces() {
       if (done_) return;
       CloseAll();
@@ -320,6 +375,21 @@ class FileStoreImpl final : public FileStore {
     bool done_ = false;
   };
 
+  // Replaces `path` by a temporary holding its opened content.
+  int Unseal(const std::string& dir, std::string& path,
+             std::vector<std::unique_ptr<TempPiece>>& opened) {
+    auto plain = std::make_unique<TempPiece>();
+    Fd in(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (in.get() < 0 || plain->Create(dir) < 0) return db::kErrCorrupt;
+    if (patch::DecryptFd(*key_, in.get(), plain->fd()) < 0) {
+      LOG_ERROR("cannot open the sealed piece %s: %s\n", path.c_str(), strerror(errno));
+      return db::kErrCorrupt;
+    }
+    path = plain->path();
+    opened.push_back(std::move(plain));
+    return db::kOk;
+  }
+
   // Copies an origin to `out_path` or, after patching, reads the result:
   // either way one pass that proves size and hash.
   int CheckRebuilt(const FileRow& row, const std::string& copy_from, const std::string& out_path) {
@@ -355,6 +425,7 @@ class FileStoreImpl final : public FileStore {
   std::string folder_;
   Options options_;
   FileTable table_;
+  std::unique_ptr<patch::CipherKey> key_;
 };
 
 // librsync reports to stderr unless told otherwise; its words belong in

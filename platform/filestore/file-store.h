@@ -5,6 +5,12 @@
 // content under "node_delta/", so the next version's delta is made without
 // reading old content. The rows live in "file-db.sqlite" in the same folder.
 //
+// Content of an encrypted share is stored sealed under the share's key
+// (store-cipher.h): origins, deltas and signatures alike, since a
+// signature's block sums would confirm guesses of the content. Hashes and
+// sizes in the rows are of the plain content. A delta chain is all sealed or
+// all plain; a new version under another key starts a fresh origin.
+//
 // Results are db::Result values (0 or more, negative on failure). A FileStore
 // is used by one thread at a time; several processes may share the folder.
 #pragma once
@@ -52,8 +58,16 @@ class FileStore : public db::FileManager {
   virtual const std::string& uuid() const = 0;
   virtual const std::string& folder() const = 0;
 
+  // The share key (its text form) under which the following calls store and
+  // read content; empty for plain content. kErrInvalid when `key` is not a
+  // key, and the store is then plain.
+  virtual int SetKey(const std::string& key) = 0;
+
   // Stores the content of `path` (read once: copy, hash and signature).
   virtual int StoreNewFile(const std::string& path, Stored& out) = 0;
+  // Stores `path` whole, without signature and whatever its size: a piece
+  // that is read back by its origin path alone (a Mac attribute file).
+  virtual int StoreWhole(const std::string& path, Stored& out) = 0;
   // Stores `content` as a file's content (a symlink's target, for one).
   virtual int StoreBytes(const std::string& content, Stored& out) = 0;
   // Stores the content of `path` as the next version of `base_id`: a delta

@@ -2,6 +2,8 @@
 
 #include <SQLiteCpp/Statement.h>
 
+#include <cstring>
+
 #include "db/errors.h"
 #include "logger.h"
 
@@ -18,6 +20,15 @@ CREATE TABLE IF NOT EXISTS recorded(
   ver_type INTEGER NOT NULL,
   PRIMARY KEY(view_id, node_id));
 )";
+
+// Columns added since the table was first made; old rows get values that
+// make the next scan look at their Mac attributes once.
+const char* const kAddedColumns[] = {
+    "ctime_ns INTEGER NOT NULL DEFAULT 0",
+    "mac_file_id INTEGER NOT NULL DEFAULT 0",
+    "mac_uuid TEXT NOT NULL DEFAULT ''",
+    "mac_hash TEXT NOT NULL DEFAULT ''",
+};
 
 template <typename F>
 int Guard(const char* what, F&& f) noexcept {
@@ -40,9 +51,19 @@ int ScanState::Open(const std::string& repository) {
     db_->exec("PRAGMA journal_mode=WAL");
     db_->exec("PRAGMA synchronous=NORMAL");
     db_->exec(kSchema);
+    for (const char* column : kAddedColumns) {
+      const std::string name(column, strchr(column, ' '));
+      SQLite::Statement has(*db_,
+                            "SELECT count(*) FROM pragma_table_info('recorded') WHERE name = ?");
+      has.bind(1, name);
+      if (has.executeStep() && has.getColumn(0).getInt() == 0)
+        db_->exec(std::string("ALTER TABLE recorded ADD COLUMN ") + column);
+    }
     put_ = std::make_unique<SQLite::Statement>(
         *db_,
-        "INSERT OR REPLACE INTO recorded VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
+        "INSERT OR REPLACE INTO recorded(view_id, node_id, dev, ino, file_type, size, mtime_ns, "
+        "uid, gid, mode, acl, hash, file_id, file_uuid, ver_type, ctime_ns, mac_file_id, "
+        "mac_uuid, mac_hash) VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
     forget_ = std::make_unique<SQLite::Statement>(
         *db_, "DELETE FROM recorded WHERE view_id = ? AND node_id = ?");
     return static_cast<int>(db::kOk);
@@ -54,7 +75,8 @@ int ScanState::Load(uint64_t view_id, std::unordered_map<uint64_t, Recorded>& ou
   return Guard("load", [&] {
     SQLite::Statement q(*db_,
                         "SELECT node_id, dev, ino, file_type, size, mtime_ns, uid, gid, mode, "
-                        "acl, hash, file_id, file_uuid, ver_type FROM recorded WHERE view_id = ?");
+                        "acl, hash, file_id, file_uuid, ver_type, ctime_ns, mac_file_id, mac_uuid, "
+                        "mac_hash FROM recorded WHERE view_id = ?");
     q.bind(1, I(view_id));
     while (q.executeStep()) {
       Recorded r;
@@ -73,6 +95,10 @@ int ScanState::Load(uint64_t view_id, std::unordered_map<uint64_t, Recorded>& ou
       r.file_id = static_cast<uint64_t>(q.getColumn(i++).getInt64());
       r.file_uuid = q.getColumn(i++).getString();
       r.ver_type = static_cast<uint32_t>(q.getColumn(i++).getInt64());
+      r.ctime_ns = q.getColumn(i++).getInt64();
+      r.mac_file_id = static_cast<uint64_t>(q.getColumn(i++).getInt64());
+      r.mac_uuid = q.getColumn(i++).getString();
+      r.mac_hash = q.getColumn(i++).getString();
       out.emplace(r.node_id, std::move(r));
     }
     return static_cast<int>(db::kOk);
@@ -99,6 +125,10 @@ int ScanState::Put(uint64_t view_id, const Recorded& r) {
     q.bind(i++, I(r.file_id));
     q.bind(i++, r.file_uuid);
     q.bind(i++, static_cast<int64_t>(r.ver_type));
+    q.bind(i++, r.ctime_ns);
+    q.bind(i++, I(r.mac_file_id));
+    q.bind(i++, r.mac_uuid);
+    q.bind(i++, r.mac_hash);
     q.exec();
     return static_cast<int>(db::kOk);
   });

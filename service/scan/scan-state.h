@@ -29,6 +29,11 @@ struct Recorded {
   uint64_t file_id = 0;
   std::string file_uuid;
   uint32_t ver_type = 0;
+  // Mac attributes change ctime alone; a changed ctime has them packed again.
+  int64_t ctime_ns = 0;
+  uint64_t mac_file_id = 0;
+  std::string mac_uuid;
+  std::string mac_hash;
 };
 
 class ScanState {

@@ -2,6 +2,8 @@
 
 #include <sys/stat.h>
 
+#include <cstring>
+
 #include <ctime>
 #include <list>
 #include <map>
@@ -11,6 +13,7 @@
 #include "db/log-manager.h"
 #include "db/manager.h"
 #include "file-store.h"
+#include "hvos-service.h"
 #include "logger.h"
 #include "scan-state.h"
 #include "sync-service.h"
@@ -34,7 +37,8 @@ int Targets(std::vector<ScanTarget>& out) {
     for (const UserInfo& u : *list) {
       if (!u.isEnabled() || u.view_id == 0 || u.root_path.empty()) continue;
       if (list == &users && u.isShareUser()) continue;
-      out.push_back(ScanTarget{u.view_id, u.name, u.user_type, u.uid, u.root_path});
+      out.push_back(
+          ScanTarget{u.view_id, u.name, u.user_type, u.uid, u.root_path, u.isEncryptionShare()});
     }
   }
   return db::kOk;
@@ -85,6 +89,33 @@ class Stores {
   std::map<std::string, std::unique_ptr<filestore::FileStore>> stores_;
 };
 
+// The content key of an encrypted owner's share: 1 with `key`, 0 while the
+// share is locked, negative when it cannot be asked.
+int ShareKey(const ScanTarget& target, std::string& key) {
+  const std::string share = target.owner_type == db::kShareTypeShare ? target.owner : "homes";
+  HVOSService::ShareService service(false);
+  HVOSService::Share found;
+  int rc = service.GetShare(share, found);
+  if (rc < 0) return rc;
+  if (!found.isEncryption()) return db::kErrInvalid;  // the two directories disagree
+  return found.getUniqueKey(key);
+}
+
+// The key leaves the store and memory once the view is done.
+class KeyScope {
+ public:
+  KeyScope(filestore::FileStore& store, std::string& key) : store_(store), key_(key) {}
+  ~KeyScope() {
+    store_.SetKey("");
+    explicit_bzero(key_.data(), key_.size());
+  }
+  int Set() { return store_.SetKey(key_); }
+
+ private:
+  filestore::FileStore& store_;
+  std::string& key_;
+};
+
 }  // namespace
 
 int ScanAll(const SyncConfigMgr& config, const ScanOptions& given, ScanSummary& summary) {
@@ -103,11 +134,29 @@ int ScanAll(const SyncConfigMgr& config, const ScanOptions& given, ScanSummary& 
       LOG_WARNING("scan: %s has no folder %s\n", target.owner.c_str(), target.root_path.c_str());
       continue;
     }
+    std::string key;
+    if (target.encrypted) {
+      // Nothing of an encrypted share is stored unless it can be sealed.
+      const int got = ShareKey(target, key);
+      if (got != 1) {
+        LOG_WARNING("scan: %s is an encrypted share %s; skipped\n", target.owner.c_str(),
+                    got == 0 ? "that is locked" : "whose key cannot be read");
+        ++summary.skipped;
+        continue;
+      }
+    }
     filestore::FileStore* store = stores.For(VolumeOf(target.root_path));
     std::unique_ptr<db::ViewWriter> view;
     if (!store || db::Manager::CreateView(target.view_id) < 0 ||
         db::Manager::GetViewWriter(target.view_id, view) < 0) {
       LOG_ERROR("scan: cannot open the view of %s\n", target.owner.c_str());
+      explicit_bzero(key.data(), key.size());
+      ++summary.failed;
+      continue;
+    }
+    KeyScope key_scope(*store, key);
+    if (key_scope.Set() < 0) {
+      LOG_ERROR("scan: the key of %s is not usable; skipped\n", target.owner.c_str());
       ++summary.failed;
       continue;
     }

@@ -23,7 +23,8 @@ struct ScanSummary {
   unsigned removed = 0;
   unsigned moved = 0;
   unsigned rotated = 0;
-  unsigned failed = 0;  // entries that could not be recorded
+  unsigned failed = 0;   // entries that could not be recorded
+  unsigned skipped = 0;  // views of locked encrypted shares, left alone
 };
 
 // The owner of one view and where its tree lies.
@@ -33,6 +34,7 @@ struct ScanTarget {
   uint32_t owner_type = 0;  // db::kShareType*
   uint32_t uid = 0;
   std::string root_path;
+  bool encrypted = false;  // stored sealed under the share's key
 };
 
 // Every enabled owner. Opens and closes the user, sync and log databases of

@@ -1,10 +1,18 @@
 #include "view-scan.h"
 
+#include <fcntl.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <set>
 
+#include "content-pass.h"
 #include "db/errors.h"
 #include "db/log-manager.h"
+#include "file-util.h"
 #include "logger.h"
 
 namespace scan {
@@ -32,6 +40,39 @@ struct PairHash {
   }
 };
 
+// Whether `path` carries any "user.com.apple." attribute: one listing,
+// and no packing for the many files that have none.
+bool HasMacAttrs(const std::string& path) {
+  static constexpr char kPrefix[] = "user.com.apple.";
+  char small[4096];
+  std::string names;
+  ssize_t n = llistxattr(path.c_str(), small, sizeof small);
+  if (n < 0 && errno == ERANGE) {
+    n = llistxattr(path.c_str(), nullptr, 0);
+    if (n > 0) {
+      names.resize(static_cast<size_t>(n));
+      n = llistxattr(path.c_str(), names.data(), names.size());
+    }
+  } else if (n > 0) {
+    names.assign(small, static_cast<size_t>(n));
+  }
+  if (n <= 0) return false;
+  names.resize(static_cast<size_t>(n));
+  for (size_t pos = 0; pos < names.size(); pos += strlen(names.c_str() + pos) + 1)
+    if (names.compare(pos, sizeof kPrefix - 1, kPrefix) == 0) return true;
+  return false;
+}
+
+// SHA-256 of a small file, lower-case hex; empty when it cannot be read.
+std::string HashOf(int fd) {
+  struct stat st;
+  filestore::HashConsumer hash;
+  if (fstat(fd, &st) != 0 ||
+      filestore::ReadOnce(fd, static_cast<uint64_t>(st.st_size), {&hash}, {}) < 0)
+    return "";
+  return hash.hex();
+}
+
 Recorded FromDisk(const DiskEntry& e) {
   Recorded r;
   r.dev = e.st.st_dev;
@@ -43,6 +84,7 @@ Recorded FromDisk(const DiskEntry& e) {
   r.mode = e.st.st_mode & 07777;
   r.acl = e.acl;
   r.ver_type = db::kVerTypeStored;
+  r.ctime_ns = static_cast<int64_t>(e.st.st_ctim.tv_sec) * 1000000000 + e.st.st_ctim.tv_nsec;
   return r;
 }
 
@@ -280,7 +322,53 @@ int ViewScan::PreviousOf(uint64_t node_id, Recorded& out) {
   out.file_id = v.getFileId();
   out.file_uuid = v.getFileUuid();
   out.ver_type = v.getVerType();
+  out.mac_file_id = v.getMacAttributeFileId();
+  out.mac_uuid = v.getMacAttributeUuid();
+  out.mac_hash = v.getMacAttributeHash();
   return db::kOk;
+}
+
+int ViewScan::StoreMacAttr(const DiskEntry& e, const Recorded* prev, Recorded& now) {
+  auto keep_previous = [&] {
+    now.mac_file_id = prev->mac_file_id;
+    now.mac_uuid = prev->mac_uuid;
+    now.mac_hash = prev->mac_hash;
+  };
+  // Setting an attribute moves ctime alone: an unchanged ctime needs no look.
+  if (prev && SameStat(*prev, now) && prev->ctime_ns == now.ctime_ns) {
+    keep_previous();
+    return db::kOk;
+  }
+  // Symlinks cannot carry user attributes on Linux.
+  if (e.file_type == db::kFileTypeSymlink || !HasMacAttrs(e.abs_path)) return db::kOk;
+  std::string packed = store_.folder() + "/.mac-XXXXXX";
+  const int fd = mkostemp(packed.data(), O_CLOEXEC);
+  if (fd < 0) {
+    LOG_ERROR("scan: no room to pack the Mac attributes of %s: %s\n", e.abs_path.c_str(),
+              strerror(errno));
+    return db::kErrGeneral;
+  }
+  int rc = db::kOk;
+  std::string hash;
+  if (MacAttributePack(e.abs_path, packed) < 0 || (hash = HashOf(fd)).empty()) {
+    LOG_ERROR("scan: cannot pack the Mac attributes of %s: %s\n", e.abs_path.c_str(),
+              strerror(errno));
+    rc = db::kErrGeneral;
+  } else if (prev && prev->mac_hash == hash && prev->mac_file_id != 0 &&
+             prev->mac_uuid == store_.uuid()) {
+    keep_previous();
+  } else {
+    filestore::Stored stored;
+    rc = store_.StoreWhole(packed, stored);
+    if (rc >= 0) {
+      now.mac_file_id = stored.file_id;
+      now.mac_uuid = store_.uuid();
+      now.mac_hash = stored.hash;
+    }
+  }
+  close(fd);
+  unlink(packed.c_str());
+  return rc;
 }
 
 // Content is read only when size, time or inode moved on, and then once:
@@ -339,16 +427,22 @@ int ViewScan::Record(size_t i, uint64_t node_id) {
   const bool have_prev = node_id != 0 && PreviousOf(node_id, prev) == 0;
   Recorded now = FromDisk(e);
   int rc = StoreContent(e, have_prev ? &prev : nullptr, now);
+  if (rc >= 0) rc = StoreMacAttr(e, have_prev ? &prev : nullptr, now);
   if (rc < 0) return rc;
+  const bool new_mac = now.mac_file_id != 0 && (!have_prev || now.mac_file_id != prev.mac_file_id);
   const bool is_dir = e.file_type == db::kFileTypeDir;
   const bool changed = !have_prev || now.hash != prev.hash || now.size != prev.size ||
                        now.ver_type != prev.ver_type || now.uid != prev.uid ||
                        now.gid != prev.gid || now.mode != prev.mode || now.acl != prev.acl ||
+                       now.mac_hash != prev.mac_hash ||
                        (!is_dir && now.mtime_ns / 1000000000 != prev.mtime_ns / 1000000000);
   now.node_id = node_id;
   if (!changed) {
-    // Keep the inode and exact time so the next scan needs no read.
-    if (!SameStat(prev, now)) state_.Put(target_.view_id, now);
+    // Keep the inode and exact times so the next scan needs no read.
+    if (!SameStat(prev, now) || prev.ctime_ns != now.ctime_ns) {
+      state_.Put(target_.view_id, now);
+      recorded_[node_id] = now;
+    }
     return db::kOk;
   }
   db::NewVersion v;
@@ -365,12 +459,17 @@ int ViewScan::Record(size_t i, uint64_t node_id) {
   v.ver_type = now.ver_type;
   v.file_id = now.file_id;
   v.file_uuid = now.file_uuid;
+  v.mac_attr_file_id = now.mac_file_id;
+  v.mac_attr_uuid = now.mac_uuid;
+  v.mac_attr_hash = now.mac_hash;
   v.client_id = options_.client_id;
+  v.encrypted = target_.encrypted;
   db::Node node;
   if ((rc = view_.AddVersion(v, node)) < 0) {
     LOG_ERROR("scan: cannot record %s (%d)\n", e.abs_path.c_str(), rc);
     if (now.file_id != 0 && (!have_prev || now.file_id != prev.file_id))
       store_.Release(now.file_id);
+    if (new_mac) store_.Release(now.mac_file_id);
     return rc;
   }
   now.node_id = node.getNodeId();
@@ -423,9 +522,15 @@ void ViewScan::Rotate(uint64_t node_id, const std::string& path, int32_t type) {
   std::vector<db::Version> kept;
   view_.Reader().ListVersion(node_id, kept, db::ViewManager::kListVersionAll);
   std::set<uint64_t> in_use;
-  for (const db::Version& v : kept) in_use.insert(v.getFileId());
+  for (const db::Version& v : kept) {
+    in_use.insert(v.getFileId());
+    in_use.insert(v.getMacAttributeFileId());
+  }
   for (const db::Version& v : removed) {
     Log(kLogRotate, node_id, type, {path});
+    if (v.getMacAttributeFileId() != 0 && v.getMacAttributeUuid() == store_.uuid() &&
+        in_use.insert(v.getMacAttributeFileId()).second)
+      store_.Release(v.getMacAttributeFileId());
     if (v.getFileId() == 0 || v.getVerType() != db::kVerTypeStored ||
         v.getFileUuid() != store_.uuid() || !in_use.insert(v.getFileId()).second)
       continue;

@@ -52,6 +52,9 @@ class ViewScan {
   int Move(size_t i);
   int Record(size_t i, uint64_t node_id);
   int StoreContent(const DiskEntry& e, const Recorded* prev, Recorded& now);
+  // The entry's Mac attributes, packed into one AppleDouble piece of the
+  // store; the previous piece is kept when the packed bytes are the same.
+  int StoreMacAttr(const DiskEntry& e, const Recorded* prev, Recorded& now);
   void RemoveLive(uint64_t node_id);
   void Rotate(uint64_t node_id, const std::string& path, int32_t type);
   int PreviousOf(uint64_t node_id, Recorded& out);

@@ -57,13 +57,18 @@ const std::vector<std::pair<const char*, Edit>>& Edits() {
   return edits;
 }
 
+// Share keys as HVOSService hands them out.
+const std::string kKey(64, 'a');
+const std::string kOtherKey = std::string(63, 'a') + "b";
+
 // Patches the chain of `file_id` and gives the content, or "<failed>".
-std::string PatchOf(filestore::FileStore& store, uint64_t file_id, size_t* chain = nullptr) {
+std::string PatchOf(filestore::FileStore& store, uint64_t file_id, size_t* chain = nullptr,
+                    const std::string& key = "") {
   std::string origin, out;
   std::vector<std::string> patches;
   if (store.GetPatchFiles(file_id, origin, patches) < 0) return "<no chain>";
   if (chain) *chain = patches.size();
-  if (HVFileUtility::PatchFile(origin, patches, "", kOut, out) != 0) return "<failed>";
+  if (HVFileUtility::PatchFile(origin, patches, key, kOut, out) != 0) return "<failed>";
   std::string content = tptest::ReadFile(out);
   fs::remove(out);
   return content;
@@ -113,32 +118,130 @@ class PatchFileTest : public ::testing::Test {
 TEST_F(PatchFileTest, ChainsRebuildAsTheStoreDoes) {
   const std::vector<size_t> sizes = {0, 1, 700, 70000, (3 << 20) + 17};
   const std::vector<size_t> lengths = {1, 3, 12};
-  for (size_t size : sizes) {
-    for (size_t length : lengths) {
-      SCOPED_TRACE("size " + std::to_string(size) + ", chain " + std::to_string(length));
-      std::vector<std::string> versions = {tptest::RandomBytes(size, static_cast<uint32_t>(size))};
-      std::vector<std::string> names = {"origin"};
-      for (size_t i = 1; i <= length; ++i) {
-        const auto& [name, edit] = Edits()[(i + size) % Edits().size()];
-        versions.push_back(edit(versions.back(), static_cast<uint32_t>(i * 7919 + size)));
-        names.push_back(name);
+  for (const std::string& key : {std::string(), kKey}) {
+    for (size_t size : sizes) {
+      for (size_t length : lengths) {
+        SCOPED_TRACE("size " + std::to_string(size) + ", chain " + std::to_string(length) +
+                     (key.empty() ? ", plain" : ", sealed"));
+        ASSERT_EQ(store_->SetKey(key), db::kOk);
+        std::vector<std::string> versions = {
+            tptest::RandomBytes(size, static_cast<uint32_t>(size))};
+        std::vector<std::string> names = {"origin"};
+        for (size_t i = 1; i <= length; ++i) {
+          const auto& [name, edit] = Edits()[(i + size) % Edits().size()];
+          versions.push_back(edit(versions.back(), static_cast<uint32_t>(i * 7919 + size)));
+          names.push_back(name);
+        }
+        const auto ids = StoreChain(versions);
+        for (size_t v = 0; v < ids.size(); ++v) {
+          SCOPED_TRACE("version " + std::to_string(v) + " (" + names[v] + ")");
+          const std::string rebuilt = kWork + "/rebuilt";
+          ASSERT_EQ(store_->Rebuild(ids[v], rebuilt), db::kOk);
+          size_t chain = 0;
+          const std::string patched = PatchOf(*store_, ids[v], &chain, key);
+          EXPECT_EQ(tptest::Sha256Hex(patched), tptest::Sha256Hex(tptest::ReadFile(rebuilt)));
+          EXPECT_EQ(tptest::Sha256Hex(patched), tptest::Sha256Hex(versions[v]))
+              << patched.size() << " vs " << versions[v].size();
+          EXPECT_EQ(chain, v);
+          EXPECT_EQ(HVFileUtility::GetError(), 0);
+        }
+        EXPECT_TRUE(OutIsEmpty());
       }
-      const auto ids = StoreChain(versions);
-      for (size_t v = 0; v < ids.size(); ++v) {
-        SCOPED_TRACE("version " + std::to_string(v) + " (" + names[v] + ")");
-        const std::string rebuilt = kWork + "/rebuilt";
-        ASSERT_EQ(store_->Rebuild(ids[v], rebuilt), db::kOk);
-        size_t chain = 0;
-        const std::string patched = PatchOf(*store_, ids[v], &chain);
-        EXPECT_EQ(tptest::Sha256Hex(patched), tptest::Sha256Hex(tptest::ReadFile(rebuilt)));
-        EXPECT_EQ(tptest::Sha256Hex(patched), tptest::Sha256Hex(versions[v]))
-            << patched.size() << " vs " << versions[v].size();
-        EXPECT_EQ(chain, v);
-        EXPECT_EQ(HVFileUtility::GetError(), 0);
-      }
-      EXPECT_TRUE(OutIsEmpty());
     }
   }
+}
+
+// Sealed pieces show none of their content, and open only with their key
+// and only whole.
+TEST_F(PatchFileTest, SealedPiecesOpenOnlyWithTheirKeyAndUntouched) {
+  ASSERT_EQ(store_->SetKey(kKey), db::kOk);
+  std::string base;
+  for (int i = 0; i < 300000; ++i) base += static_cast<char>('a' + i % 26);
+  const auto ids = StoreChain({base, base + "tail", "head" + base});
+  std::string origin;
+  std::vector<std::string> patches;
+  ASSERT_EQ(store_->GetPatchFiles(ids.back(), origin, patches), 0);
+  ASSERT_EQ(patches.size(), 2u);
+  for (const std::string& piece : {origin, patches[0], patches[1]})
+    EXPECT_EQ(tptest::ReadFile(piece).find("abcdefghijklmnop"), std::string::npos) << piece;
+  for (const auto& entry : fs::recursive_directory_iterator(kStore + "/node_delta"))
+    if (entry.is_regular_file()) EXPECT_EQ(tptest::ReadFile(entry.path()).substr(0, 4), "TPX1");
+  EXPECT_EQ(PatchOf(*store_, ids.back(), nullptr, kKey), "head" + base);
+
+  // Pieces damaged in the middle, cut short, or grown.
+  const std::string bad = kWork + "/bad";
+  auto damaged = [&](const std::string& piece, const std::function<void(std::string&)>& harm) {
+    std::string bytes = tptest::ReadFile(piece);
+    harm(bytes);
+    tptest::WriteFile(bad, bytes);
+    return bad;
+  };
+  struct Case {
+    const char* name;
+    std::string origin;
+    std::vector<std::string> patches;
+    std::string key;
+  };
+  const std::vector<Case> cases = {
+      {"another key", origin, patches, kOtherKey},
+      {"no key", origin, patches, ""},
+      {"not a key", origin, patches, "0123"},
+      {"flipped byte in a delta",
+       origin,
+       {patches[0], damaged(patches[1], [](std::string& b) { b[b.size() / 2] ^= 1; })},
+       kKey},
+      {"origin without its last chunk",
+       damaged(origin, [](std::string& b) { b.resize(4 + 24 + (64 << 10) + 17); }),
+       {},
+       kKey},
+      {"origin with bytes after its end",
+       damaged(origin, [](std::string& b) { b += "x"; }),
+       {},
+       kKey},
+      {"plain origin", damaged(origin, [&](std::string& b) { b = base; }), {}, kKey},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::string out;
+    EXPECT_EQ(HVFileUtility::PatchFile(c.origin, c.patches, c.key, kOut, out), -1);
+    EXPECT_EQ(HVFileUtility::GetError(), -1);
+    EXPECT_TRUE(out.empty());
+  }
+  EXPECT_TRUE(OutIsEmpty());
+}
+
+// EncryptFile writes the store's format: what it seals, PatchFile opens as
+// an origin, and its own opening gives the bytes back at chunk edges too.
+TEST_F(PatchFileTest, EncryptFileRoundTrips) {
+  const std::string plain = kWork + "/plain", sealed = kWork + "/sealed", back = kWork + "/back";
+  for (size_t size :
+       {size_t{0}, size_t{1}, size_t{64 << 10}, size_t{(64 << 10) + 1}, size_t{200000}}) {
+    SCOPED_TRACE(size);
+    const std::string content = tptest::RandomBytes(size, static_cast<uint32_t>(size));
+    tptest::WriteFile(plain, content);
+    ASSERT_EQ(HVFileUtility::EncryptFile(plain, sealed, kKey, true), 0);
+    EXPECT_NE(tptest::ReadFile(sealed), content);
+    ASSERT_EQ(HVFileUtility::EncryptFile(sealed, back, kKey, false), 0);
+    EXPECT_EQ(tptest::ReadFile(back), content);
+    std::string out;
+    ASSERT_EQ(HVFileUtility::PatchFile(sealed, {}, kKey, kOut, out), 0);
+    EXPECT_EQ(tptest::ReadFile(out), content);
+    fs::remove(out);
+
+    fs::remove(back);
+    EXPECT_EQ(HVFileUtility::EncryptFile(sealed, back, kOtherKey, false), -1);
+    EXPECT_EQ(HVFileUtility::GetError(), -1);
+    EXPECT_FALSE(fs::exists(back));
+  }
+  EXPECT_EQ(HVFileUtility::EncryptFile(kWork + "/nothing", back, kKey, true), -1);
+  EXPECT_EQ(HVFileUtility::EncryptFile(plain, back, "short", true), -1);
+
+  // A plain rename, and one that keeps attributes.
+  tptest::WriteFile(plain, "moved");
+  ASSERT_EQ(HVFileUtility::FSRenameWithEA(plain, back, false), 0);
+  ASSERT_EQ(HVFileUtility::FSRenameWithEA(back, plain, true), 0);
+  EXPECT_EQ(tptest::ReadFile(plain), "moved");
+  EXPECT_FALSE(fs::exists(back));
 }
 
 // Deltas written by hand, covering every parameter width of the format.

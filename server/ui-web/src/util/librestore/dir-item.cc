@@ -7,7 +7,8 @@
 //      one query for the folder, names made unique per folder.
 //   3. Prepare each child under the folder; the first failure ends the
 //      folder as a general failure.
-//   4. Count the folder itself once its children are done.
+//   4. Give the folder its time again (its children moved it on) and count
+//      it once its children are done.
 // The recursion is as deep as the tree; each level holds only its own
 // folder's items.
 #include "dir-item.h"
@@ -165,6 +166,11 @@ int DirItem::PrepareImpl(const std::string& work_dir, const std::string& dest_di
       RESTORE_ERR("Failed to prepare '%s'", child->GetName().c_str());
       return -1;
     }
+  }
+  // Filling the folder moved its time on; it gets the version's back.
+  if (!children.empty()) {
+    const int64_t mtime = version.getVerModifiedTime();
+    (void)FSUTime(here, mtime, mtime);
   }
   IncProg();
   return 0;

@@ -46,6 +46,16 @@ uint32_t OctalDigitsAsNibbles(uint32_t mode) {
   return nibbles;
 }
 
+// Everything built in the working folder has been moved out by rename once
+// an item succeeded. Only empty folders go, so a failed item's leftovers and
+// a concurrent task's folder stay.
+void RemoveEmptyWorkingDir(const std::string& work_dir) {
+  std::string dir = work_dir;
+  for (int level = 0; level < 3 && rmdir(dir.c_str()) == 0; ++level) {
+    dir.erase(dir.rfind('/'));
+  }
+}
+
 }  // namespace
 
 const std::map<uint32_t, uint32_t> Item::unix_mode_map = {
@@ -102,6 +112,7 @@ int Item::Restore(const TaskActor& actor, int flags) {
       slash == std::string::npos || slash == 0 ? "/" : full.substr(0, slash);
   const int rc = Prepare(work_dir, dest_dir, actor, flags);
   if (rc < 0) return rc;
+  RemoveEmptyWorkingDir(work_dir);
   (void)LogRestoreDone(actor);
   return RC_OK;
 }
@@ -110,7 +121,9 @@ int Item::CopyTo(const std::string& dest, const TaskActor& actor, int flags) {
   std::string work_dir;
   if (CreateWorkingDir(dest, work_dir) < 0) return RC_GENERAL;
   const int rc = Prepare(work_dir, dest, actor, flags);
-  return rc < 0 ? rc : RC_OK;
+  if (rc < 0) return rc;
+  RemoveEmptyWorkingDir(work_dir);
+  return RC_OK;
 }
 
 int Item::Prepare(const std::string& work_dir, const std::string& dest_dir, const TaskActor& actor,

@@ -165,7 +165,9 @@ TEST_F(PatchFileTest, SealedPiecesOpenOnlyWithTheirKeyAndUntouched) {
   for (const std::string& piece : {origin, patches[0], patches[1]})
     EXPECT_EQ(tptest::ReadFile(piece).find("abcdefghijklmnop"), std::string::npos) << piece;
   for (const auto& entry : fs::recursive_directory_iterator(kStore + "/node_delta"))
-    if (entry.is_regular_file()) EXPECT_EQ(tptest::ReadFile(entry.path()).substr(0, 4), "TPX1");
+    if (entry.is_regular_file()) {
+      EXPECT_EQ(tptest::ReadFile(entry.path()).substr(0, 4), "TPX1");
+    }
   EXPECT_EQ(PatchOf(*store_, ids.back(), nullptr, kKey), "head" + base);
 
   // Pieces damaged in the middle, cut short, or grown.

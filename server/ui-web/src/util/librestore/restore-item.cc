@@ -128,9 +128,16 @@ int Item::CopyTo(const std::string& dest, const TaskActor& actor, int flags) {
 
 int Item::Prepare(const std::string& work_dir, const std::string& dest_dir, const TaskActor& actor,
                   int flags) {
+  // Checked before anything is made: a hostile path or name must not leave
+  // even an empty folder outside the destination.
+  const std::string target = dest_dir + "/" + name;
+  if (!IsPathSafe(target)) {
+    RESTORE_ERR("Target path name '%s' is not safe", target.c_str());
+    return RC_GENERAL;
+  }
   int rc = InitVersion();
   if (rc < 0) return rc;
-  if ((rc = CheckDestEnv(dest_dir + "/" + name)) < 0) return rc;
+  if ((rc = CheckDestEnv(target)) < 0) return rc;
   if ((rc = CreateDestDir(dest_dir, actor)) < 0) return rc;
   return PrepareImpl(work_dir, dest_dir, actor, flags);
 }

@@ -32,7 +32,12 @@ void Walk(int dir_fd, const std::string& view_path, const std::string& abs_path,
   }
   std::vector<std::string> names;
   while (dirent* d = readdir(dir)) {
-    if (strcmp(d->d_name, ".") != 0 && strcmp(d->d_name, "..") != 0) names.emplace_back(d->d_name);
+    // "@eaDir" holds the system's own data (restores build their files
+    // there before moving them in): never a user's content.
+    if (strcmp(d->d_name, ".") != 0 && strcmp(d->d_name, "..") != 0 &&
+        strcmp(d->d_name, "@eaDir") != 0) {
+      names.emplace_back(d->d_name);
+    }
   }
   std::sort(names.begin(), names.end());
   for (const std::string& name : names) {

@@ -121,7 +121,12 @@ TEST_F(ScanTest, NewFilesFoldersAndLinksBecomeNodesWithTheirContent) {
   tptest::WriteFile(kHome + "/dir/sub/deep.bin", tptest::RandomBytes(300 << 10, 1));
   fs::create_symlink("a.txt", kHome + "/link");
   tptest::WriteFile("/volume1/Docs/report.txt", "quarterly");
+  // The system's own folders (a restore's staging place) are no content.
+  tptest::WriteFile(kHome + "/@eaDir/@tmp/Tidepool.x1/staged.txt", "half-built");
+  tptest::WriteFile(kHome + "/dir/@eaDir/meta", "system");
   Scan(1700000000);
+  EXPECT_EQ(At("/@eaDir").getNodeId(), 0u);
+  EXPECT_EQ(At("/dir/@eaDir").getNodeId(), 0u);
 
   const db::Node a = At("/a.txt");
   ASSERT_NE(a.getNodeId(), 0u);

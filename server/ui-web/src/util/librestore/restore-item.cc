@@ -14,6 +14,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -54,6 +55,23 @@ void RemoveEmptyWorkingDir(const std::string& work_dir) {
   for (int level = 0; level < 3 && rmdir(dir.c_str()) == 0; ++level) {
     dir.erase(dir.rfind('/'));
   }
+}
+
+// Progress reaches the task record at most every kProgressInterval: a
+// record rewrite for each of thousands of small files would cost more than
+// restoring them. The interval is far below the ten seconds after which a
+// silent task counts as dead.
+constexpr auto kProgressInterval = std::chrono::milliseconds(250);
+
+struct PendingProgress {
+  HVOS::Task* task = nullptr;
+  uint64_t steps = 0;
+  std::chrono::steady_clock::time_point written;
+};
+
+PendingProgress& Pending() {
+  static PendingProgress pending;
+  return pending;
 }
 
 }  // namespace
@@ -412,9 +430,26 @@ int Item::IsDestUnderTidepool(const std::string& path) {
 
 int Item::IncProg() {
   if (task == nullptr) return 0;
+  PendingProgress& pending = Pending();
+  if (pending.task != task) {
+    (void)FlushProgress(pending.task);
+    pending = PendingProgress{task, 0, {}};
+  }
+  ++pending.steps;
+  if (std::chrono::steady_clock::now() - pending.written < kProgressInterval) return 0;
+  return FlushProgress(task);
+}
+
+int FlushProgress(HVOS::Task* task) {
+  PendingProgress& pending = Pending();
+  if (task == nullptr || pending.task != task || pending.steps == 0) return 0;
+  const uint64_t steps = pending.steps;
+  pending.steps = 0;
+  pending.written = std::chrono::steady_clock::now();
   if (!task->hasProperty("data")) return -1;
   Json::Value data = task->getProperty("data");
-  data["current"] = Json::UInt64(data.get("current", 0).asUInt64() + 1);
+  const Json::Value& current = data["current"];
+  data["current"] = Json::UInt64((current.isUInt64() ? current.asUInt64() : 0) + steps);
   data["last_update_time"] = Json::Int64(time(nullptr));
   task->setProperty("data", data);
   return 0;

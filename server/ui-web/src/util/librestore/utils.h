@@ -76,4 +76,8 @@ int CountFromItemList(const ItemList& items, bool include_removed, unsigned long
 int PrepareFromItemList(const ItemList& items, const std::string& work_dir,
                         const std::string& dest_dir, const TaskActor& actor, int flags);
 
+// Writes the progress that items counted but have not yet written to the
+// task record; 0, or -1 when the record has no progress to add to.
+int FlushProgress(HVOS::Task* task);
+
 }  // namespace tidepool::restore

@@ -276,6 +276,7 @@ void NodeRestoreStartHandler::RunRestore(const RequestAuthentication& auth,
           break;
         }
       }
+      tidepool::restore::FlushProgress(&task);
       tidepool::restore::CloseFileDatabases();
       if (error.empty()) {
         task.finish(false);

@@ -6,10 +6,12 @@
 #include <sqlite3.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <chrono>
 #include <ctime>
 #include <filesystem>
@@ -96,6 +98,14 @@ void PutEntry(const std::string& root, const Entry& e) {
     ASSERT_EQ(chmod(path.c_str(), e.mode), 0) << path;
   }
   if (!e.acl.empty()) Run({"/usr/bin/setfacl", "-m", AclWithIds(e.acl), path});
+  for (const auto& [name, value] : e.xattrs) {
+    if (value) {
+      ASSERT_EQ(lsetxattr(path.c_str(), name.c_str(), value->data(), value->size(), 0), 0)
+          << path << " " << name;
+    } else if (lremovexattr(path.c_str(), name.c_str()) != 0) {
+      ASSERT_EQ(errno, ENODATA) << path << " " << name;
+    }
+  }
 }
 
 void SetTimes(const std::string& path, uint32_t t) {
@@ -329,19 +339,44 @@ Json::Value BrowseVersion(const std::string& sid, const std::string& target,
   return node;
 }
 
+std::map<std::string, std::string> UserXattrs(const std::string& path) {
+  std::map<std::string, std::string> out;
+  const ssize_t size = llistxattr(path.c_str(), nullptr, 0);
+  if (size <= 0) return out;
+  std::string names(static_cast<size_t>(size), '\0');
+  const ssize_t got = llistxattr(path.c_str(), names.data(), names.size());
+  for (size_t pos = 0; got > 0 && pos < static_cast<size_t>(got);) {
+    const std::string name = names.c_str() + pos;
+    pos += name.size() + 1;
+    if (!name.starts_with("user.")) continue;
+    const ssize_t len = lgetxattr(path.c_str(), name.c_str(), nullptr, 0);
+    std::string value(static_cast<size_t>(std::max<ssize_t>(len, 0)), '\0');
+    if (len > 0 && lgetxattr(path.c_str(), name.c_str(), value.data(), value.size()) != len) {
+      ADD_FAILURE() << path << ": " << name << " changed while read";
+    }
+    out[name] = value;
+  }
+  return out;
+}
+
 tptest::WebAnswer Status(const std::string& sid) { return Call(kRestoreApi, "status", {}, sid); }
 tptest::WebAnswer Finish(const std::string& sid) { return Call(kRestoreApi, "finish", {}, sid); }
 
 bool RecordExists() { return HVOS::TaskUtil::checkTaskExists("admin", "dftw_restore_progress"); }
 
-RestoreRun Restore(const std::string& sid, const std::string& target,
-                   const std::vector<Json::Value>& nodes, Params params) {
+tptest::WebAnswer StartRestore(const std::string& sid, const std::string& target,
+                               const std::vector<Json::Value>& nodes, Params params) {
   Json::Value list(Json::arrayValue);
   for (const Json::Value& node : nodes) list.append(node);
   params.insert(params.begin(), {"nodes", list});
   params.insert(params.begin(), {"target", target});
+  return Call(kRestoreApi, "start", params, sid);
+}
+
+RestoreRun Restore(const std::string& sid, const std::string& target,
+                   const std::vector<Json::Value>& nodes, Params params) {
   RestoreRun run;
-  run.start = Call(kRestoreApi, "start", params, sid);
+  run.start = StartRestore(sid, target, nodes, std::move(params));
   run.started = run.start.success();
   if (!run.started) return run;
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
@@ -396,6 +431,18 @@ void WriteOrphanRecord(int age_s) {
   data["current"] = 1;
   data["total"] = 3;
   task.setProperty("data", data);
+}
+
+void AgeRecord(int age_s) {
+  // Opening a missing record would make one owned by this process.
+  ASSERT_TRUE(RecordExists());
+  HVOS::Task task("admin", "dftw_restore_progress");
+  task.beginUpdate();
+  Json::Value data = task.getProperty("data");
+  ASSERT_TRUE(data.isObject());
+  data["last_update_time"] = Json::Int64(static_cast<int64_t>(Now()) - age_s);
+  task.setProperty("data", data);
+  ASSERT_EQ(task.endUpdate(), 1);
 }
 
 std::vector<LogSeen> Logs(uint32_t type) {

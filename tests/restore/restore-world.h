@@ -13,6 +13,7 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -32,7 +33,8 @@ inline const std::string kTeam = "/volume1/team";
 
 // One entry of a tree on disk. A path ending in "/" is a folder; `link`
 // makes a symlink to `content`. `acl` is setfacl text with user names
-// ("u:bob:r--"), turned into ids.
+// ("u:bob:r--"), turned into ids. `xattrs` are set (or, without a value,
+// removed) after the entry is written.
 struct Entry {
   Entry(std::string path, std::string content = "", mode_t mode = 0640)
       : path(std::move(path)), content(std::move(content)), mode(mode) {}
@@ -44,6 +46,7 @@ struct Entry {
   std::string acl;
   bool link = false;
   uint32_t mtime = 0;  // 0: the moment's time minus an hour
+  std::vector<std::pair<std::string, std::optional<std::string>>> xattrs;
 
   Entry& Owner(std::string user, uint32_t group) {
     owner = std::move(user);
@@ -60,6 +63,14 @@ struct Entry {
   }
   Entry& Mtime(uint32_t t) {
     mtime = t;
+    return *this;
+  }
+  Entry& Xattr(std::string name, std::string value) {
+    xattrs.emplace_back(std::move(name), std::move(value));
+    return *this;
+  }
+  Entry& DropXattr(std::string name) {
+    xattrs.emplace_back(std::move(name), std::nullopt);
     return *this;
   }
 };
@@ -128,6 +139,9 @@ Json::Value Browse(const std::string& sid, const std::string& target, const std:
 Json::Value BrowseVersion(const std::string& sid, const std::string& target,
                           const std::string& path, int newest_index);
 
+// The extended attributes of `path` in the user namespace, name to value.
+std::map<std::string, std::string> UserXattrs(const std::string& path);
+
 struct RestoreRun {
   tptest::WebAnswer start;  // the answer of start
   bool started = false;
@@ -137,6 +151,9 @@ struct RestoreRun {
   uint64_t total = 0;
   std::string last_status;  // the last status body, for messages
 };
+// The start call alone, with `params` (target and nodes added).
+tptest::WebAnswer StartRestore(const std::string& sid, const std::string& target,
+                               const std::vector<Json::Value>& nodes, Params params = {});
 // start with `params` (target and nodes added), then status every 100 ms
 // until current == total or an error, for at most 60 seconds, then waits
 // for the child to close the record. Does not call finish.
@@ -152,6 +169,9 @@ tptest::WebAnswer Finish(const std::string& sid);
 // leave it: last updated `age_s` seconds ago, by a process that is gone.
 void WriteOrphanRecord(int age_s);
 bool RecordExists();
+// Moves the record's last progress `age_s` seconds into the past, as if the
+// restore had fallen silent then; keeps everything else.
+void AgeRecord(int age_s);
 
 // Log records of `type`, oldest first, written at or after `since`.
 struct LogSeen {

@@ -122,8 +122,10 @@ restore() {
   echo "  restored $current of $total progress units in $(secs "$t0" "$t1") s" >&2
   secs "$t0" "$t1"
 }
-# Every figure is the better of two runs: the first write into memory the
-# virtual machine has not touched yet can cost several times the second.
+# Every figure is the better of two runs, both printed: on a virtual machine a
+# write() into page cache that no deleted file has freed before can cost ten
+# times the second run's (dd shows it too; cp, which copies inside the
+# kernel, does not).
 min() { awk -v a="$1" -v b="$2" 'BEGIN { print (a < b) ? a : b }'; }
 # restore twice into the emptied DEST; CHECK (a command) after each run.
 restore2() {

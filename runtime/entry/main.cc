@@ -22,6 +22,7 @@
 #include "builtin.h"
 #include "kstx/request-decoder.h"
 #include "kstx/webapi-module.h"
+#include "module-dispatch.h"
 #include "module-index.h"
 #include "privilege.h"
 #include "session.h"
@@ -100,45 +101,6 @@ void AttachSession(KSTX::RequestContext& ctx, const std::string& sid) {
   ctx.is_timeout = state == 1;
 }
 
-template <typename Row>
-const Row* FindRow(const Row* rows, const std::string& api, const std::string& method,
-                   unsigned version) {
-  const Row* any = nullptr;
-  for (const Row* row = rows; row != nullptr && row->api != nullptr; ++row) {
-    if (api != row->api || row->method == nullptr || method != row->method) continue;
-    if (row->version == version) return row;
-    if (any == nullptr) any = row;
-  }
-  return any;
-}
-
-void ServeModule(const ApiIndexEntry& entry, KSTX::APIRequest& request,
-                 KSTX::APIResponse& response) {
-  // Lazy binding: a module is large and a request runs few of its functions.
-  void* module = dlopen(entry.module_path.c_str(), RTLD_LAZY | RTLD_LOCAL);
-  if (module == nullptr) {
-    std::fprintf(stderr, "entry.cgi: %s\n", dlerror());
-    return SetRuntimeError(response, kErrUnexpected);
-  }
-  using TableFunc = const KSTXAPITableRow* (*)();
-  using CheckTableFunc = const KSTXAPICheckTableRow* (*)();
-  auto table = reinterpret_cast<TableFunc>(dlsym(module, "GetAPITable"));
-  auto check_table = reinterpret_cast<CheckTableFunc>(dlsym(module, "GetAPICheckTable"));
-  if (table == nullptr || check_table == nullptr) return SetRuntimeError(response, kErrUnexpected);
-  const std::string api = request.GetAPIClass(), method = request.GetAPIMethod();
-  const unsigned version = request.GetAPIVersion();
-  const KSTXAPITableRow* row = FindRow(table(), api, method, version);
-  const KSTXAPICheckTableRow* check = FindRow(check_table(), api, method, version);
-  if (row == nullptr || row->process == nullptr || check == nullptr) {
-    return SetRuntimeError(response, kErrNoSuchApi);
-  }
-  if (check->check != nullptr && !check->check(&request, &response)) {
-    if (!response.IsError()) SetRuntimeError(response, kErrParameter);
-    return;
-  }
-  row->process(&request, &response);
-}
-
 void Serve(KSTX::APIRequest& request, KSTX::APIResponse& response, const std::string& sid) {
   const std::string api = request.GetAPIClass();
   const unsigned version = request.GetAPIVersion();
@@ -150,7 +112,7 @@ void Serve(KSTX::APIRequest& request, KSTX::APIResponse& response, const std::st
   for (const ApiIndexEntry& entry : ReadModuleIndex()) {
     if (entry.api != api) continue;
     if (version < entry.min_version || version > entry.max_version) break;
-    return ServeModule(entry, request, response);
+    return ServeModule(entry, request, response, "entry.cgi");
   }
   SetRuntimeError(response, kErrNoSuchApi);
 }

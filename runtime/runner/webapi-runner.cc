@@ -30,6 +30,7 @@
 #include "builtin.h"
 #include "host-accounts.h"
 #include "kstx/webapi-module.h"
+#include "module-dispatch.h"
 #include "module-index.h"
 #include "privilege.h"
 
@@ -63,44 +64,6 @@ bool ReadParams(Json::Value& out) {
   return reader->parse(text.data(), text.data() + text.size(), &out, &errors) && out.isObject();
 }
 
-template <typename Row>
-const Row* FindRow(const Row* rows, const std::string& api, const std::string& method,
-                   unsigned version) {
-  const Row* any = nullptr;
-  for (const Row* row = rows; row != nullptr && row->api != nullptr; ++row) {
-    if (api != row->api || row->method == nullptr || method != row->method) continue;
-    if (row->version == version) return row;
-    if (any == nullptr) any = row;
-  }
-  return any;
-}
-
-void ServeModule(const ApiIndexEntry& entry, KSTX::APIRequest& request,
-                 KSTX::APIResponse& response) {
-  void* module = dlopen(entry.module_path.c_str(), RTLD_LAZY | RTLD_LOCAL);
-  if (module == nullptr) {
-    std::fprintf(stderr, "kstx-webapi-runner: %s\n", dlerror());
-    return SetRuntimeError(response, kErrUnexpected);
-  }
-  using TableFunc = const KSTXAPITableRow* (*)();
-  using CheckTableFunc = const KSTXAPICheckTableRow* (*)();
-  auto table = reinterpret_cast<TableFunc>(dlsym(module, "GetAPITable"));
-  auto check_table = reinterpret_cast<CheckTableFunc>(dlsym(module, "GetAPICheckTable"));
-  if (table == nullptr || check_table == nullptr) return SetRuntimeError(response, kErrUnexpected);
-  const std::string api = request.GetAPIClass(), method = request.GetAPIMethod();
-  const unsigned version = request.GetAPIVersion();
-  const KSTXAPITableRow* row = FindRow(table(), api, method, version);
-  const KSTXAPICheckTableRow* check = FindRow(check_table(), api, method, version);
-  if (row == nullptr || row->process == nullptr || check == nullptr) {
-    return SetRuntimeError(response, kErrNoSuchApi);
-  }
-  if (check->check != nullptr && !check->check(&request, &response)) {
-    if (!response.IsError()) SetRuntimeError(response, kErrParameter);
-    return;
-  }
-  row->process(&request, &response);
-}
-
 void Serve(KSTX::APIRequest& request, KSTX::APIResponse& response) {
   const std::string api = request.GetAPIClass();
   const unsigned version = request.GetAPIVersion();
@@ -115,7 +78,7 @@ void Serve(KSTX::APIRequest& request, KSTX::APIResponse& response) {
   for (const ApiIndexEntry& entry : ReadModuleIndex()) {
     if (entry.api != api) continue;
     if (version < entry.min_version || version > entry.max_version) break;
-    return ServeModule(entry, request, response);
+    return ServeModule(entry, request, response, "kstx-webapi-runner");
   }
   SetRuntimeError(response, kErrNoSuchApi);
 }

@@ -42,18 +42,22 @@ int DirItem::QuerySelf(db::Node& node, bool include_removed) {
   return vif->QueryNodeByPermanentIdAndSyncId(permanent_id, wanted, node, flags);
 }
 
-int DirItem::Count(unsigned long long& count, bool include_removed) {
-  db::ViewDBInterface& vif = view.GetVif();
+int DirItem::SubtreeFilter(bool include_removed, db::SearchNodeFilter& filter) {
   db::Node node;
   if (QuerySelf(node, include_removed) < 0) {
     RESTORE_ERR("Failed to QueryNodeByPermanentIdAndSyncId(), permanent_id = %llu, sync_id = %llu",
                 permanent_id, sync_id);
     return -1;
   }
-  db::SearchNodeFilter filter;
   FillSearchNodeFilter(node, true, include_removed, filter);
+  return 0;
+}
+
+int DirItem::Count(unsigned long long& count, bool include_removed) {
+  db::SearchNodeFilter filter;
+  if (SubtreeFilter(include_removed, filter) < 0) return -1;
   unsigned long long n = 0;
-  if (vif->CountNode(filter, n) < 0) {
+  if (view.GetVif()->CountNode(filter, n) < 0) {
     RESTORE_ERR("failed to count node with permanent_id = %llu, and sync_id = %llu", permanent_id,
                 sync_id);
     return -1;
@@ -63,17 +67,10 @@ int DirItem::Count(unsigned long long& count, bool include_removed) {
 }
 
 int DirItem::ListEncrypted(std::vector<db::Node>& out, bool include_removed) {
-  db::ViewDBInterface& vif = view.GetVif();
-  db::Node node;
-  if (QuerySelf(node, include_removed) < 0) {
-    RESTORE_ERR("Failed to QueryNodeByPermanentIdAndSyncId(), permanent_id = %llu, sync_id = %llu",
-                permanent_id, sync_id);
-    return -1;
-  }
   db::SearchNodeFilter filter;
-  FillSearchNodeFilter(node, true, include_removed, filter);
+  if (SubtreeFilter(include_removed, filter) < 0) return -1;
   std::vector<db::Node> nodes;
-  if (vif->SearchNode(filter, nodes) < 0) {
+  if (view.GetVif()->SearchNode(filter, nodes) < 0) {
     RESTORE_ERR("failed to search node with permanent_id = %llu, and sync_id = %llu", permanent_id,
                 sync_id);
     return -1;

@@ -30,6 +30,8 @@ class DirItem : public Item {
  private:
   // This folder's node as it stood in the item's version.
   int QuerySelf(db::Node& node, bool include_removed);
+  // The filter of this folder's whole subtree; -1 when the folder is not found.
+  int SubtreeFilter(bool include_removed, db::SearchNodeFilter& filter);
 };
 
 }  // namespace tidepool::restore

@@ -91,6 +91,9 @@ class ViewDB final : public ViewManager, public ViewWriter {
   uint64_t root_id_ = 0;
   int batch_depth_ = 0;
   std::unique_ptr<SQLite::Database> db_;
+  // Prepared once: a folder restore opens a version per file. Declared after
+  // db_ so that it is finalized before the database closes.
+  std::unique_ptr<SQLite::Statement> open_version_;
 };
 
 // Splits "/a/b" into "/a" and "b"; false for a path that is not absolute,

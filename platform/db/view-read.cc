@@ -452,13 +452,20 @@ int ViewDB::ListVersionByPermanentId(uint64_t permanent_id, std::vector<Version>
 
 int ViewDB::OpenVersionByPermanentId(uint64_t permanent_id, uint64_t sync_id, Version& out) {
   return Guard("open version", [&]() -> int {
-    SQLite::Statement q(*db_, std::string("SELECT ") + kVersionColumns +
-                                  " FROM versions v JOIN nodes n ON n.node_id = v.node_id "
-                                  "WHERE n.permanent_id = ? AND v.sync_id = ?");
+    if (!open_version_) {
+      open_version_ = std::make_unique<SQLite::Statement>(
+          *db_, std::string("SELECT ") + kVersionColumns +
+                    " FROM versions v JOIN nodes n ON n.node_id = v.node_id "
+                    "WHERE n.permanent_id = ? AND v.sync_id = ?");
+    }
+    SQLite::Statement& q = *open_version_;
+    q.reset();
     q.bind(1, static_cast<int64_t>(Clamp(permanent_id)));
     q.bind(2, static_cast<int64_t>(Clamp(sync_id)));
-    if (!q.executeStep()) return static_cast<int>(kErrNotFound);
-    int rc = VersionFromRow(q, out);
+    const bool found = q.executeStep();
+    int rc = found ? VersionFromRow(q, out) : static_cast<int>(kErrNotFound);
+    // Ends the read, so the statement holds no snapshot between calls.
+    q.reset();
     if (rc < 0) return rc;
     return out.getSyncId() == sync_id ? static_cast<int>(kOk) : static_cast<int>(kErrCorrupt);
   });

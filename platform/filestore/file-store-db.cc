@@ -135,13 +135,20 @@ int FileTable::Open(const std::string& path, bool create) {
 
 int FileTable::Get(uint64_t file_id, FileRow& out) {
   return Guard("get", [&] {
-    SQLite::Statement q(*db_,
-                        "SELECT file_id, base_id, depth, size, stored_size, hash, has_signature, "
-                        "released, encrypted FROM file WHERE file_id = ?");
+    if (!get_) {
+      get_ = std::make_unique<SQLite::Statement>(
+          *db_,
+          "SELECT file_id, base_id, depth, size, stored_size, hash, has_signature, released, "
+          "encrypted FROM file WHERE file_id = ?");
+    }
+    SQLite::Statement& q = *get_;
+    q.reset();
     q.bind(1, static_cast<int64_t>(file_id));
-    if (!q.executeStep()) return static_cast<int>(db::kErrNotFound);
-    out = RowOf(q);
-    return static_cast<int>(db::kOk);
+    const bool found = q.executeStep();
+    if (found) out = RowOf(q);
+    // Ends the read, so the statement holds no snapshot between calls.
+    q.reset();
+    return static_cast<int>(found ? db::kOk : db::kErrNotFound);
   });
 }
 

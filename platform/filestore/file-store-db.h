@@ -3,6 +3,7 @@
 #pragma once
 
 #include <SQLiteCpp/Database.h>
+#include <SQLiteCpp/Statement.h>
 
 #include <cstdint>
 #include <memory>
@@ -48,6 +49,9 @@ class FileTable {
   std::unique_ptr<SQLite::Database> db_;
   std::string uuid_;
   bool batch_ = false;
+  // Prepared once: a restore looks up thousands of rows. Finalized before
+  // the database closes, being declared after it.
+  std::unique_ptr<SQLite::Statement> get_;
 };
 
 // Where the pieces of a file id lie inside the store's folder, fanned out

@@ -22,7 +22,10 @@ thread_local int last_error = 0;
 
 constexpr size_t kWriteBuffer = 4 << 20;
 // Segments this long go by copy_file_range (in-kernel copy or reflink).
-constexpr uint64_t kKernelCopyMin = 1 << 20;
+// A chain of scattered edits composes into segments of tens of KiB; copying
+// those in the kernel rather than through a buffer took a 1 GiB restore at
+// the end of 8 deltas from 0.69 s to 0.46 s here.
+constexpr uint64_t kKernelCopyMin = 64 << 10;
 
 class Fd {
  public:

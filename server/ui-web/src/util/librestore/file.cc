@@ -10,6 +10,7 @@
 #include "file.h"
 
 #include <errno.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -43,6 +44,16 @@ db::FileManager* FileDatabase(const std::string& uuid) {
 }
 
 bool IsNoSpace(int err) { return err == ENOSPC || err == EDQUOT; }
+
+// Any write to a file moves its change time; the same inode, size and
+// change time mean the same content.
+bool Unchanged(const std::string& path, const struct stat& before) {
+  struct stat now {};
+  return lstat(path.c_str(), &now) == 0 && now.st_ino == before.st_ino &&
+         now.st_dev == before.st_dev && now.st_size == before.st_size &&
+         now.st_ctim.tv_sec == before.st_ctim.tv_sec &&
+         now.st_ctim.tv_nsec == before.st_ctim.tv_nsec;
+}
 
 }  // namespace
 
@@ -125,6 +136,8 @@ int File::DupFromShare(const std::string& work_dir, bool encrypted, std::string&
   const std::string& staged = temp.getPath();
   SimpleFileReader reader;
   reader.setFile(source_path);
+  struct stat before_clone {};
+  bool cloned = false;
   if (info.type == kFSTypeSymlink) {
     if (getFileFromSymlink(source_path, staged) < 0) {
       RESTORE_ERR("getFileFromSymlink (%s) to (%s) failed\n", source_path.c_str(), staged.c_str());
@@ -135,9 +148,15 @@ int File::DupFromShare(const std::string& work_dir, bool encrypted, std::string&
     reader.setFile(staged);
   } else if (!encrypted && SupportSnapShot(source_path, staged)) {
     RESTORE_INFO("clone file '%s' -> '%s'\n", source_path.c_str(), staged.c_str());
+    // The clone shares the source's blocks, but the page cache holds them
+    // under the source: hashing the source reads from memory where the
+    // clone would read the disk. The source's hash stands for the clone's
+    // when the source did not change from before the clone to after the
+    // read; otherwise the clone itself is hashed.
+    const bool stat_ok = lstat(source_path.c_str(), &before_clone) == 0;
     if (CloneFile(source_path, staged) == 0) {
-      // The clone shares the source's blocks; hashing it reads them once.
-      reader.setFile(staged);
+      cloned = stat_ok;
+      if (!cloned) reader.setFile(staged);
     } else {
       RESTORE_ERR("Fail to clone file '%s' -> '%s', fallback to copy\n", source_path.c_str(),
                   staged.c_str());
@@ -150,7 +169,12 @@ int File::DupFromShare(const std::string& work_dir, bool encrypted, std::string&
   }
   std::string hash;
   reader.setHashString(&hash);
-  if (reader.readFile() < 0) {
+  int read_rc = reader.readFile();
+  if (read_rc == 0 && cloned && !Unchanged(source_path, before_clone)) {
+    reader.setFile(staged);
+    read_rc = reader.readFile();
+  }
+  if (read_rc < 0) {
     const int err = errno;
     RESTORE_ERR("readFile failure of '%s' (%s)\n", source_path.c_str(), strerror(err));
     return IsNoSpace(err) ? RC_NO_SPACE : RC_GENERAL;

@@ -87,7 +87,7 @@ int FSMKDirFromRoot(const std::string& path, const std::string& root) {
   }
   if (target.size() == top.size()) {
     // Nothing to make: the root is never created, only found.
-    struct stat st{};
+    struct stat st {};
     if (stat(target.c_str(), &st) != 0) return -1;
     if (S_ISDIR(st.st_mode)) return 0;
     errno = ENOTDIR;

@@ -9,6 +9,7 @@
 
 #include <ctime>
 
+#include "directory-read.h"
 #include "host-accounts.h"
 #include "root-scope.h"
 
@@ -17,21 +18,12 @@ namespace {
 
 constexpr const char* kColumns =
     "SELECT uid, name, gid, home, disabled, expire_day, app_allowed FROM users ";
-constexpr int kBusyTimeoutMs = 5000;
-
-std::string AsciiLower(const std::string& text) {
-  std::string lower = text;
-  for (char& c : lower) {
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-  }
-  return lower;
-}
 
 template <typename Bind>
 int QueryUser(const char* where, Bind bind, User& out) {
   RootScope root;
   try {
-    SQLite::Database db(kDefaultPath, SQLite::OPEN_READONLY, kBusyTimeoutMs);
+    SQLite::Database db(kDefaultPath, SQLite::OPEN_READONLY, kReadBusyTimeoutMs);
     SQLite::Statement query(db, std::string(kColumns) + where);
     bind(query);
     if (!query.executeStep()) return kErrNotFound;

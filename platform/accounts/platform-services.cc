@@ -5,8 +5,7 @@
 #include <SQLiteCpp/Exception.h>
 #include <SQLiteCpp/Statement.h>
 
-#include <functional>
-
+#include "directory-read.h"
 #include "host-accounts.h"
 #include "platform-services.h"
 #include "root-scope.h"
@@ -14,27 +13,8 @@
 
 namespace {
 
-constexpr int kBusyTimeoutMs = 5000;
-
-std::string AsciiLower(const std::string& text) {
-  std::string lower = text;
-  for (char& c : lower) {
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-  }
-  return lower;
-}
-
-// Runs `body` over the directory opened read-only with root's rights; the
-// directory's errors become kErrStorage.
-int WithDirectory(const std::function<int(SQLite::Database&)>& body) {
-  hostaccounts::RootScope root;
-  try {
-    SQLite::Database db(hostaccounts::kDefaultPath, SQLite::OPEN_READONLY, kBusyTimeoutMs);
-    return body(db);
-  } catch (const SQLite::Exception&) {
-    return hostaccounts::kErrStorage;
-  }
-}
+using hostaccounts::AsciiLower;
+using hostaccounts::WithDirectory;
 
 bool ValidId(int64_t id) { return id >= 0 && id <= UINT32_MAX; }
 

@@ -42,21 +42,6 @@ std::string Trimmed(const std::string& path) {
   return path;
 }
 
-std::string UrlEncode(const std::string& text) {
-  static const char kHex[] = "0123456789ABCDEF";
-  std::string out;
-  for (unsigned char c : text) {
-    if (isalnum(c) || c == '-' || c == '_' || c == '.' || c == '~') {
-      out += static_cast<char>(c);
-    } else {
-      out += '%';
-      out += kHex[c >> 4];
-      out += kHex[c & 15];
-    }
-  }
-  return out;
-}
-
 void RunSqlOn(const std::string& file, const std::string& sql) {
   sqlite3* handle = nullptr;
   ASSERT_EQ(sqlite3_open(file.c_str(), &handle), SQLITE_OK) << file;
@@ -71,13 +56,7 @@ void RunSqlOn(const std::string& file, const std::string& sql) {
 void RunSql(uint64_t view, const std::string& sql) { RunSqlOn(ViewFile(view), sql); }
 
 WebAnswer CallNode(const std::string& method, const Params& params, const std::string& sid) {
-  Json::StreamWriterBuilder builder;
-  builder["indentation"] = "";
-  std::string query = "api=KSTX.Tidepool.Node&version=1&method=" + method;
-  for (const auto& [name, value] : params) {
-    query += "&" + name + "=" + UrlEncode(Json::writeString(builder, value));
-  }
-  return Get(query, sid);
+  return CallApi("KSTX.Tidepool.Node", method, params, sid);
 }
 
 void SeedWorld() {

@@ -61,7 +61,6 @@ void MarkPermanentlyRemoved(uint64_t view, const std::string& path);
 // comparing before and after a read.
 std::string DatabaseChecksums();
 
-using Params = std::vector<std::pair<std::string, Json::Value>>;
 // KSTX.Tidepool.Node `method` through entry.cgi; each value is sent as its
 // JSON text, as the front-end does.
 WebAnswer CallNode(const std::string& method, const Params& params, const std::string& sid);

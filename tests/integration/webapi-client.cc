@@ -1,6 +1,7 @@
 #include "webapi-client.h"
 
 #include <json/reader.h>
+#include <json/writer.h>
 #include <pwd.h>
 #include <sys/stat.h>
 #include <utime.h>
@@ -8,6 +9,7 @@
 #include <ctime>
 
 #include "process.h"
+#include "url-encode.h"
 
 namespace tptest {
 namespace {
@@ -66,6 +68,17 @@ WebAnswer CallWebAPI(const WebCall& call) {
 
 WebAnswer Get(const std::string& query, const std::string& sid) {
   return CallWebAPI(WebCall{query, sid, "", ""});
+}
+
+WebAnswer CallApi(const std::string& api, const std::string& method, const Params& params,
+                  const std::string& sid) {
+  Json::StreamWriterBuilder builder;
+  builder["indentation"] = "";
+  std::string query = "api=" + api + "&version=1&method=" + method;
+  for (const auto& [name, value] : params) {
+    query += "&" + name + "=" + UrlEncode(Json::writeString(builder, value));
+  }
+  return Get(query, sid);
 }
 
 std::string Login(const std::string& account, const std::string& password) {

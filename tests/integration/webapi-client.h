@@ -5,6 +5,8 @@
 #include <json/value.h>
 
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace tptest {
 
@@ -30,6 +32,11 @@ struct WebCall {
 WebAnswer CallWebAPI(const WebCall& call);
 // GET with the query; the sid (if any) as cookie.
 WebAnswer Get(const std::string& query, const std::string& sid = "");
+// Named parameters, each sent as its JSON text, as the front-end does.
+using Params = std::vector<std::pair<std::string, Json::Value>>;
+// GET of `api` `method` version 1 with the parameters.
+WebAnswer CallApi(const std::string& api, const std::string& method, const Params& params,
+                  const std::string& sid);
 // Logs in through KSTX.API.Auth and gives the session id ("" on failure).
 std::string Login(const std::string& account, const std::string& password);
 // Makes a session look idle since `seconds` ago.

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <json/writer.h>
-#include <sqlite3.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <sys/xattr.h>
@@ -40,21 +39,6 @@ void Run(const std::vector<std::string>& argv) {
   const auto r = tptest::RunProcess(argv);
   ASSERT_EQ(r.exit_status, 0) << argv[0] << " " << (argv.size() > 1 ? argv[1] : "") << ": " << r.out
                               << r.err;
-}
-
-std::string UrlEncode(const std::string& text) {
-  static const char kHex[] = "0123456789ABCDEF";
-  std::string out;
-  for (unsigned char c : text) {
-    if (isalnum(c) || c == '-' || c == '_' || c == '.' || c == '~') {
-      out += static_cast<char>(c);
-    } else {
-      out += '%';
-      out += kHex[c >> 4];
-      out += kHex[c & 15];
-    }
-  }
-  return out;
 }
 
 // "u:bob:r--" with bob's uid in place of his name.
@@ -260,13 +244,7 @@ Seen Look(const std::string& path) {
 
 tptest::WebAnswer Call(const std::string& api, const std::string& method, const Params& params,
                        const std::string& sid) {
-  Json::StreamWriterBuilder builder;
-  builder["indentation"] = "";
-  std::string query = "api=" + api + "&version=1&method=" + method;
-  for (const auto& [name, value] : params) {
-    query += "&" + name + "=" + UrlEncode(Json::writeString(builder, value));
-  }
-  return tptest::Get(query, sid);
+  return tptest::CallApi(api, method, params, sid);
 }
 
 std::string LoginAs(const std::string& user) {
@@ -469,16 +447,6 @@ uint64_t ShareViewOf(const std::string& share) {
   UserInfo info;
   EXPECT_GE(UserManager::GetShareUser(share, info), 0) << share;
   return info.view_id;
-}
-
-void RunViewSql(uint64_t view_id, const std::string& sql) {
-  const std::string file = std::string(kRepo) + "/views/" + std::to_string(view_id) + ".sqlite";
-  sqlite3* handle = nullptr;
-  ASSERT_EQ(sqlite3_open(file.c_str(), &handle), SQLITE_OK) << file;
-  sqlite3_busy_timeout(handle, 5000);
-  EXPECT_EQ(sqlite3_exec(handle, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK)
-      << file << ": " << sql << ": " << sqlite3_errmsg(handle);
-  sqlite3_close(handle);
 }
 
 }  // namespace rtest

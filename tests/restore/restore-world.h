@@ -123,7 +123,7 @@ Seen Look(const std::string& path);
 
 // ---- The calls of the front-end ----
 
-using Params = std::vector<std::pair<std::string, Json::Value>>;
+using tptest::Params;
 tptest::WebAnswer Call(const std::string& api, const std::string& method, const Params& params,
                        const std::string& sid);
 std::string LoginAs(const std::string& user);  // with the demo password
@@ -186,7 +186,5 @@ std::vector<LogSeen> Logs(uint32_t type);
 
 uint64_t HomeViewOf(const std::string& user);
 uint64_t ShareViewOf(const std::string& share);
-// A statement run on a view's database, for states no scan makes.
-void RunViewSql(uint64_t view_id, const std::string& sql);
 
 }  // namespace rtest

@@ -15,6 +15,7 @@
 
 #include "content.h"
 #include "db/manager.h"
+#include "node-world.h"
 #include "process.h"
 #include "restore-world.h"
 #include "sandbox.h"
@@ -79,8 +80,8 @@ class RestoreFaultTest : public ::testing::Test {
   void MakeLive(uint64_t view_id, const std::string& path) {
     const auto versions = Versions(view_id, path);
     ASSERT_FALSE(versions.empty());
-    RunViewSql(view_id, "UPDATE versions SET ver_type = 2 WHERE sync_id = " +
-                            std::to_string(versions.back().getSyncId()));
+    tptest::RunSql(view_id, "UPDATE versions SET ver_type = 2 WHERE sync_id = " +
+                                std::to_string(versions.back().getSyncId()));
   }
 
   std::string alice_;

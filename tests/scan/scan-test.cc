@@ -9,6 +9,7 @@
 #include <random>
 
 #include "appliance.h"
+#include "control.h"
 #include "db/errors.h"
 #include "db/log-manager.h"
 #include "db/manager.h"
@@ -20,19 +21,11 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr const char* kControl = "/var/packages/Tidepool/target/bin/driftway-control";
 const std::string kHome = "/volume1/homes/alice/Tidepool";
 const std::string kStore = "/volume1/@tidepool/@sync";
 
-tptest::ProcessResult Control(std::vector<std::string> args) {
-  args.insert(args.begin(), kControl);
-  return tptest::RunProcess(args);
-}
-
-void Scan(uint32_t at) {
-  const auto r = Control({"scan", "--at", std::to_string(at)});
-  ASSERT_EQ(r.exit_status, 0) << r.out << r.err;
-}
+using scantest::Control;
+using scantest::Scan;
 
 struct Record {
   uint32_t type;

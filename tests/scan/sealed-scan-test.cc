@@ -10,6 +10,7 @@
 
 #include "appliance.h"
 #include "content.h"
+#include "control.h"
 #include "db/manager.h"
 #include "file-util.h"
 #include "hv-file-utility.h"
@@ -21,21 +22,13 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr const char* kControl = "/var/packages/Tidepool/target/bin/driftway-control";
 const std::string kHome = "/volume1/homes/alice/Tidepool";
 const std::string kStore = "/volume1/@tidepool/@sync";
 const std::string kWork = "/volume1/work";
 const std::string kPassphrase = "low tide";
 
-tptest::ProcessResult Control(std::vector<std::string> args) {
-  args.insert(args.begin(), kControl);
-  return tptest::RunProcess(args);
-}
-
-void Scan(uint32_t at) {
-  const auto r = Control({"scan", "--at", std::to_string(at)});
-  ASSERT_EQ(r.exit_status, 0) << r.out << r.err;
-}
+using scantest::Control;
+using scantest::Scan;
 
 std::string ShareKey(const std::string& name) {
   HVOSService::ShareService service(true);

@@ -113,10 +113,6 @@ int DirItem::PrepareDir(const std::string& work_dir, const std::string& dest_dir
                         const TaskActor& actor, int flags) {
   const std::string target = dest_dir + "/" + name;
   const std::string key = view.GetCipherKey();
-  if (!IsPathSafe(target)) {
-    RESTORE_ERR("Target path name '%s' is not safe", target.c_str());
-    return -1;
-  }
   if (!IsFileExist(target, true)) {
     if (IsDestUnderTidepool(target) == 0) {
       Json::Value params(Json::objectValue);

@@ -16,6 +16,8 @@ class DirItem : public Item {
   int ListEncrypted(std::vector<db::Node>& out, bool include_removed) override;
   int Count(unsigned long long& count, bool include_removed) override;
 
+  // Makes the folder and gives it its attributes; the target was checked
+  // by Prepare.
   int PrepareDir(const std::string& work_dir, const std::string& dest_dir, const TaskActor& actor,
                  int flags);
   int GetNodeList(ItemList& out, bool include_removed);

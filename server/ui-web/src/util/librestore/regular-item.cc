@@ -1,10 +1,9 @@
-// RegularItem::PrepareImpl:
-//   1. Refuse a target path with "." or ".." components or backslashes.
-//   2. An existing target without overwrite is left alone and counts as
+// RegularItem::PrepareImpl (Item::Prepare has refused unsafe targets):
+//   1. An existing target without overwrite is left alone and counts as
 //      done: one access(), no version store.
-//   3. Stage the content (File: patch, or duplicate the live file).
-//   4. Owner, mode, ACL and time onto the staged file, then Mac attributes.
-//   5. One rename onto the target, which replaces an old file atomically.
+//   2. Stage the content (File: patch, or duplicate the live file).
+//   3. Owner, mode, ACL and time onto the staged file, then Mac attributes.
+//   4. One rename onto the target, which replaces an old file atomically.
 #include "regular-item.h"
 
 #include <errno.h>
@@ -25,10 +24,6 @@ int RegularItem::PrepareImpl(const std::string& work_dir, const std::string& des
   const std::string target = dest_dir + "/" + name;
   std::string staged = work_dir + "/" + name;
   const std::string key = view.GetCipherKey();
-  if (!IsPathSafe(target)) {
-    RESTORE_ERR("Target path name '%s' is not safe", target.c_str());
-    return RC_GENERAL;
-  }
   if (access(target.c_str(), F_OK) == 0 && !(flags & PREPARE_OVERWRITE)) {
     IncProg();
     return RC_OK;

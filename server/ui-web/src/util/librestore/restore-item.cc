@@ -1,4 +1,6 @@
 // The fixed sequence of every item:
+//   0. The target path (destination and name) must have no ".", ".." or
+//      backslash components: checked before anything is made.
 //   1. InitVersion: the version asked for, or the newest that is not a
 //      deletion, and a check that it is the kind of node the item rebuilds.
 //   2. CheckDestEnv: whatever stands at the target must be of the same kind;
@@ -322,11 +324,11 @@ int Item::PrepareMacAttr(const std::string& work_dir, const std::string& key,
 }
 
 int Item::ApplyMacAttr(const std::string& packed, const std::string& target) {
-  BlackList2 black_list;
-  const BlackListFilter* filter = black_list.GetFilter();
-  const int rc = MacAttributeUnpack(packed, target, filter);
-  black_list.ReturnFilter();
-  if (rc < 0) {
+  // Read once for the whole task rather than once per file; it lives as
+  // long as the task's process.
+  static BlackList2 black_list;
+  static const BlackListFilter* const filter = black_list.GetFilter();
+  if (MacAttributeUnpack(packed, target, filter) < 0) {
     RESTORE_ERR("ApplyMacAttr: Failed to Mac2KstxEAConvert.");
     return -1;
   }

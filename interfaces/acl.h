@@ -88,6 +88,11 @@ class ACL {
   int AddPrivilege(const Privilege& privilege);
   // 0, or -1 for an empty or relative path or an unknown tag (ignored).
   int AddACE(const std::string& path, const ACLRule::Entry& entry);
+  // The chain of a child of this chain's node: every level one further from
+  // the node, added entries kept, and `child` as the new node (its level is
+  // set to 0). A walk down a tree judges each node without re-reading its
+  // ancestors.
+  ACL Descend(const Privilege& child) const;
 
   bool IsAccessible(const UserInfo& user, int flags) const;
   bool CheckPermission(const UserInfo& user, uint32_t mask, int flags) const;

@@ -44,6 +44,10 @@ class ViewManager {
   virtual int ListVersionByPermanentId(uint64_t permanent_id, std::vector<Version>& out,
                                        ListVersionFlag flag) = 0;
   virtual int OpenVersionByPermanentId(uint64_t permanent_id, uint64_t sync_id, Version& out) = 0;
+  // The node's newest version made at or before `moment` (a deletion marker
+  // too): where it stood then, under which name and with which rights.
+  // kErrNotFound when the node did not exist yet.
+  virtual int QueryVersionAt(uint64_t node_id, uint64_t moment, Version& out) = 0;
 
   // Changes under the node (itself included) in buckets of `interval`
   // seconds between start and end; buckets are aligned to local midnight

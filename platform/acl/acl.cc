@@ -184,6 +184,20 @@ int ACL::AddACE(const std::string& path, const ACLRule::Entry& entry) {
   return 0;
 }
 
+ACL ACL::Descend(const Privilege& child) const {
+  ACL out;
+  out.aces_ = aces_;
+  out.levels_.reserve(levels_.size() + 1);
+  for (const Level& level : levels_) {
+    out.levels_.push_back(level);
+    ++out.levels_.back().privilege.level;
+  }
+  Privilege node = child;
+  node.level = 0;
+  out.AddPrivilege(node);
+  return out;
+}
+
 const ACL::Level* ACL::FindLevel(int32_t level) const {
   for (const Level& l : levels_) {
     if (l.privilege.level == level) return &l;

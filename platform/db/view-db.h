@@ -50,6 +50,7 @@ class ViewDB final : public ViewManager, public ViewWriter {
   int ListVersionByPermanentId(uint64_t permanent_id, std::vector<Version>& out,
                                ListVersionFlag flag) override;
   int OpenVersionByPermanentId(uint64_t permanent_id, uint64_t sync_id, Version& out) override;
+  int QueryVersionAt(uint64_t node_id, uint64_t moment, Version& out) override;
   int ListNodeActivity(uint64_t node_id, uint64_t start, uint64_t end, uint64_t interval,
                        int32_t tz_offset, std::vector<NodeActivity>& out) override;
   int GetRotateCount(int& count) override;
@@ -94,6 +95,7 @@ class ViewDB final : public ViewManager, public ViewWriter {
   // Prepared once: a folder restore opens a version per file. Declared after
   // db_ so that it is finalized before the database closes.
   std::unique_ptr<SQLite::Statement> open_version_;
+  std::unique_ptr<SQLite::Statement> version_at_;
 };
 
 // Splits "/a/b" into "/a" and "b"; false for a path that is not absolute,

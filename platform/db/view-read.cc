@@ -471,6 +471,25 @@ int ViewDB::OpenVersionByPermanentId(uint64_t permanent_id, uint64_t sync_id, Ve
   });
 }
 
+int ViewDB::QueryVersionAt(uint64_t node_id, uint64_t moment, Version& out) {
+  return Guard("version at", [&]() -> int {
+    if (!version_at_) {
+      version_at_ = std::make_unique<SQLite::Statement>(
+          *db_, std::string("SELECT ") + kVersionColumns +
+                    " FROM versions v JOIN nodes n ON n.node_id = v.node_id "
+                    "WHERE v.node_id = ? AND v.ctime <= ? ORDER BY v.ctime DESC, v.sync_id DESC "
+                    "LIMIT 1");
+    }
+    SQLite::Statement& q = *version_at_;
+    q.reset();
+    q.bind(1, static_cast<int64_t>(Clamp(node_id)));
+    q.bind(2, static_cast<int64_t>(Clamp(moment)));
+    const int rc = q.executeStep() ? VersionFromRow(q, out) : static_cast<int>(kErrNotFound);
+    q.reset();
+    return rc;
+  });
+}
+
 int ViewDB::ListNodeActivity(uint64_t node_id, uint64_t start, uint64_t end, uint64_t interval,
                              int32_t tz_offset, std::vector<NodeActivity>& out) {
   out.clear();

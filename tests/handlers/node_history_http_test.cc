@@ -4,6 +4,7 @@
 
 #include <filesystem>
 
+#include "host-accounts.h"
 #include "node-world.h"
 #include "sandbox.h"
 #include "webapi-client.h"
@@ -151,6 +152,11 @@ TEST_F(NodeHistoryTest, SharePrivilegeDecidesForNonAdministrators) {
                        {110, kAdd, "/open/a.txt", 3, 0644},
                        {120, kAdd, "/secret/", 0, 0700},
                        {130, kAdd, "/secret/b.txt", 3, 0644}});
+  auto accounts = hostaccounts::HostAccounts::Open();
+  ASSERT_TRUE(accounts);
+  ASSERT_GE(accounts->SetSharePermission("team", "alice", hostaccounts::SharePermission::kReadOnly),
+            0);
+  const std::string bob = tptest::Login("bob", "bob-demo");
   const struct {
     std::string sid;
     const char* path;
@@ -160,6 +166,9 @@ TEST_F(NodeHistoryTest, SharePrivilegeDecidesForNonAdministrators) {
       {alice_, "/secret/b.txt", 403},
       {alice_, "/secret", 403},
       {admin_, "/secret/b.txt", 0},
+      // Without any permission on the share its history stays closed, even
+      // where the stored modes would let everyone read.
+      {bob, "/open/a.txt", 403},
   };
   for (const auto& c : kCases) {
     auto answer = tptest::CallNode("list_version", {{"target", "@team"}, {"path", c.path}}, c.sid);

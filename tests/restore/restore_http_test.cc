@@ -85,10 +85,11 @@ TEST_F(RestoreTest, InPlaceRestoreBringsBackTheVersionAsItWas) {
   EXPECT_EQ(plan.mtime, DefaultMtime(kT0));
   EXPECT_EQ(plan.atime, DefaultMtime(kT0));
 
-  // Stored 0750: the group-execute bit lands on group write.
+  // Stored 0750: group execute stays group execute, and nobody else gets
+  // write.
   const Seen sh = Look(kAliceHome + "/projects/tool.sh");
   EXPECT_EQ(sh.sha, tptest::Sha256Hex("#!/bin/sh\necho tool\n"));
-  EXPECT_EQ(sh.mode, 0760u);
+  EXPECT_EQ(sh.mode, 0750u);
   EXPECT_EQ(sh.mtime, DefaultMtime(kT0));
 
   // One record of type 4 per node: node id, file type, path, and who.
@@ -177,9 +178,9 @@ TEST_F(RestoreTest, FolderCopiedAtAPastMomentHoldsExactlyThatMomentsChildren) {
       EXPECT_EQ(seen.gid, kUsersGid) << path;
     }
   }
-  // The copy's folders keep their stored mode (0750: group execute becomes
-  // group write) and the files their times.
-  EXPECT_EQ(Look("/volume1/drop/t0/projects/drafts").mode, 0760u);
+  // The copy's folders keep their stored mode (0750) and the files their
+  // times.
+  EXPECT_EQ(Look("/volume1/drop/t0/projects/drafts").mode, 0750u);
   EXPECT_EQ(Look("/volume1/drop/t0/projects/drafts/idea.txt").mode, 0600u);
   EXPECT_EQ(Look("/volume1/drop/t0/projects/plan.txt").mtime, DefaultMtime(kT0));
   EXPECT_EQ(Look("/volume1/drop/t1/projects/plan.txt").mtime, DefaultMtime(kT1));
@@ -357,7 +358,8 @@ TEST_F(RestoreTest, TargetsThatCannotBeUsedAreRefused) {
 
 // Requests no front-end makes: each fails with its code, keeps what an
 // earlier node of the same request restored, and writes nothing anywhere
-// but the destination.
+// but the destination. A `name` or `path` from the client is never used:
+// the node goes where, and under the name, the database says.
 TEST_F(RestoreTest, BadNodesFailAndWriteNothingOutsideTheDestination) {
   const Json::Value plan = BrowseVersion(alice_, "mine", "/projects/plan.txt", 2);
   const Json::Value projects = Browse(alice_, "mine", "/projects");
@@ -369,7 +371,8 @@ TEST_F(RestoreTest, BadNodesFailAndWriteNothingOutsideTheDestination) {
     }
     return node;
   };
-  enum Expectation { kRefused, kTaskFails };
+  const std::string first_draft = tptest::Sha256Hex("Plan, first draft\n");
+  enum Expectation { kRefused, kTaskFails, kDone };
   struct Case {
     const char* label;
     std::vector<Json::Value> nodes;
@@ -377,25 +380,36 @@ TEST_F(RestoreTest, BadNodesFailAndWriteNothingOutsideTheDestination) {
     Expectation expect;
     int code;
   } cases[] = {
-      {"missing permanent_id", {with(plan, "permanent_id", Json::Value())}, false, kRefused, 0},
-      {"non-numeric permanent_id", {with(plan, "permanent_id", "abc")}, false, kRefused, 0},
-      {"unknown permanent_id", {with(plan, "permanent_id", "987654321")}, false, kRefused, 0},
+      {"missing permanent_id", {with(plan, "permanent_id", Json::Value())}, false, kRefused, 401},
+      {"non-numeric permanent_id", {with(plan, "permanent_id", "abc")}, false, kRefused, 401},
+      {"empty node_id", {with(plan, "node_id", "")}, false, kRefused, 401},
+      {"negative node_id", {with(plan, "node_id", "-1")}, false, kRefused, 401},
+      {"signed node_id", {with(plan, "node_id", "+5")}, false, kRefused, 401},
+      {"non-numeric sync_id", {with(plan, "sync_id", "7x")}, false, kRefused, 401},
+      {"unknown permanent_id", {with(plan, "permanent_id", "987654321")}, false, kRefused, 403},
+      {"unknown node_id", {with(plan, "node_id", "987654321")}, false, kRefused, 403},
+      {"node_id of another node",
+       {with(plan, "node_id", projects["node_id"])},
+       false,
+       kRefused,
+       403},
       {"a bare number", {Json::Value(7)}, false, kRefused, 120},
       {"a file said to be a folder", {with(plan, "file_type", 1)}, false, kTaskFails, 401},
       {"a folder said to be a file", {with(projects, "file_type", 0)}, false, kTaskFails, 401},
-      {"name ..", {with(plan, "name", "..")}, false, kTaskFails, 401},
-      {"name with a backslash", {with(plan, "name", "a\\b")}, false, kTaskFails, 401},
+      {"name ..", {with(plan, "name", "..")}, false, kDone, 0},
+      {"name with a slash", {with(plan, "name", "../../escaped")}, false, kDone, 0},
       {"path climbing out of the home",
-       {with(plan, "path", "/../../../drop/escaped/plan.txt")},
+       {with(with(plan, "path", "/../../../drop/escaped/plan.txt"), "name", "")},
        true,
-       kTaskFails,
-       401},
+       kDone,
+       0},
       {"a file where the folder goes, after a good node",
        {with(plan, "name", "first.txt"), projects},
        false,
        kTaskFails,
        401},
   };
+  const std::string live = kAliceHome + "/projects/plan.txt";
   for (const Case& c : cases) {
     SCOPED_TRACE(c.label);
     const std::string dest = DropFolder("bad");
@@ -403,7 +417,8 @@ TEST_F(RestoreTest, BadNodesFailAndWriteNothingOutsideTheDestination) {
     fs::remove_all("/volume1/drop/escaped");
     DropFolder("bad");
     tptest::WriteFile(dest + "/projects", "a file, not a folder\n");
-    const Tree before = EverythingBut(c.in_place ? "" : dest);
+    tptest::WriteFile(live, "Plan, final\n");
+    Tree before = EverythingBut(c.in_place ? "" : dest);
     const Tree dest_before = TreeOf(dest);
     Params params;
     if (!c.in_place) params.push_back({"copy_to", dest});
@@ -411,21 +426,35 @@ TEST_F(RestoreTest, BadNodesFailAndWriteNothingOutsideTheDestination) {
     if (c.expect == kRefused) {
       EXPECT_FALSE(run.started) << run.start.body;
       EXPECT_TRUE(run.start.json.isMember("error")) << "no error envelope: " << run.start.body;
-      EXPECT_NE(run.start.code(), 0) << run.start.body;
-      if (c.code != 0) {
-        EXPECT_EQ(run.start.code(), c.code) << run.start.body;
-      }
-    } else {
+      EXPECT_EQ(run.start.code(), c.code) << run.start.body;
+    } else if (c.expect == kTaskFails) {
       ASSERT_TRUE(run.started) << run.start.body;
       EXPECT_FALSE(run.done) << run.last_status;
       EXPECT_EQ(run.error, c.code) << run.last_status;
+    } else {
+      ASSERT_TRUE(run.started) << run.start.body;
+      EXPECT_TRUE(run.done) << "error " << run.error << ": " << run.last_status;
     }
-    EXPECT_EQ(EverythingBut(c.in_place ? "" : dest), before);
+    if (c.in_place && c.expect == kDone) {
+      // Back at its own place in the home, and nowhere else.
+      EXPECT_EQ(Look(live).sha, first_draft);
+      Tree after = EverythingBut("");
+      after.erase(live);
+      after.erase(kAliceHome + "/projects");
+      before.erase(live);
+      before.erase(kAliceHome + "/projects");
+      EXPECT_EQ(after, before);
+    } else {
+      EXPECT_EQ(EverythingBut(c.in_place ? "" : dest), before);
+    }
     EXPECT_FALSE(fs::exists("/volume1/drop/escaped"));
-    // The file in the folder's way is untouched; what came before it stays.
+    // The file in the folder's way is untouched; what came before it stays,
+    // under the node's own name.
     EXPECT_EQ(tptest::ReadFile(dest + "/projects"), "a file, not a folder\n");
     Tree expected = dest_before;
-    if (c.nodes.size() == 2) expected["first.txt"] = tptest::Sha256Hex("Plan, first draft\n");
+    if (c.nodes.size() == 2 || (c.expect == kDone && !c.in_place)) {
+      expected["plan.txt"] = first_draft;
+    }
     EXPECT_EQ(TreeOf(dest), expected);
   }
 }

@@ -35,6 +35,8 @@ class WebapiUtil : public ::testing::Test {
       share.active = active;
       ASSERT_GE(accounts->AddShare(share), 0);
     }
+    ASSERT_GE(
+        accounts->SetSharePermission("team", "alice", hostaccounts::SharePermission::kReadOnly), 0);
     ASSERT_GE(UserManager::Initialize(kConnect, "sqlite"), 0);
     ASSERT_GE(UserManager::EnableShare("team", "/volume1/team", false), 0);
     dbtest::OpenDatabases(kConnect);
@@ -76,6 +78,7 @@ TEST_F(WebapiUtil, TargetsResolveToOwnersAndViews) {
       {"alice", "", false, 0, ""},
       {"admin", "@team", false, 0, ""},
       {"alice", "@team", true, 0, ""},
+      {"bob", "@team", true, 403, "no privilege"},
       {"alice", "@team", false, 402, "admin-only operation"},
       {"alice", "@missing", false, 402, "admin-only operation"},
       {"admin", "@new", false, 501, "share new is not enabled"},

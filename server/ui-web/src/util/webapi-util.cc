@@ -10,6 +10,7 @@
 #include "host-accounts.h"
 #include "logger.h"
 #include "natural-sort.h"
+#include "sdk-path.h"
 #include "sdk.h"
 #include "sync-service.h"
 
@@ -47,6 +48,14 @@ int GetUserInfoByTarget(const RequestAuthentication& auth, BridgeResponse& respo
   const std::string name = SyncTargetNameGet(target);
   if (!allow_non_admin && !auth.is_admin) {
     return RESPONSE_FAIL(response, 402, "admin-only operation");
+  }
+  // A share's history is for those who may read the share itself.
+  if (!auth.is_admin && !auth.is_root) {
+    const int level = SDK::GetSharePrivilege(name, auth.user);
+    if (level != SDK::kShareReadOnly && level != SDK::kShareReadWrite && level != SDK::kShareFull) {
+      UTIL_ERROR("User '%s' may not read share '%s'", auth.user.c_str(), name.c_str());
+      return RESPONSE_FAIL(response, 403, "no privilege");
+    }
   }
   if (UserManager::GetShareUser(name, out) < 0) {
     return RESPONSE_FAIL(response, 501, "failed to get share user " + name);

@@ -1,19 +1,30 @@
 // DirItem::PrepareImpl:
 //   1. PrepareDir: make the folder if it is missing (through the sync
 //      service's own web API inside a synced folder, so that the service
-//      learns of it; directly elsewhere), then Mac attributes, owner, mode,
-//      ACL and time. An existing folder keeps what it holds.
+//      learns of it; directly elsewhere), open it without following a link,
+//      then Mac attributes, owner, mode, ACL and time through that
+//      descriptor. An existing folder keeps what it holds. The view's own
+//      folder restored in place keeps its attributes: they belong to the
+//      share or home, not to a version.
 //   2. GetNodeList: the children as they stood at the item's time bound,
-//      one query for the folder, names made unique per folder.
+//      one query for the folder, names made unique per folder; each child
+//      carries this folder's chain of rights down.
 //   3. Prepare each child under the folder; the first failure ends the
-//      folder as a general failure.
+//      folder as a general failure. A child the caller may not have is
+//      skipped by its own Prepare.
 //   4. Give the folder its time again (its children moved it on) and count
 //      it once its children are done.
 // The recursion is as deep as the tree; each level holds only its own
 // folder's items.
 #include "dir-item.h"
 
+#include <errno.h>
+#include <fcntl.h>
 #include <json/value.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstring>
 
 #include "fs.h"
 #include "sdk-path.h"
@@ -98,6 +109,8 @@ int DirItem::GetNodeList(ItemList& out, bool include_removed) {
   }
   NameCount names;
   out.reserve(out.size() + nodes.size());
+  const bool is_root = version.getNodeId() == vif->getRootNodeId();
+  const std::string here = is_root ? "" : view_folder + "/" + version.record().name;
   for (const db::Node& child : nodes) {
     // A removed child's newest state is its deletion: sync id 0 asks for the
     // newest version that is not one.
@@ -105,46 +118,60 @@ int DirItem::GetNodeList(ItemList& out, bool include_removed) {
     out.push_back(ItemFactory(child.isDir(), view, child.getPermanentId(), child_sync_id, ctime_ub,
                               CalcAppendedName(child.getName(), names), child.getPath(),
                               decrypt_map, task));
+    if (chain) out.back()->SetParent(chain, here);
   }
   return 0;
 }
 
-int DirItem::PrepareDir(const std::string& work_dir, const std::string& dest_dir,
-                        const TaskActor& actor, int flags) {
-  const std::string target = dest_dir + "/" + name;
+int DirItem::PrepareDir(const std::string& work_dir, const Target& target, const TaskActor& actor,
+                        int flags, fsb::UniqueFd& dir) {
   const std::string key = view.GetCipherKey();
-  if (!IsFileExist(target, true)) {
-    if (IsDestUnderTidepool(target) == 0) {
+  if (target.name.empty()) {
+    dir.reset(fcntl(target.dir_fd, F_DUPFD_CLOEXEC, 0));
+    return dir.valid() ? 0 : -1;
+  }
+  struct stat st {};
+  if (fstatat(target.dir_fd, target.name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
+    if (IsDestUnderTidepool(target.Shown()) == 0) {
       Json::Value params(Json::objectValue);
-      params["path"] = "/volumes" + target;
+      params["path"] = "/volumes" + target.Shown();
       params["type"] = "folder";
       Json::Value answer;
       if (SDK::WebApiRunnerExec("KSTX.Tidepool.Files", "create", 1, params, answer,
                                 actor.GetUser()) < 0 ||
           !answer.isObject() || !answer["success"].isBool() || !answer["success"].asBool()) {
-        RESTORE_ERR("Failed to create dir '%s' via Tidepool WebAPI", target.c_str());
+        RESTORE_ERR("Failed to create dir '%s' via Tidepool WebAPI", target.Shown().c_str());
         return -1;
       }
-    } else if (CreateDir(target, 0, 0) < 0) {
-      RESTORE_ERR("Failed to create directory directly on FS");
+    } else if (mkdirat(target.dir_fd, target.name.c_str(), 0700) != 0 && errno != EEXIST) {
+      // Private until its attributes are on.
+      RESTORE_ERR("Failed to create directory directly on FS: %s", strerror(errno));
       return -1;
     }
   }
-  if ((flags & PREPARE_MAC_ATTR) && !version.getMacAttributeHash().empty() &&
-      PrepareMacAttr(work_dir, key, target) < 0) {
-    RESTORE_ERR("Failed to prepare MAC attr '%s'", target.c_str());
+  dir.reset(
+      openat(target.dir_fd, target.name.c_str(), O_DIRECTORY | O_NOFOLLOW | O_RDONLY | O_CLOEXEC));
+  if (!dir.valid()) {
+    RESTORE_ERR("'%s' is not a folder: %s", target.Shown().c_str(), strerror(errno));
     return -1;
   }
-  if (ApplyPrivilege(target, actor) != 0) {
-    RESTORE_ERR("Failed to ApplyPrivilege '%s'\n", target.c_str());
+  const std::string self = fsb::FdPath(dir.get()) + "/.";
+  if ((flags & PREPARE_MAC_ATTR) && !version.getMacAttributeHash().empty() &&
+      PrepareMacAttr(work_dir, key, self) < 0) {
+    RESTORE_ERR("Failed to prepare MAC attr '%s'", target.Shown().c_str());
+    return -1;
+  }
+  if (ApplyPrivilege(self, actor) != 0) {
+    RESTORE_ERR("Failed to ApplyPrivilege '%s'\n", target.Shown().c_str());
     return -1;
   }
   return 0;
 }
 
-int DirItem::PrepareImpl(const std::string& work_dir, const std::string& dest_dir,
-                         const TaskActor& actor, int flags) {
-  if (PrepareDir(work_dir, dest_dir, actor, flags) != 0) {
+int DirItem::PrepareImpl(const std::string& work_dir, const Target& target, const TaskActor& actor,
+                         int flags) {
+  fsb::UniqueFd dir;
+  if (PrepareDir(work_dir, target, actor, flags, dir) != 0) {
     RESTORE_ERR("Failed to prepare directory %s for hosting dir entries", name.c_str());
     return -1;
   }
@@ -153,7 +180,7 @@ int DirItem::PrepareImpl(const std::string& work_dir, const std::string& dest_di
     RESTORE_ERR("Failed to list nodes under %s", name.c_str());
     return -1;
   }
-  const std::string here = dest_dir + "/" + name;
+  const std::string here = target.Below();
   for (const auto& child : children) {
     if (child->Prepare(work_dir, here, actor, flags) < 0) {
       RESTORE_ERR("Failed to prepare '%s'", child->GetName().c_str());
@@ -161,9 +188,9 @@ int DirItem::PrepareImpl(const std::string& work_dir, const std::string& dest_di
     }
   }
   // Filling the folder moved its time on; it gets the version's back.
-  if (!children.empty()) {
+  if (!children.empty() && !target.name.empty()) {
     const int64_t mtime = version.getVerModifiedTime();
-    (void)FSUTime(here, mtime, mtime);
+    (void)FSUTime(fsb::FdPath(dir.get()) + "/.", mtime, mtime);
   }
   IncProg();
   return 0;

@@ -17,15 +17,15 @@ class DirItem : public Item {
   int Count(unsigned long long& count, bool include_removed) override;
 
   // Makes the folder and gives it its attributes; the target was checked
-  // by Prepare.
-  int PrepareDir(const std::string& work_dir, const std::string& dest_dir, const TaskActor& actor,
-                 int flags);
+  // by Prepare. `dir` receives the folder, held open.
+  int PrepareDir(const std::string& work_dir, const Target& target, const TaskActor& actor,
+                 int flags, fsb::UniqueFd& dir);
   int GetNodeList(ItemList& out, bool include_removed);
   void FillSearchNodeFilter(const db::Node& node, bool recursive, bool include_removed,
                             db::SearchNodeFilter& filter) const;
 
  protected:
-  int PrepareImpl(const std::string& work_dir, const std::string& dest_dir, const TaskActor& actor,
+  int PrepareImpl(const std::string& work_dir, const Target& target, const TaskActor& actor,
                   int flags) override;
   int VersionCheck() override { return version.isDir() ? 0 : -1; }
 

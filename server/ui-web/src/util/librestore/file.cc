@@ -10,6 +10,7 @@
 #include "file.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -19,6 +20,7 @@
 #include "db/file-manager.h"
 #include "db/manager.h"
 #include "file-util.h"
+#include "fs-beneath.h"
 #include "fs.h"
 #include "hv-file-utility.h"
 #include "utils.h"
@@ -47,11 +49,10 @@ bool IsNoSpace(int err) { return err == ENOSPC || err == EDQUOT; }
 
 // Any write to a file moves its change time; the same inode, size and
 // change time mean the same content.
-bool Unchanged(const std::string& path, const struct stat& before) {
+bool Unchanged(int fd, const struct stat& before) {
   struct stat now {};
-  return lstat(path.c_str(), &now) == 0 && now.st_ino == before.st_ino &&
-         now.st_dev == before.st_dev && now.st_size == before.st_size &&
-         now.st_ctim.tv_sec == before.st_ctim.tv_sec &&
+  return fstat(fd, &now) == 0 && now.st_ino == before.st_ino && now.st_dev == before.st_dev &&
+         now.st_size == before.st_size && now.st_ctim.tv_sec == before.st_ctim.tv_sec &&
          now.st_ctim.tv_nsec == before.st_ctim.tv_nsec;
 }
 
@@ -117,66 +118,86 @@ bool File::SupportSnapShot(const std::string& src, const std::string& /*dst*/) c
   return SDK::IsPathSupportSnapShot(src, false);
 }
 
-int File::DupFromShare(const std::string& work_dir, bool encrypted, std::string& out_path) {
+int File::DupFromShare(int root_fd, const std::string& rel, const std::string& work_dir,
+                       bool encrypted, std::string& out_path) {
   TempFile temp(work_dir);
   if (temp.create() < 0) {
     RESTORE_ERR("Fail to create temp file at %s: %s (%d)\n", work_dir.c_str(), strerror(errno),
                 errno);
     return IsNoSpace(errno) ? RC_NO_SPACE : RC_GENERAL;
   }
-  FSInfo info;
-  if (FSStat(source_path, info, true) < 0) {
-    RESTORE_ERR("FSStat (%s) failed\n", source_path.c_str());
+  const size_t slash = rel.rfind('/');
+  const std::string folder = slash == std::string::npos ? "" : rel.substr(0, slash);
+  const std::string leaf = slash == std::string::npos ? rel : rel.substr(slash + 1);
+  if (root_fd < 0 || !fsb::IsPlainName(leaf)) {
+    RESTORE_ERR("Live file '%s' cannot be reached\n", rel.c_str());
     return RC_GENERAL;
   }
-  if (!info.exists) {
-    RESTORE_ERR("File is not exist '%s'\n", source_path.c_str());
-    return RC_NO_SHARE_FILE;
+  const fsb::UniqueFd dir(fsb::OpenBeneath(root_fd, folder, O_DIRECTORY | O_PATH));
+  struct stat st {};
+  if (!dir.valid() || fstatat(dir.get(), leaf.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
+    if (errno == ENOENT) {
+      RESTORE_ERR("File is not exist '%s'\n", rel.c_str());
+      return RC_NO_SHARE_FILE;
+    }
+    RESTORE_ERR("Cannot reach live file '%s': %s\n", rel.c_str(), strerror(errno));
+    return RC_GENERAL;
   }
   const std::string& staged = temp.getPath();
   SimpleFileReader reader;
-  reader.setFile(source_path);
   struct stat before_clone {};
   bool cloned = false;
-  if (info.type == kFSTypeSymlink) {
-    if (getFileFromSymlink(source_path, staged) < 0) {
-      RESTORE_ERR("getFileFromSymlink (%s) to (%s) failed\n", source_path.c_str(), staged.c_str());
+  fsb::UniqueFd source;
+  if (S_ISLNK(st.st_mode)) {
+    const std::string link = fsb::FdPath(dir.get()) + "/" + leaf;
+    if (getFileFromSymlink(link, staged) < 0) {
+      RESTORE_ERR("getFileFromSymlink (%s) to (%s) failed\n", rel.c_str(), staged.c_str());
       return RC_GENERAL;
     }
-    RESTORE_INFO("symlink file (%s) created for src (%s)\n", staged.c_str(), source_path.c_str());
     // Links are hashed in their plain-file form.
     reader.setFile(staged);
-  } else if (!encrypted && SupportSnapShot(source_path, staged)) {
-    RESTORE_INFO("clone file '%s' -> '%s'\n", source_path.c_str(), staged.c_str());
-    // The clone shares the source's blocks, but the page cache holds them
-    // under the source: hashing the source reads from memory where the
-    // clone would read the disk. The source's hash stands for the clone's
-    // when the source did not change from before the clone to after the
-    // read; otherwise the clone itself is hashed.
-    const bool stat_ok = lstat(source_path.c_str(), &before_clone) == 0;
-    if (CloneFile(source_path, staged) == 0) {
-      cloned = stat_ok;
-      if (!cloned) reader.setFile(staged);
+  } else {
+    // Opened once, without following a link swapped in since the stat; the
+    // descriptor's own path reopens exactly this file.
+    source.reset(
+        openat(dir.get(), leaf.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    if (!source.valid() || fstat(source.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
+      RESTORE_ERR("Live file '%s' is not a plain file any more\n", rel.c_str());
+      return RC_GENERAL;
+    }
+    const std::string source_path = fsb::FdPath(source.get());
+    reader.setFile(source_path);
+    if (!encrypted && SupportSnapShot(source_path, staged)) {
+      RESTORE_INFO("clone file '%s' -> '%s'\n", rel.c_str(), staged.c_str());
+      // The clone shares the source's blocks, but the page cache holds them
+      // under the source: hashing the source reads from memory where the
+      // clone would read the disk. The source's hash stands for the clone's
+      // when the source did not change from before the clone to after the
+      // read; otherwise the clone itself is hashed.
+      before_clone = st;
+      if (CloneFile(source_path, staged) == 0) {
+        cloned = true;
+      } else {
+        RESTORE_ERR("Fail to clone file '%s' -> '%s', fallback to copy\n", rel.c_str(),
+                    staged.c_str());
+        unlink(staged.c_str());
+        reader.pushCopyFile(staged);
+      }
     } else {
-      RESTORE_ERR("Fail to clone file '%s' -> '%s', fallback to copy\n", source_path.c_str(),
-                  staged.c_str());
-      unlink(staged.c_str());
+      RESTORE_INFO("copy file '%s' -> '%s'\n", rel.c_str(), staged.c_str());
       reader.pushCopyFile(staged);
     }
-  } else {
-    RESTORE_INFO("copy file '%s' -> '%s'\n", source_path.c_str(), staged.c_str());
-    reader.pushCopyFile(staged);
   }
   std::string hash;
   reader.setHashString(&hash);
   int read_rc = reader.readFile();
-  if (read_rc == 0 && cloned && !Unchanged(source_path, before_clone)) {
+  if (read_rc == 0 && cloned && !Unchanged(source.get(), before_clone)) {
     reader.setFile(staged);
     read_rc = reader.readFile();
   }
   if (read_rc < 0) {
     const int err = errno;
-    RESTORE_ERR("readFile failure of '%s' (%s)\n", source_path.c_str(), strerror(err));
+    RESTORE_ERR("readFile failure of '%s' (%s)\n", rel.c_str(), strerror(err));
     return IsNoSpace(err) ? RC_NO_SPACE : RC_GENERAL;
   }
   if (hash != version.getHash()) {

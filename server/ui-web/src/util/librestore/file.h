@@ -12,8 +12,7 @@ namespace tidepool::restore {
 
 class File {
  public:
-  File(std::string source_path, db::Version version)
-      : source_path(std::move(source_path)), version(std::move(version)) {}
+  explicit File(db::Version version) : version(std::move(version)) {}
 
   bool IsNoRepo() const { return version.getVerType() == db::kVerTypeLive; }
   // Rebuilds the stored content under work_dir (decrypting with `key` when
@@ -21,14 +20,16 @@ class File {
   int Patch(const std::string& work_dir, const std::string& key);
   // Moves the rebuilt content to `dst`: renamed, or made a real symlink.
   int PatchedToPath(const std::string& dst);
-  // Clones or copies the live file into a temporary file of work_dir and
-  // keeps it only if its hash is the version's. 0, -1, -2 for no space, -4
-  // when the live file is gone.
-  int DupFromShare(const std::string& work_dir, bool encrypted, std::string& out_path);
+  // Clones or copies the live file at `rel` beneath the view's folder
+  // `root_fd` into a temporary file of work_dir and keeps it only if its
+  // hash is the version's. The file is opened without following links and
+  // read through that descriptor. 0, -1, -2 for no space, -4 when the live
+  // file is gone.
+  int DupFromShare(int root_fd, const std::string& rel, const std::string& work_dir, bool encrypted,
+                   std::string& out_path);
   bool SupportSnapShot(const std::string& src, const std::string& dst) const;
 
  private:
-  std::string source_path;
   db::Version version;
   std::string patched_path;
 };

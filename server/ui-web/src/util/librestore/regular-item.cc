@@ -1,12 +1,16 @@
-// RegularItem::PrepareImpl (Item::Prepare has refused unsafe targets):
+// RegularItem::PrepareImpl (Item::Prepare has opened the target's folder):
 //   1. An existing target without overwrite is left alone and counts as
-//      done: one access(), no version store.
-//   2. Stage the content (File: patch, or duplicate the live file).
+//      done: one fstatat(), no version store.
+//   2. Stage the content (File: patch, or duplicate the live file, found at
+//      the node's present place in the view and opened without following
+//      links).
 //   3. Owner, mode, ACL and time onto the staged file, then Mac attributes.
 //   4. One rename onto the target, which replaces an old file atomically.
 #include "regular-item.h"
 
 #include <errno.h>
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -19,16 +23,17 @@ namespace tidepool::restore {
 
 int RegularItem::VersionCheck() { return version.isFile() || version.isSymlink() ? 0 : -1; }
 
-int RegularItem::PrepareImpl(const std::string& work_dir, const std::string& dest_dir,
+int RegularItem::PrepareImpl(const std::string& work_dir, const Target& target,
                              const TaskActor& actor, int flags) {
-  const std::string target = dest_dir + "/" + name;
-  std::string staged = work_dir + "/" + name;
+  std::string staged = work_dir + "/" + target.name;
   const std::string key = view.GetCipherKey();
-  if (access(target.c_str(), F_OK) == 0 && !(flags & PREPARE_OVERWRITE)) {
+  struct stat st {};
+  if (fstatat(target.dir_fd, target.name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
+      !(flags & PREPARE_OVERWRITE)) {
     IncProg();
     return RC_OK;
   }
-  File file(view.GetUserInfo().root_path + "/" + path, version);
+  File file(version);
   if (!file.IsNoRepo()) {
     const int rc = file.Patch(work_dir, key);
     if (rc < 0) {
@@ -37,7 +42,15 @@ int RegularItem::PrepareImpl(const std::string& work_dir, const std::string& des
     }
     if (file.PatchedToPath(staged) < 0) return RC_GENERAL;
   } else {
-    const int rc = file.DupFromShare(work_dir, view.GetUserInfo().isEncryptionShare(), staged);
+    // The live file stands where the node is now, which may differ from
+    // where it was at the restore point.
+    db::Node node;
+    if (view.GetVif()->QueryNode(version.getNodeId(), node, db::ViewManager::kQueryExisting) != 0) {
+      RESTORE_ERR("The live file of %s is gone", InfoString().c_str());
+      return RC_NO_SHARE_FILE;
+    }
+    const int rc = file.DupFromShare(view.RootFd(), node.getPath(), work_dir,
+                                     view.GetUserInfo().isEncryptionShare(), staged);
     if (rc < 0) {
       RESTORE_ERR("Failed to dup file from share folder [%s]", InfoString().c_str());
       return rc;
@@ -48,14 +61,15 @@ int RegularItem::PrepareImpl(const std::string& work_dir, const std::string& des
     return RC_GENERAL;
   }
   int rc = 0;
+  const std::string dest = target.Path();
   if (!(flags & PREPARE_MAC_ATTR)) {
-    rc = rename(staged.c_str(), target.c_str());
+    rc = rename(staged.c_str(), dest.c_str());
   } else {
     if (!version.getMacAttributeHash().empty()) rc = PrepareMacAttr(work_dir, key, staged);
-    if (rc >= 0) rc = HVFileUtility::FSRenameWithEA(staged, target, true);
+    if (rc >= 0) rc = HVFileUtility::FSRenameWithEA(staged, dest, true);
   }
   if (rc < 0) {
-    RESTORE_ERR("Fail to move files. (%s) -> (%s)\n", staged.c_str(), target.c_str());
+    RESTORE_ERR("Fail to move files. (%s) -> (%s)\n", staged.c_str(), target.Shown().c_str());
     return RC_GENERAL;
   }
   IncProg();

@@ -12,10 +12,8 @@ class RegularItem : public Item {
   using Item::Item;
   ~RegularItem() override = default;
 
-  int MoveToDestWithEA(const std::string&, const std::string&) { return 0; }
-
  protected:
-  int PrepareImpl(const std::string& work_dir, const std::string& dest_dir, const TaskActor& actor,
+  int PrepareImpl(const std::string& work_dir, const Target& target, const TaskActor& actor,
                   int flags) override;
   int VersionCheck() override;
 };

@@ -1,18 +1,27 @@
 // The fixed sequence of every item:
-//   0. The target path (destination and name) must have no ".", ".." or
-//      backslash components: checked before anything is made.
+//   0. Place: where the node stood at the restore point. In place, the
+//      destination is the node's own folder in the view database then,
+//      never a path from the client; the chain of its ancestors' rights
+//      comes from the same walk.
 //   1. InitVersion: the version asked for, or the newest that is not a
 //      deletion, and a check that it is the kind of node the item rebuilds.
-//   2. CheckDestEnv: whatever stands at the target must be of the same kind;
+//   2. Rights: a caller who may not read the node (or, in place, write it)
+//      has it left out and counted as skipped; nothing of it is touched.
+//   3. CreateDestDir: the parent folder, opened beneath the task's root with
+//      no link on the way, made if missing (owned by the version's owner in
+//      place or by the actor on a copy).
+//   4. CheckDestEnv: whatever stands at the target must be of the same kind;
 //      a restore never puts a folder where a file is, or the reverse.
-//   3. CreateDestDir: the parent folder, owned by the version's owner in
-//      place or by the actor on a copy.
-//   4. PrepareImpl: the subclass builds the node in the working folder (on
+//   5. PrepareImpl: the subclass builds the node in the working folder (on
 //      the destination's volume) and moves it to the target by one rename.
-// Owner, mode, ACL and time go onto a node before it becomes visible.
+// Owner, mode, ACL and time go onto a node before it becomes visible. Every
+// path handed to a library call goes through a descriptor of an open
+// folder, so a link planted in a user's folder never steers root.
 #include "restore-item.h"
 
 #include <errno.h>
+#include <fcntl.h>
+#include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -29,6 +38,7 @@
 #include "hv-file-utility.h"
 #include "hvos-task.h"
 #include "regular-item.h"
+#include "rights.h"
 #include "sdk-path.h"
 
 namespace tidepool::restore {
@@ -36,7 +46,6 @@ namespace tidepool::restore {
 namespace {
 
 constexpr uint32_t kLogRestoreInPlace = 4;
-constexpr size_t kWorkPathMax = 4075;
 
 // The version store keeps the unix mode as it is; the map below is written
 // over its octal digits, one nibble each (0755 reads 0x755).
@@ -49,16 +58,6 @@ uint32_t OctalDigitsAsNibbles(uint32_t mode) {
   return nibbles;
 }
 
-// Everything built in the working folder has been moved out by rename once
-// an item succeeded. Only empty folders go, so a failed item's leftovers and
-// a concurrent task's folder stay.
-void RemoveEmptyWorkingDir(const std::string& work_dir) {
-  std::string dir = work_dir;
-  for (int level = 0; level < 3 && rmdir(dir.c_str()) == 0; ++level) {
-    dir.erase(dir.rfind('/'));
-  }
-}
-
 // Progress reaches the task record at most every kProgressInterval: a
 // record rewrite for each of thousands of small files would cost more than
 // restoring them. The interval is far below the ten seconds after which a
@@ -68,6 +67,7 @@ constexpr auto kProgressInterval = std::chrono::milliseconds(250);
 struct PendingProgress {
   HVOS::Task* task = nullptr;
   uint64_t steps = 0;
+  uint64_t skipped = 0;
   std::chrono::steady_clock::time_point written;
 };
 
@@ -79,19 +79,8 @@ PendingProgress& Pending() {
 }  // namespace
 
 const std::map<uint32_t, uint32_t> Item::unix_mode_map = {
-    {0x400, 0x100},
-    {0x200, 0x80},
-    {0x100, 0x40},
-    {0x40, 0x20},
-    {0x20, 0x10},
-    // Group execute lands on group write: kept as the clients expect it.
-    {0x10, 0x10},
-    {0x4, 0x4},
-    {0x2, 0x2},
-    {0x1, 0x1},
-    {0x4000, 0x800},
-    {0x2000, 0x400},
-    {0x1000, 0x200},
+    {0x400, 0x100}, {0x200, 0x80}, {0x100, 0x40}, {0x40, 0x20},    {0x20, 0x10},    {0x10, 0x8},
+    {0x4, 0x4},     {0x2, 0x2},    {0x1, 0x1},    {0x4000, 0x800}, {0x2000, 0x400}, {0x1000, 0x200},
 };
 const std::set<std::string> Item::office_ext_set = {"tdoc", "tsheet", "tslides"};
 const std::map<std::string, std::string> Item::ext_map = {
@@ -123,43 +112,88 @@ std::unique_ptr<Item> Item::ItemFactory(bool is_dir, View& view, unsigned long l
                                        decrypt_map, task);
 }
 
+void Item::SetParent(std::shared_ptr<const ACL_API::ACL> parent_chain, std::string folder) {
+  parents = std::move(parent_chain);
+  view_folder = std::move(folder);
+  child = true;
+}
+
+int Item::Place() {
+  if (parents) return 0;
+  if (!version_ready && InitVersion() < 0) return RC_GENERAL;
+  auto ancestors = std::make_shared<ACL_API::ACL>();
+  if (AncestryAt(*view.GetVif().get(), version, RestorePoint(), view.GetRights(), *ancestors,
+                 view_folder) < 0) {
+    RESTORE_ERR("Cannot place %s at its restore point", InfoString().c_str());
+    return RC_GENERAL;
+  }
+  parents = std::move(ancestors);
+  return 0;
+}
+
+int Item::RootFd(const TaskActor& actor) {
+  return actor.IsCopying() ? actor.GetCopyRootFd() : view.RootFd();
+}
+
+std::string Item::RootPath(const TaskActor& actor) const {
+  return actor.IsCopying() ? actor.GetCopyRootPath() : view.GetUserInfo().root_path;
+}
+
+std::string Item::DestName(const TaskActor& actor) const {
+  // A child's name was made unique within its folder from the database's
+  // own names; a top-level node keeps the name it had.
+  if (child) return name;
+  if (version.getNodeId() != view.GetVif()->getRootNodeId()) return version.record().name;
+  return actor.IsCopying() ? view.GetName() : "";
+}
+
 int Item::Restore(const TaskActor& actor, int flags) {
-  std::string work_dir;
-  if (CreateWorkingDir("", work_dir) < 0) return RC_GENERAL;
-  const std::string full = view.GetUserInfo().root_path + "/" + path;
-  const size_t slash = full.rfind('/');
-  const std::string dest_dir =
-      slash == std::string::npos || slash == 0 ? "/" : full.substr(0, slash);
-  const int rc = Prepare(work_dir, dest_dir, actor, flags);
+  if (Place() < 0) return RC_GENERAL;
+  WorkDir work;
+  if (work.Create(view.RootFd()) < 0) return RC_GENERAL;
+  const int rc = Prepare(work.Path(), view_folder, actor, flags);
   if (rc < 0) return rc;
-  RemoveEmptyWorkingDir(work_dir);
+  work.RemoveIfEmpty();
   (void)LogRestoreDone(actor);
   return RC_OK;
 }
 
-int Item::CopyTo(const std::string& dest, const TaskActor& actor, int flags) {
-  std::string work_dir;
-  if (CreateWorkingDir(dest, work_dir) < 0) return RC_GENERAL;
-  const int rc = Prepare(work_dir, dest, actor, flags);
+int Item::CopyTo(const std::string& /*dest*/, const TaskActor& actor, int flags) {
+  // The destination is the folder the request opened and handed down as a
+  // descriptor; its path is only shown.
+  if (Place() < 0) return RC_GENERAL;
+  WorkDir work;
+  if (work.Create(actor.GetCopyRootFd()) < 0) return RC_GENERAL;
+  const int rc = Prepare(work.Path(), "", actor, flags);
   if (rc < 0) return rc;
-  RemoveEmptyWorkingDir(work_dir);
+  work.RemoveIfEmpty();
   return RC_OK;
 }
 
 int Item::Prepare(const std::string& work_dir, const std::string& dest_dir, const TaskActor& actor,
                   int flags) {
-  // Checked before anything is made: a hostile path or name must not leave
-  // even an empty folder outside the destination.
-  const std::string target = dest_dir + "/" + name;
-  if (!IsPathSafe(target)) {
-    RESTORE_ERR("Target path name '%s' is not safe", target.c_str());
+  int rc = Place();
+  if (rc < 0) return rc;
+  if ((rc = InitVersion()) < 0) return rc;
+  Target target;
+  target.name = DestName(actor);
+  if ((!target.name.empty() && !fsb::IsPlainName(target.name)) || !fsb::IsPlainRelative(dest_dir) ||
+      !IsPathSafe(dest_dir + "/" + target.name)) {
+    RESTORE_ERR("Target path name '%s/%s' is not safe", dest_dir.c_str(), target.name.c_str());
     return RC_GENERAL;
   }
-  int rc = InitVersion();
-  if (rc < 0) return rc;
+  const bool is_root = version.getNodeId() == view.GetVif()->getRootNodeId();
+  const std::string view_path = is_root ? "" : view_folder + "/" + version.record().name;
+  const Rights& rights = view.GetRights();
+  chain = std::make_shared<ACL_API::ACL>(rights.ChainOf(*parents, version, view_path));
+  if (!rights.Allows(*chain)) {
+    // Left out without a trace at the destination; only the count shows it.
+    return SkipProg(flags);
+  }
+  if ((rc = CreateDestDir(dest_dir, actor, target)) < 0) return rc;
+  const fsb::UniqueFd dir_fd(target.dir_fd);
   if ((rc = CheckDestEnv(target)) < 0) return rc;
-  if ((rc = CreateDestDir(dest_dir, actor)) < 0) return rc;
-  return PrepareImpl(work_dir, dest_dir, actor, flags);
+  return PrepareImpl(work_dir, target, actor, flags);
 }
 
 int Item::ListEncrypted(std::vector<db::Node>& /*out*/, bool /*include_removed*/) { return 0; }
@@ -169,54 +203,85 @@ int Item::Count(unsigned long long& count, bool /*include_removed*/) {
   return 0;
 }
 
-int Item::CreateWorkingDir(const std::string& dest, std::string& work_dir) const {
-  const std::string& base = dest.empty() ? view.GetUserInfo().root_path : dest;
-  const std::string tmp = base + "/@eaDir/@tmp";
-  if (tmp.size() >= kWorkPathMax) {
-    RESTORE_ERR("dest is too long");
+int WorkDir::Create(int root_fd) {
+  if (root_fd < 0) return -1;
+  ea_.reset(fsb::MakeDirsBeneath(root_fd, "@eaDir", 0, 0, 0755));
+  if (ea_.valid()) tmp_.reset(fsb::MakeDirsBeneath(ea_.get(), "@tmp", 0, 0, 0755));
+  struct stat st {};
+  if (!tmp_.valid() || fstat(tmp_.get(), &st) != 0) {
+    RESTORE_ERR("Cannot open @eaDir/@tmp: %s (%d)\n", strerror(errno), errno);
     return -1;
   }
-  if (access(tmp.c_str(), F_OK) != 0 && FSMKDirFromRoot(tmp, base) < 0) {
-    RESTORE_ERR("FSMKDirFromRoot(%s): %s (%d)\n", tmp.c_str(), strerror(errno), errno);
+  // A folder someone else made could be emptied or filled behind our back.
+  if (st.st_uid != 0) {
+    RESTORE_ERR("@eaDir/@tmp belongs to uid %u, not root; refused\n", st.st_uid);
     return -1;
   }
-  std::string templ = tmp + "/Tidepool.XXXXXX";
-  if (mkdtemp(templ.data()) == nullptr) {
-    RESTORE_ERR("mkdtemp(%s): %s (%d)\n", templ.c_str(), strerror(errno), errno);
+  if ((st.st_mode & 022) != 0) (void)fchmod(tmp_.get(), 0755);
+  static const char kChars[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
+  for (int attempt = 0; attempt < 64; ++attempt) {
+    unsigned char random[6];
+    if (getrandom(random, sizeof random, 0) != sizeof random) return -1;
+    name_ = "Tidepool.";
+    for (unsigned char c : random) name_ += kChars[c % (sizeof kChars - 1)];
+    if (mkdirat(tmp_.get(), name_.c_str(), 0700) == 0) {
+      dir_.reset(fsb::OpenBeneath(tmp_.get(), name_, O_DIRECTORY | O_RDONLY));
+      return dir_.valid() ? 0 : -1;
+    }
+    if (errno != EEXIST) break;
+  }
+  RESTORE_ERR("mkdtemp(@eaDir/@tmp/Tidepool.XXXXXX): %s (%d)\n", strerror(errno), errno);
+  return -1;
+}
+
+void WorkDir::RemoveIfEmpty() {
+  // Everything built here has been moved out by rename once an item
+  // succeeded. Only empty folders go, so a failed item's leftovers and a
+  // concurrent task's folder stay; @eaDir itself may hold the system's
+  // other files and is left.
+  if (!tmp_.valid() || unlinkat(tmp_.get(), name_.c_str(), AT_REMOVEDIR) != 0) return;
+  (void)unlinkat(ea_.get(), "@tmp", AT_REMOVEDIR);
+}
+
+int Item::CheckDestEnv(const Target& target) {
+  struct stat st {};
+  const int rc = target.name.empty()
+                     ? fstat(target.dir_fd, &st)
+                     : fstatat(target.dir_fd, target.name.c_str(), &st, AT_SYMLINK_NOFOLLOW);
+  if (rc != 0) {
+    if (errno == ENOENT) return 0;
+    RESTORE_ERR("Fail to get file info '%s'.\n", target.Shown().c_str());
     return -1;
   }
-  work_dir = templ;
+  if (version.isDir() && !S_ISDIR(st.st_mode)) {
+    RESTORE_ERR("Restore a dir but local is not '%s', abort.\n", target.Shown().c_str());
+    return -1;
+  }
+  if (version.isFile() && !S_ISREG(st.st_mode)) {
+    RESTORE_ERR("Restore a file but local is not '%s', abort.\n", target.Shown().c_str());
+    return -1;
+  }
+  if (version.isSymlink() && !S_ISLNK(st.st_mode)) {
+    RESTORE_ERR("Restore a symlink but local is not '%s', abort.\n", target.Shown().c_str());
+    return -1;
+  }
   return 0;
 }
 
-int Item::CheckDestEnv(const std::string& target) {
-  FSInfo info;
-  if (FSStat(target, info, true) < 0) {
-    RESTORE_ERR("Fail to get file info '%s'.\n", target.c_str());
-    return -1;
-  }
-  if (!info.exists) return 0;
-  if (version.isDir() && info.type != kFSTypeDir) {
-    RESTORE_ERR("Restore a dir but local is not '%s', abort.\n", target.c_str());
-    return -1;
-  }
-  if (version.isFile() && info.type != kFSTypeFile) {
-    RESTORE_ERR("Restore a file but local is not '%s', abort.\n", target.c_str());
-    return -1;
-  }
-  if (version.isSymlink() && info.type != kFSTypeSymlink) {
-    RESTORE_ERR("Restore a symlink but local is not '%s', abort.\n", target.c_str());
-    return -1;
-  }
-  return 0;
-}
-
-int Item::CreateDestDir(const std::string& dest_dir, const TaskActor& actor) {
+int Item::CreateDestDir(const std::string& dest_dir, const TaskActor& actor, Target& target) {
   const bool copying = actor.IsCopying();
   const unsigned int uid = copying ? actor.GetUid() : version.getUserId();
   const unsigned int gid = copying ? actor.GetGid() : version.getGroupId();
-  if (CreateDir(dest_dir, uid, gid) < 0) {
-    RESTORE_ERR("Failed to create dest dir '%s'", dest_dir.c_str());
+  target.root_fd = RootFd(actor);
+  target.root_path = RootPath(actor);
+  target.dir = dest_dir == "/" ? "" : dest_dir;
+  target.dir_fd =
+      target.root_fd < 0 ? -1 : fsb::MakeDirsBeneath(target.root_fd, target.dir, uid, gid, 0755);
+  if (target.dir_fd < 0) {
+    // A link or a way out on the path ends the item here, before anything
+    // is written.
+    RESTORE_ERR("Failed to create dest dir '%s': %s", (target.root_path + target.dir).c_str(),
+                strerror(errno));
     return -1;
   }
   return 0;
@@ -240,6 +305,7 @@ int Item::CreateDir(const std::string& path, unsigned int uid, unsigned int gid)
 int Item::InitVersion() {
   db::ViewDBInterface& vif = view.GetVif();
   if (!vif) return -1;
+  if (version_ready) return 0;
   if (sync_id != 0) {
     if (vif->OpenVersionByPermanentId(permanent_id, sync_id, version) < 0) {
       RESTORE_ERR("OpenVersionByPermanentId(%llu, %llu) failed", permanent_id, sync_id);
@@ -264,7 +330,9 @@ int Item::InitVersion() {
     // is what was deleted.
     version = versions.back().isRemoved() ? versions[versions.size() - 2] : versions.back();
   }
-  return VersionCheck();
+  if (VersionCheck() < 0) return -1;
+  version_ready = true;
+  return 0;
 }
 
 int Item::ApplyPrivilege(const std::string& target, const TaskActor& actor) {
@@ -435,23 +503,44 @@ int Item::IncProg() {
   PendingProgress& pending = Pending();
   if (pending.task != task) {
     (void)FlushProgress(pending.task);
-    pending = PendingProgress{task, 0, {}};
+    pending = PendingProgress{task, 0, 0, {}};
   }
   ++pending.steps;
   if (std::chrono::steady_clock::now() - pending.written < kProgressInterval) return 0;
   return FlushProgress(task);
 }
 
+int Item::SkipProg(int flags) {
+  unsigned long long units = 0;
+  if (Count(units, (flags & PREPARE_INCLUDE_REMOVED) != 0) < 0) units = 1;
+  RESTORE_INFO("Skipped %llu node(s) the caller may not have: %s", units, InfoString().c_str());
+  if (task == nullptr) return RC_OK;
+  PendingProgress& pending = Pending();
+  if (pending.task != task) {
+    (void)FlushProgress(pending.task);
+    pending = PendingProgress{task, 0, 0, {}};
+  }
+  pending.steps += units;
+  pending.skipped += units;
+  return RC_OK;
+}
+
 int FlushProgress(HVOS::Task* task) {
   PendingProgress& pending = Pending();
   if (task == nullptr || pending.task != task || pending.steps == 0) return 0;
   const uint64_t steps = pending.steps;
+  const uint64_t skipped = pending.skipped;
   pending.steps = 0;
+  pending.skipped = 0;
   pending.written = std::chrono::steady_clock::now();
   if (!task->hasProperty("data")) return -1;
   Json::Value data = task->getProperty("data");
   const Json::Value& current = data["current"];
   data["current"] = Json::UInt64((current.isUInt64() ? current.asUInt64() : 0) + steps);
+  if (skipped > 0) {
+    const Json::Value& before = data["skipped"];
+    data["skipped"] = Json::UInt64((before.isUInt64() ? before.asUInt64() : 0) + skipped);
+  }
   data["last_update_time"] = Json::Int64(time(nullptr));
   task->setProperty("data", data);
   return 0;
@@ -466,7 +555,7 @@ int Item::LogRestoreDone(const TaskActor& actor) {
   log.setShareType(view.GetUserInfo().getShareType());
   log.pushArg(static_cast<unsigned long long>(version.getNodeId()), false);
   log.pushArg(static_cast<unsigned long long>(version.getFileType()), false);
-  log.pushArg(path, true);
+  log.pushArg(view_folder + "/" + version.record().name, true);
   log.setUserId(actor.GetUid());
   log.setUserName(actor.GetUser());
   if (db::LogManager::InsertLog(log) != 0) {

@@ -14,13 +14,45 @@
 #include <string>
 #include <vector>
 
+#include "acl.h"
 #include "db/types.h"
+#include "fs-beneath.h"
 #include "task-actor.h"
 #include "user-manager.h"
 #include "utils.h"
 #include "view.h"
 
 namespace tidepool::restore {
+
+// Where an item goes: a folder held open beneath the task's root (the
+// view's folder in place, the chosen folder on a copy) and the entry in it.
+struct Target {
+  int root_fd = -1;
+  std::string root_path;  // what root_fd was opened as, for messages and notices
+  int dir_fd = -1;
+  std::string dir;   // the folder below the root: "" or "/a/b"
+  std::string name;  // "" for the root folder itself
+  // The entry, as a path that library calls resolve through the open
+  // folder and never through anything a user could swap.
+  std::string Path() const { return fsb::FdPath(dir_fd) + (name.empty() ? "/." : "/" + name); }
+  std::string Below() const { return name.empty() ? dir : dir + "/" + name; }
+  std::string Shown() const { return root_path + Below(); }
+};
+
+// The working folder of one top-level item: <root>/@eaDir/@tmp/Tidepool.XXXXXX,
+// made by root, 0700, held open; Path() names it for library calls.
+class WorkDir {
+ public:
+  // 0, or -1 when the folder cannot be made or @eaDir/@tmp is not root's.
+  int Create(int root_fd);
+  std::string Path() const { return fsb::FdPath(dir_.get()); }
+  // Removes the folder, and @tmp and @eaDir when that leaves them empty.
+  void RemoveIfEmpty();
+
+ private:
+  fsb::UniqueFd ea_, tmp_, dir_;
+  std::string name_;
+};
 
 class Item {
  public:
@@ -35,7 +67,8 @@ class Item {
   virtual int Restore(const TaskActor& actor, int flags);
   // Brings the item under `dest`, owned by the actor.
   virtual int CopyTo(const std::string& dest, const TaskActor& actor, int flags);
-  // The fixed sequence: version, destination check, parent folder, rebuild.
+  // The fixed sequence: version, rights, parent folder, destination check,
+  // rebuild. `dest_dir` is a folder below the task's root ("" the root).
   virtual int Prepare(const std::string& work_dir, const std::string& dest_dir,
                       const TaskActor& actor, int flags);
   virtual int ListEncrypted(std::vector<db::Node>& out, bool include_removed);
@@ -46,6 +79,9 @@ class Item {
   unsigned long long GetSyncId() const { return sync_id; }
   unsigned long long GetCtimeUB() const { return ctime_ub; }
   const db::Version& GetVersion() const { return version; }
+  // Places a child of a folder being restored: the chain of rights of its
+  // ancestors and its folder's path in the view.
+  void SetParent(std::shared_ptr<const ACL_API::ACL> parents, std::string view_folder);
 
   static std::unique_ptr<Item> ItemFactory(bool is_dir, View& view, unsigned long long permanent_id,
                                            unsigned long long sync_id, unsigned long long ctime_ub,
@@ -76,18 +112,34 @@ class Item {
   static const std::map<std::string, std::string> ext_map;
 
  protected:
-  virtual int PrepareImpl(const std::string& work_dir, const std::string& dest_dir,
-                          const TaskActor& actor, int flags) = 0;
+  virtual int PrepareImpl(const std::string& work_dir, const Target& target, const TaskActor& actor,
+                          int flags) = 0;
   virtual int InitVersion();
   virtual int VersionCheck() { return 0; }
   virtual int PrepareMacAttr(const std::string& work_dir, const std::string& key,
                              const std::string& path);
   virtual int ApplyPrivilege(const std::string& path, const TaskActor& actor);
 
-  int CheckDestEnv(const std::string& target);
-  int CreateDestDir(const std::string& dest_dir, const TaskActor& actor);
-  int CreateWorkingDir(const std::string& dest, std::string& work_dir) const;
+  int CheckDestEnv(const Target& target);
+  // Opens (making it if needed) the folder `dest_dir` below the root into
+  // `target`.
+  int CreateDestDir(const std::string& dest_dir, const TaskActor& actor, Target& target);
   int IncProg();
+  // Counts this item's whole progress as skipped: the caller may not have it.
+  int SkipProg(int flags);
+  // Where the item stood at the restore point: its ancestors' rights and
+  // its folder in the view. Set by the parent for children.
+  int Place();
+  // The moment the item is restored as of.
+  uint64_t RestorePoint() const { return ctime_ub != 0 ? ctime_ub : version.getVerCreatedTime(); }
+  // The name at the destination: the node's own at its version; a view's
+  // root is copied under the view's name.
+  std::string DestName(const TaskActor& actor) const;
+  int RootFd(const TaskActor& actor);
+  std::string RootPath(const TaskActor& actor) const;
+  bool IsViewRootInPlace(const TaskActor& actor) const {
+    return !actor.IsCopying() && version.getNodeId() == view.GetVif()->getRootNodeId();
+  }
   std::string InfoString() const;
   int LogRestoreDone(const TaskActor& actor);
 
@@ -100,6 +152,13 @@ class Item {
   std::string path;
   DecryptMap decrypt_map;
   HVOS::Task* task;
+  // The chain of rights of the ancestors at the restore point, the folder's
+  // path in the view, and this node's own chain once judged.
+  std::shared_ptr<const ACL_API::ACL> parents;
+  std::string view_folder;
+  std::shared_ptr<const ACL_API::ACL> chain;
+  bool version_ready = false;
+  bool child = false;
 };
 
 }  // namespace tidepool::restore

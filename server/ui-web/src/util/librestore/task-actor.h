@@ -25,12 +25,22 @@ class TaskActor {
   const std::string& GetUser() const { return user_; }
   unsigned int GetUid() const { return uid_; }
   unsigned int GetGid() const { return gid_; }
+  // The folder a copy goes to, opened once by the request and handed to
+  // the task as a descriptor; the actor does not own it.
+  void SetCopyRoot(int fd, const std::string& path) {
+    copy_root_fd_ = fd;
+    copy_root_path_ = path;
+  }
+  int GetCopyRootFd() const { return copy_root_fd_; }
+  const std::string& GetCopyRootPath() const { return copy_root_path_; }
 
  private:
   ACTION action_;
   std::string user_;
   unsigned int uid_;
   unsigned int gid_;
+  int copy_root_fd_ = -1;
+  std::string copy_root_path_;
 };
 
 }  // namespace tidepool::restore

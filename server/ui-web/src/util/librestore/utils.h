@@ -10,6 +10,8 @@
 #include <strings.h>
 #include <syslog.h>
 
+#include <json/value.h>
+
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -63,6 +65,17 @@ struct TaskDesc {
   std::string name;
   std::string path;
 };
+
+// A node id as a client sends it back: its decimal text, or a JSON number.
+// Only plain digits within 64 bits count: "", "-1", "+5", " 7" and "7x" do
+// not. False leaves `out` untouched.
+bool ParseNodeId(const Json::Value& value, uint64_t& out);
+// One element of a request's `nodes`: `node_id` and `permanent_id`
+// required, `sync_id` (default 0), `ver_ctime_upper_bound` (default
+// `default_bound`), `file_type`, `name`, `path`. 0, or -1 with `why` naming
+// the member that is wrong.
+int ParseTaskDesc(const Json::Value& entry, uint64_t default_bound, TaskDesc& out,
+                  std::string& why);
 
 using ItemList = std::vector<std::unique_ptr<Item>>;
 using DecryptMap = std::map<unsigned long long, std::string>;

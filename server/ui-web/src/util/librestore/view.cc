@@ -5,6 +5,11 @@
 // share is ever restored.
 #include "view.h"
 
+#include <errno.h>
+#include <fcntl.h>
+
+#include <cstring>
+
 #include "bridge/run-as.h"
 #include "db/manager.h"
 #include "hvos-service.h"
@@ -34,6 +39,16 @@ int View::Init() {
     return 0;
   }
   return 1;
+}
+
+int View::RootFd() {
+  if (root_fd_.valid()) return root_fd_.get();
+  root_fd_.reset(fsb::OpenNoSymlinks(user_info_.root_path, O_DIRECTORY | O_RDONLY));
+  if (!root_fd_.valid()) {
+    RESTORE_ERR("Cannot open the view's folder '%s': %s", user_info_.root_path.c_str(),
+                strerror(errno));
+  }
+  return root_fd_.get();
 }
 
 int View::GetCipherKeyInternal() {

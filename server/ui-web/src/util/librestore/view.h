@@ -6,6 +6,8 @@
 #include <string>
 
 #include "db/view-manager.h"
+#include "fs-beneath.h"
+#include "rights.h"
 #include "user-manager.h"
 
 namespace tidepool::restore {
@@ -28,6 +30,12 @@ class View {
   const std::string& GetCipherKey() const { return cipher_key_; }
   // The share's name for a share view, "home" for a home.
   std::string GetName() const { return user_info_.isShareUser() ? user_info_.name : kHome; }
+  // The view's folder, opened on first use with no link on the way: every
+  // in-place restore resolves beneath it. -1 when it cannot be opened.
+  int RootFd();
+  // What the task's caller may do here; not limited until set.
+  const Rights& GetRights() const { return rights_; }
+  void SetRights(const Rights& rights) { rights_ = rights; }
 
  private:
   int GetCipherKeyInternal();
@@ -36,6 +44,8 @@ class View {
   unsigned int view_id_;
   UserInfo user_info_;
   std::string cipher_key_;
+  fsb::UniqueFd root_fd_;
+  Rights rights_;
 };
 
 }  // namespace tidepool::restore

@@ -13,8 +13,10 @@ NodeRestoreFinishHandler::NodeRestoreFinishHandler() {
   SetAPI("KSTX.Tidepool.Node.Restore", "finish", 0, 0);
 }
 
-int NodeRestoreFinishHandler::Handle(const RequestAuthentication& /*auth*/,
-                                     BridgeRequest& /*request*/, BridgeResponse& /*response*/) {
+int NodeRestoreFinishHandler::Handle(const RequestAuthentication& auth, BridgeRequest& /*request*/,
+                                     BridgeResponse& /*response*/) {
+  // Someone else's record stays; the answer is the same as for none.
+  if (!MayUseRestoreRecord(auth)) return 0;
   HVOS::Task task(kRestoreTaskOwner, kRestoreTaskName);
   task.remove();
   return 0;

@@ -1,13 +1,18 @@
 // Node.Restore start, in order: switch to the view's user, take root, make
 // sure no other restore is alive (a record renewed within ten seconds, or
-// whose creator still runs), resolve the target and open its view, check
-// the caller's write rights on copy_to and on the nodes, read the office
-// passwords and the nodes, write the task record and fork. The child counts
-// the items, restores each, and leaves either finished progress or an error
-// code in the record.
+// whose creator still runs), resolve the target and open its view, read the
+// nodes strictly, open copy_to (no link on the way) and check the caller's
+// write rights on that very folder, check that each node_id names the node
+// of its permanent_id and that the caller may read (in place: write) each
+// node as it stood at the restore point, read the office passwords, write
+// the task record (with its owner) and fork. The child gets the open
+// copy_to folder as a descriptor, counts the items, restores each, and
+// leaves either finished progress or an error code in the record.
 #include "start.h"
 
+#include <fcntl.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <ctime>
@@ -17,10 +22,12 @@
 #include "bridge/run-as.h"
 #include "db/view-manager.h"
 #include "file-util.h"
+#include "fs-beneath.h"
 #include "handlers/node/node-params.h"
 #include "hvos-task.h"
 #include "logger.h"
 #include "sdk-path.h"
+#include "sync-target.h"
 #include "task-record.h"
 #include "user-manager.h"
 #include "util/librestore/file.h"
@@ -31,6 +38,7 @@
 
 using tidepool::restore::DecryptMap;
 using tidepool::restore::Item;
+using tidepool::restore::Rights;
 using tidepool::restore::TaskActor;
 using tidepool::restore::TaskDesc;
 using tidepool::restore::View;
@@ -62,9 +70,19 @@ bool AnotherRestoreRunning() {
   return false;
 }
 
-std::string Text(const Json::Value& entry, const char* key, const std::string& fallback) {
-  const Json::Value& value = entry[key];
-  return value.isString() ? value.asString() : fallback;
+// The same folder, reached again by its path with no link on the way: the
+// rights just checked by path were checked on the folder held open.
+bool SameFolder(int fd, const std::string& path) {
+  const fsb::UniqueFd again(fsb::OpenNoSymlinks(path, O_DIRECTORY | O_PATH));
+  struct stat a {
+  }, b{};
+  return again.valid() && fstat(fd, &a) == 0 && fstat(again.get(), &b) == 0 &&
+         a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
+bool MayWriteShare(const std::string& share, const std::string& user) {
+  const int level = SDK::GetSharePrivilege(share, user);
+  return level == SDK::kShareFull || level == SDK::kShareReadWrite;
 }
 
 }  // namespace
@@ -96,12 +114,9 @@ bool NodeRestoreStartHandler::MayWriteTo(const RequestAuthentication& auth,
     LOG_ERROR("Failed to get login user info: login as '%s'\n", auth.user.c_str());
     return false;
   }
-  if (share != "homes") {
-    const int level = SDK::GetSharePrivilege(share, auth.user);
-    if (level != SDK::kShareFull && level != SDK::kShareReadWrite) {
-      LOG_ERROR("User has no write permission on share '%s'\n", share.c_str());
-      return false;
-    }
+  if (share != "homes" && !MayWriteShare(share, auth.user)) {
+    LOG_ERROR("User has no write permission on share '%s'\n", share.c_str());
+    return false;
   }
   SDK::GroupCache cache;
   const int rights = SDK::GetPathAclPrivilege(auth.user, copy_to, cache);
@@ -149,52 +164,83 @@ int NodeRestoreStartHandler::Start(const RequestAuthentication& auth, BridgeRequ
                 static_cast<unsigned long long>(user_info.view_id));
       return RESPONSE_FAIL(response, 401, "failed to open view db");
     }
+    std::vector<TaskDesc> requested;
+    for (const Json::Value& entry : nodes) {
+      if (!entry.isObject()) return RESPONSE_FAIL(response, 120, "invalid parameter");
+      TaskDesc desc;
+      std::string why;
+      if (tidepool::restore::ParseTaskDesc(entry, ctime_ub_default, desc, why) < 0) {
+        LOG_ERROR("Malformed node (%s): %s\n", why.c_str(), entry.toStyledString().c_str());
+        return RESPONSE_FAIL(response, 401, "invalid node: " + why);
+      }
+      desc.view_id = static_cast<uint32_t>(user_info.view_id);
+      requested.push_back(std::move(desc));
+    }
     // Rights are the caller's own, whoever's view is shown.
-    if (!copy_to.empty() && !MayWriteTo(auth, response, copy_to)) {
+    fsb::UniqueFd copy_root;
+    if (!copy_to.empty()) {
+      copy_root.reset(fsb::OpenNoSymlinks(copy_to, O_DIRECTORY | O_RDONLY));
+      if (!copy_root.valid()) {
+        LOG_ERROR("Cannot open '%s' without following links: %s\n", copy_to.c_str(),
+                  strerror(errno));
+        return RESPONSE_FAIL(response, 403, "no privilege");
+      }
+      if (!MayWriteTo(auth, response, copy_to) || !SameFolder(copy_root.get(), copy_to)) {
+        return RESPONSE_FAIL(response, 403, "no privilege");
+      }
+    } else if (!auth.is_admin && SyncIsShareReq(target) &&
+               !MayWriteShare(SyncTargetNameGet(target), auth.user)) {
+      LOG_ERROR("User has no write permission on share '%s'\n", target.c_str());
       return RESPONSE_FAIL(response, 403, "no privilege");
     }
-    if (!auth.is_admin) {
-      std::vector<uint64_t> ids;
-      for (const Json::Value& entry : nodes) {
-        ids.push_back(entry.isObject() ? std::stoull(Text(entry, "node_id", "")) : 0);
-      }
-      if (!CheckPrivilegeByNodeId(auth, response, view.GetVif(), user_info, ids, true)) {
+    // Each node_id must name the node of its permanent_id: the rights are
+    // judged on what is restored, never on a node picked to pass.
+    std::vector<TaskDesc> descs;
+    for (TaskDesc& desc : requested) {
+      db::Node claimed, node;
+      if (view.GetVif()->QueryNode(desc.node_id, claimed, db::ViewManager::kQueryWithRemoved) !=
+              0 ||
+          view.GetVif()->QueryNodeByPermanentId(desc.permanent_id, node,
+                                                db::ViewManager::kQueryWithRemoved) < 0 ||
+          node.getNodeId() != claimed.getNodeId()) {
+        LOG_ERROR("node_id %llu does not name the node of permanent_id %llu\n",
+                  static_cast<unsigned long long>(desc.node_id),
+                  static_cast<unsigned long long>(desc.permanent_id));
         return RESPONSE_FAIL(response, 403, "no privilege");
+      }
+      // In place, the deletion itself has nothing to bring back.
+      if (copy_to.empty() && node.isRemoved() && node.getSyncId() == desc.sync_id) continue;
+      descs.push_back(std::move(desc));
+    }
+    Rights rights;
+    if (!auth.is_admin) {
+      UserInfo login;
+      if (GetUserInfoByTarget(auth, response, "", login, true) < 0 ||
+          Rights::ForCaller(auth.user, login.view_id == user_info.view_id, copy_to.empty(),
+                            rights) < 0) {
+        return RESPONSE_FAIL(response, 403, "no privilege");
+      }
+      view.SetRights(rights);
+      for (const TaskDesc& desc : descs) {
+        bool allowed = false;
+        if (tidepool::restore::JudgeNode(view, desc.permanent_id, desc.sync_id,
+                                         desc.ver_ctime_upper_bound, allowed) < 0 ||
+            !allowed) {
+          LOG_ERROR("No privilege on node %llu\n",
+                    static_cast<unsigned long long>(desc.permanent_id));
+          return RESPONSE_FAIL(response, 403, "no privilege");
+        }
       }
     }
     DecryptMap decrypt_map;
     for (const Json::Value& entry : decrypt) {
-      if (!entry.isObject() || !entry["permanent_id"].isString() || !entry["decrypt"].isString()) {
+      uint64_t id = 0;
+      if (!entry.isObject() || !entry["permanent_id"].isString() || !entry["decrypt"].isString() ||
+          !tidepool::restore::ParseNodeId(entry["permanent_id"], id)) {
         LOG_ERROR("Malformed decrypt_info: %s\n", entry.toStyledString().c_str());
-        return -1;
+        return RESPONSE_FAIL(response, 401, "malformed decrypt information");
       }
-      decrypt_map[std::stoull(entry["permanent_id"].asString())] = entry["decrypt"].asString();
-    }
-    std::vector<TaskDesc> descs;
-    for (const Json::Value& entry : nodes) {
-      if (!entry.isObject()) return RESPONSE_FAIL(response, 120, "invalid parameter");
-      TaskDesc desc;
-      desc.view_id = static_cast<uint32_t>(user_info.view_id);
-      desc.permanent_id = std::stoull(Text(entry, "permanent_id", ""));
-      desc.sync_id = std::stoull(Text(entry, "sync_id", "0"));
-      const Json::Value& bound = entry["ver_ctime_upper_bound"];
-      desc.ver_ctime_upper_bound = bound.isUInt64() ? bound.asUInt64() : ctime_ub_default;
-      desc.file_type = entry["file_type"].isInt() ? entry["file_type"].asInt() : 0;
-      desc.name = Text(entry, "name", "");
-      desc.path = Text(entry, "path", "");
-      db::Node node;
-      // Removed nodes too: bringing back what was deleted is what a restore
-      // is most often for.
-      if (view.GetVif()->QueryNodeByPermanentId(desc.permanent_id, node,
-                                                db::ViewManager::kQueryWithRemoved) < 0) {
-        LOG_ERROR("QueryNodeByPermanentId with id %llu failed.\n",
-                  static_cast<unsigned long long>(desc.permanent_id));
-        return RESPONSE_FAIL(response, 401, "failed to query node");
-      }
-      desc.node_id = node.getNodeId();
-      // In place, the deletion itself has nothing to bring back.
-      if (copy_to.empty() && node.isRemoved() && node.getSyncId() == desc.sync_id) continue;
-      descs.push_back(std::move(desc));
+      decrypt_map[id] = entry["decrypt"].asString();
     }
 
     const uint32_t task_id = GetRandomInt();
@@ -206,7 +252,16 @@ int NodeRestoreStartHandler::Start(const RequestAuthentication& auth, BridgeRequ
       data["last_update_time"] = Json::Int64(time(nullptr));
       data["current"] = 0;
       data["total"] = 1;
+      Json::Value owner(Json::objectValue);
+      owner["uid"] = Json::UInt(auth.uid);
+      owner["user"] = auth.user;
+      task.beginUpdate();
       task.setProperty("data", data);
+      task.setProperty("owner", owner);
+      if (task.endUpdate() == 0) {
+        LOG_ERROR("Cannot write the task record\n");
+        return RESPONSE_FAIL(response, 401, "failed to write task record");
+      }
     }
     const int pid = Fork(1);
     if (pid < 0) {
@@ -214,7 +269,8 @@ int NodeRestoreStartHandler::Start(const RequestAuthentication& auth, BridgeRequ
       return RESPONSE_FAIL(response, 401, "failed to fork");
     }
     if (pid == 0) {
-      RunRestore(auth, descs, decrypt_map, copy_to, override_existing, include_removed);
+      RunRestore(auth, descs, decrypt_map, copy_to, copy_root.get(), rights, override_existing,
+                 include_removed);
       _exit(0);
     }
     Json::Value answer(Json::objectValue);
@@ -229,11 +285,13 @@ int NodeRestoreStartHandler::Start(const RequestAuthentication& auth, BridgeRequ
 void NodeRestoreStartHandler::RunRestore(const RequestAuthentication& auth,
                                          const std::vector<TaskDesc>& descs,
                                          const DecryptMap& decrypt_map, const std::string& copy_to,
-                                         bool override_existing, bool include_removed) {
+                                         int copy_fd, const Rights& rights, bool override_existing,
+                                         bool include_removed) {
   HVOS::Task task(kRestoreTaskOwner, kRestoreTaskName);
   Json::Value error(Json::objectValue);
-  const TaskActor actor(copy_to.empty() ? TaskActor::ACTION_RESTORE : TaskActor::ACTION_COPY,
-                        auth.user, auth.uid);
+  TaskActor actor(copy_to.empty() ? TaskActor::ACTION_RESTORE : TaskActor::ACTION_COPY, auth.user,
+                  auth.uid);
+  if (!copy_to.empty()) actor.SetCopyRoot(copy_fd, copy_to);
   IF_RUN_AS(0, 0) {
     int flags = tidepool::restore::PREPARE_MAC_ATTR;
     if (override_existing) flags |= tidepool::restore::PREPARE_OVERWRITE;
@@ -243,7 +301,10 @@ void NodeRestoreStartHandler::RunRestore(const RequestAuthentication& auth,
     bool loaded = true;
     for (const TaskDesc& desc : descs) {
       std::shared_ptr<View>& view = views[desc.view_id];
-      if (!view) view = std::make_shared<View>(desc.view_id);
+      if (!view) {
+        view = std::make_shared<View>(desc.view_id);
+        view->SetRights(rights);
+      }
       if (!view->Init()) {
         syslog(LOG_ERR, "%s:%d Failed to load view [%llu]", __FILE__, __LINE__,
                static_cast<unsigned long long>(desc.view_id));

@@ -3,6 +3,7 @@
 #include <vector>
 
 #include "bridge/request-handler.h"
+#include "util/librestore/rights.h"
 #include "util/librestore/utils.h"
 
 // KSTX.Tidepool.Node.Restore start: checks the caller's rights on the
@@ -25,5 +26,6 @@ class NodeRestoreStartHandler : public RequestHandler {
   void RunRestore(const RequestAuthentication& auth,
                   const std::vector<tidepool::restore::TaskDesc>& descs,
                   const tidepool::restore::DecryptMap& decrypt_map, const std::string& copy_to,
-                  bool override_existing, bool include_removed);
+                  int copy_fd, const tidepool::restore::Rights& rights, bool override_existing,
+                  bool include_removed);
 };

@@ -14,8 +14,12 @@ NodeRestoreStatusHandler::NodeRestoreStatusHandler() {
   SetAPI("KSTX.Tidepool.Node.Restore", "status", 0, 0);
 }
 
-int NodeRestoreStatusHandler::Handle(const RequestAuthentication& /*auth*/,
-                                     BridgeRequest& /*request*/, BridgeResponse& response) {
+int NodeRestoreStatusHandler::Handle(const RequestAuthentication& auth, BridgeRequest& /*request*/,
+                                     BridgeResponse& response) {
+  if (!MayUseRestoreRecord(auth)) {
+    LOG_ERROR("Wait for correct file format timeout\n");
+    return RESPONSE_FAIL(response, 401, "malformed task information");
+  }
   HVOS::Task task(kRestoreTaskOwner, kRestoreTaskName);
   (void)task.waitForDataReady("data", 1000);
   if (task.hasProperty("error")) {

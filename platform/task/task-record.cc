@@ -46,6 +46,9 @@ std::string SerializeTaskRecord(const TaskRecord& record) {
   value["properties"] = record.properties;
   Json::StreamWriterBuilder writer;
   writer["indentation"] = "";
+  // Bytes of names that are not UTF-8 are kept as they are; escaping would
+  // turn them into other characters, and a reader would see another name.
+  writer["emitUTF8"] = true;
   return Json::writeString(writer, value);
 }
 

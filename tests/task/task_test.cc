@@ -110,6 +110,10 @@ TEST(TaskTest, BadNamesAndDamagedRecords) {
   task.setProperty("data", "ok");
   HVOS::Task again("alice", "download");
   EXPECT_EQ(again.getProperty("data").asString(), "ok");
+  // A file name that is not UTF-8 reads back byte for byte.
+  const std::string latin1 = "r\xe9sum\xe9.txt";
+  again.setProperty("data", latin1);
+  EXPECT_EQ(HVOS::Task("alice", "download").getProperty("data").asString(), latin1);
 }
 
 }  // namespace

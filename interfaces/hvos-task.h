@@ -4,7 +4,9 @@
 //
 // Records live in /tmp/tidepool-tasks/<owner>/<name>.json, replaced whole
 // (written to a temporary file and renamed) under an advisory lock, so a
-// reader sees the old or the new record, never half of one.
+// reader sees the old or the new record, never half of one. Both folders
+// must be root's, mode 0700 and no links: when one is not, the record reads
+// as absent, its writes fail and an error is logged.
 #pragma once
 
 #include <json/value.h>
@@ -49,11 +51,12 @@ class Task {
   void remove();
 
  private:
-  bool Load();
-  bool Store();
+  // Both work in the owner's checked folder, given as a descriptor.
+  bool Load(int folder);
+  bool Store(int folder);
 
-  std::string folder_;
-  std::string path_;
+  std::string owner_;
+  std::string file_;  // "<name>.json"
   bool valid_ = false;
   int lock_fd_ = -1;  // held between beginUpdate and endUpdate
   Json::Value properties_ = Json::Value(Json::objectValue);

@@ -3,6 +3,7 @@
 #include "driftway-client.h"
 
 #include <json/value.h>
+#include <pwd.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -70,6 +71,18 @@ bool ReadLine(int fd, std::string& line, std::string& error) {
   }
 }
 
+// The service runs as root or as its own account. Anyone else who answers
+// at the path (it lies in /tmp, where any user may bind a socket while the
+// service is down) could feed forged answers to a caller that acts as root.
+bool TrustedServer(uid_t uid) {
+  if (uid == 0) return true;
+  passwd entry{};
+  passwd* found = nullptr;
+  char buffer[4096];
+  return getpwnam_r(driftway::kServiceAccount, &entry, buffer, sizeof buffer, &found) == 0 &&
+         found != nullptr && found->pw_uid != 0 && found->pw_uid == uid;
+}
+
 }  // namespace
 
 void Driftway::SetSSL(bool, bool, const std::string&, const std::string&) {
@@ -113,6 +126,15 @@ int Driftway::Call(const Json::Value& request, Json::Value& answer) {
   }
   if (connect(sock.fd(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
     return Fail(driftway::kErrTransport, ErrnoText(("connect " + socket_path_).c_str()));
+  ucred peer{};
+  socklen_t peer_size = sizeof peer;
+  if (getsockopt(sock.fd(), SOL_SOCKET, SO_PEERCRED, &peer, &peer_size) != 0)
+    return Fail(driftway::kErrTransport, ErrnoText("SO_PEERCRED"));
+  if (!TrustedServer(peer.uid)) {
+    return Fail(driftway::kErrUntrustedServer,
+                socket_path_ + " is served by uid " + std::to_string(peer.uid) +
+                    ", neither root nor the service account: refused");
+  }
   // A refused peer is answered and hung up on before it sends: the refusal
   // is still worth reading when the send fails.
   const bool sent = SendAll(sock.fd(), driftway::EncodeLine(request));

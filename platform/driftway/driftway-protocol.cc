@@ -3,6 +3,10 @@
 #include <json/reader.h>
 #include <json/writer.h>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <memory>
 
 namespace driftway {
@@ -50,6 +54,19 @@ bool DecodeLine(const std::string& line, Json::Value& out) {
   if (!value.isObject()) return false;
   out = std::move(value);
   return true;
+}
+
+int RemoveSocketFile(const std::string& path) {
+  struct stat st {};
+  if (lstat(path.c_str(), &st) != 0) return errno == ENOENT ? 0 : -1;
+  if (!S_ISSOCK(st.st_mode)) {
+    errno = EEXIST;
+    return -1;
+  }
+  // unlink acts on the name itself: had a link taken the socket's place
+  // since the lstat, the link would go, never its target.
+  if (unlink(path.c_str()) != 0) return errno == ENOENT ? 0 : -1;
+  return 1;
 }
 
 }  // namespace driftway

@@ -27,7 +27,18 @@ enum ErrorCode : int {
   kErrPermission = 4,
   kErrNotFound = 5,  // no such user or share
   kErrFailed = 6,    // the operation failed on the service's side
+  // The client's own: the socket is served by a process that is neither
+  // root's nor the service account's.
+  kErrUntrustedServer = 7,
 };
+
+// The account the service may run as besides root.
+constexpr const char* kServiceAccount = "tidepool";
+
+// Removes what is at `path` only when it is a socket (a link is never
+// followed): 1 removed, 0 nothing there, -1 something else is there (errno
+// EEXIST) or the removal failed.
+int RemoveSocketFile(const std::string& path);
 
 // Operation names of SendUserControl's numbers; null for an unknown number.
 const char* UserControlOp(int operation);

@@ -119,7 +119,7 @@ int StopDaemon() {
         return 1;
       }
       // A killed daemon leaves its files behind.
-      unlink(kSocketPath);
+      RemoveSocketFile(kSocketPath);
       unlink(kPidFile);
     }
   }

@@ -33,28 +33,45 @@ int ControlServer::Listen(const std::string& path, uid_t service_uid) {
   memcpy(address.sun_path, path.c_str(), path.size() + 1);
   service_uid_ = service_uid;
 
-  // Only a socket left by a daemon that died is removed; the pidfile lock has
-  // already ruled out a live one.
+  // The path lies in /tmp, where anyone may have put something first. Only
+  // a socket is replaced: one left by a daemon that died (the pidfile lock
+  // has ruled out a live one), or one bound by someone else, whom clients
+  // refuse to talk to anyway. A link or a file is left alone, and nothing
+  // here follows a link.
   struct stat st {};
-  if (lstat(path.c_str(), &st) == 0) {
-    if (!S_ISSOCK(st.st_mode)) {
-      LOG_ERROR("%s exists and is not a socket\n", path.c_str());
-      return -1;
-    }
-    unlink(path.c_str());
+  if (lstat(path.c_str(), &st) == 0 && S_ISSOCK(st.st_mode) && st.st_uid != 0 &&
+      st.st_uid != service_uid) {
+    LOG_WARNING("replacing the socket %s of uid %u\n", path.c_str(),
+                static_cast<unsigned>(st.st_uid));
+  }
+  if (RemoveSocketFile(path) < 0) {
+    LOG_ERROR("cannot replace %s: %s (%d)\n", path.c_str(),
+              errno == EEXIST ? "not a socket" : strerror(errno), errno);
+    return -1;
   }
   listen_fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-  if (listen_fd_ < 0 ||
-      bind(listen_fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-    LOG_ERROR("cannot bind %s: %s (%d)\n", path.c_str(), strerror(errno), errno);
+  if (listen_fd_ < 0) {
+    LOG_ERROR("socket: %s (%d)\n", strerror(errno), errno);
+    return -1;
+  }
+  // Anyone may connect; who may talk is decided per peer. The mode comes
+  // from the umask at bind, so no chmod by name follows; bind itself never
+  // follows a link and fails on any name that exists.
+  const mode_t saved_umask = umask(0111);
+  const int bound = bind(listen_fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+  const int bind_errno = errno;
+  umask(saved_umask);
+  if (bound != 0) {
+    LOG_ERROR("cannot bind %s: %s (%d)\n", path.c_str(), strerror(bind_errno), bind_errno);
+    return -1;
+  }
+  if (lstat(path.c_str(), &st) != 0 || listen(listen_fd_, 64) != 0) {
+    LOG_ERROR("cannot listen on %s: %s (%d)\n", path.c_str(), strerror(errno), errno);
+    unlink(path.c_str());
     return -1;
   }
   path_ = path;
-  // Anyone may connect; who may talk is decided per peer.
-  if (chmod(path.c_str(), 0666) != 0 || listen(listen_fd_, 64) != 0) {
-    LOG_ERROR("cannot listen on %s: %s (%d)\n", path.c_str(), strerror(errno), errno);
-    return -1;
-  }
+  socket_inode_ = st.st_ino;
   return loop_.Add(listen_fd_, EPOLLIN, [this](uint32_t) { OnAccept(); });
 }
 
@@ -66,7 +83,10 @@ void ControlServer::Shutdown() {
     listen_fd_ = -1;
   }
   if (!path_.empty()) {
-    unlink(path_.c_str());
+    // Only our own socket goes; a name that is something else now stays.
+    struct stat st {};
+    if (lstat(path_.c_str(), &st) == 0 && S_ISSOCK(st.st_mode) && st.st_ino == socket_inode_)
+      unlink(path_.c_str());
     path_.clear();
   }
 }

@@ -28,8 +28,9 @@ class ControlServer {
   ControlServer(const ControlServer&) = delete;
   ControlServer& operator=(const ControlServer&) = delete;
 
-  // Binds `path` (a stale socket there is removed), mode 0666, and starts
-  // accepting. Peers other than uid 0 and `service_uid` are refused.
+  // Binds `path` (a socket there is replaced; anything else there, a link
+  // included, fails the call), mode 0666, and starts accepting. Peers other
+  // than uid 0 and `service_uid` are refused.
   int Listen(const std::string& path, uid_t service_uid);
   // Closes every connection and removes the socket file.
   void Shutdown();
@@ -53,6 +54,7 @@ class ControlServer {
   Dispatcher dispatch_;
   int listen_fd_ = -1;
   std::string path_;
+  ino_t socket_inode_ = 0;  // of the socket file at path_
   uid_t service_uid_ = 0;
   std::map<int, Client> clients_;
 };

@@ -26,7 +26,6 @@
 namespace {
 
 constexpr const char* kDebugSettings = "/var/packages/Tidepool/target/etc/syncfolder.debug";
-constexpr const char* kServiceAccount = "tidepool";
 
 // The pidfile, locked while the daemon lives: a second daemon fails to lock
 // it, and the lock vanishes with the process however it ends.
@@ -63,7 +62,7 @@ class PidFile {
 };
 
 uid_t ServiceUid() {
-  const passwd* account = getpwnam(kServiceAccount);
+  const passwd* account = getpwnam(driftway::kServiceAccount);
   return account ? account->pw_uid : 0;
 }
 

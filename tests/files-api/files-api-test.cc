@@ -6,7 +6,9 @@
 #include <filesystem>
 #include <string>
 
+#include "create-folder.h"
 #include "host-accounts.h"
+#include "kstx/webapi.h"
 #include "process.h"
 #include "sandbox.h"
 #include "sdk-path.h"
@@ -174,6 +176,89 @@ TEST_F(FilesApiTest, TheRunningServiceHearsOfNewFolders) {
   // A folder made while the service is down is still made.
   EXPECT_TRUE(CreateFolder("alice", kHome + "/docs/unnoticed").success());
   EXPECT_TRUE(std::filesystem::is_directory(kHome + "/docs/unnoticed"));
+}
+
+// The same call made in this process, with a session of our choosing, so a
+// test can change the tree between the checks and the mkdir.
+Json::Value CreateInProcess(const std::string& user, const std::string& path,
+                            bool timed_out = false) {
+  KSTX::RequestContext ctx;
+  ctx.api = "KSTX.Tidepool.Files";
+  ctx.method = "create";
+  ctx.version = 1;
+  ctx.params["path"] = "/volumes" + path;
+  ctx.params["type"] = "folder";
+  ctx.login_user = user;
+  ctx.login_uid = tptest::UidOf(user);
+  ctx.is_timeout = timed_out;
+  KSTX::APIRequest request(std::move(ctx));
+  KSTX::APIResponse response;
+  filesapi::CreateFolder(&request, &response);
+  return response.Envelope();
+}
+
+TEST_F(FilesApiTest, RefusesTimedOutSessionsAndDisabledOrUnknownAccounts) {
+  const std::string folder = kHome + "/docs/late";
+  const Json::Value late = CreateInProcess("alice", folder, true);
+  EXPECT_EQ(late["error"]["code"].asInt(), 106) << late.toStyledString();
+  EXPECT_EQ(CreateInProcess("ghost", folder)["error"]["code"].asInt(), 105);
+  EXPECT_EQ(CreateInProcess("", folder)["error"]["code"].asInt(), 105);
+  EXPECT_FALSE(std::filesystem::exists(folder));
+
+  auto accounts = hostaccounts::HostAccounts::Open();
+  ASSERT_TRUE(accounts);
+  ASSERT_GE(accounts->SetDisabled("alice", true), 0);
+  const Answer disabled = CreateFolder("alice", folder);
+  ASSERT_GE(accounts->SetDisabled("alice", false), 0);
+  EXPECT_EQ(disabled.code(), 105) << disabled.envelope.toStyledString();
+  EXPECT_FALSE(std::filesystem::exists(folder));
+  EXPECT_TRUE(CreateFolder("alice", folder).success());
+}
+
+// A part of the path swapped for a link after the checks, as a racing user
+// would: nothing is made through the link, wherever it leads.
+TEST_F(FilesApiTest, LinksSwappedInAfterTheChecksAreNotFollowed) {
+  const std::string secret = "/volume1/root-only";
+  std::filesystem::create_directories(secret + "/deeper");
+  ASSERT_EQ(chmod(secret.c_str(), 0700), 0);
+  const std::string tree = kHome + "/race";
+  struct Case {
+    const char* what;
+    std::string create;   // the folder asked for
+    std::string swapped;  // what becomes a link to the secret folder
+  };
+  const Case cases[] = {
+      {"the parent", tree + "/parent/new", tree + "/parent"},
+      {"a folder above the parent", tree + "/above/deeper/new", tree + "/above"},
+      {"the folder itself", tree + "/self/new", tree + "/self/new"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    std::filesystem::create_directories(std::filesystem::path(c.create).parent_path());
+    for (std::filesystem::path p = c.create; p != kHome; p = p.parent_path()) {
+      chown(p.c_str(), tptest::UidOf("alice"), 100);
+    }
+    filesapi::TEST_SetBeforeCreateHook([&] {
+      std::filesystem::remove_all(c.swapped);
+      std::filesystem::create_symlink(secret, c.swapped);
+    });
+    const Json::Value answer = CreateInProcess("alice", c.create);
+    filesapi::TEST_SetBeforeCreateHook(nullptr);
+    EXPECT_FALSE(answer["success"].asBool()) << answer.toStyledString();
+    EXPECT_EQ(answer["error"]["code"].asInt(), 401);
+    for (const char* made : {"/new", "/deeper/new"}) {
+      EXPECT_FALSE(std::filesystem::exists(secret + made)) << made;
+    }
+    std::filesystem::remove(c.swapped);
+  }
+  // Without the race, the same call works.
+  std::filesystem::create_directories(tree + "/parent");
+  ASSERT_EQ(chown((tree + "/parent").c_str(), tptest::UidOf("alice"), 100), 0);
+  const Json::Value made = CreateInProcess("alice", tree + "/parent/new");
+  EXPECT_TRUE(made["success"].asBool()) << made.toStyledString();
+  struct stat st {};
+  ASSERT_EQ(lstat((tree + "/parent/new").c_str(), &st), 0);
+  EXPECT_EQ(st.st_uid, tptest::UidOf("alice"));
 }
 
 }  // namespace

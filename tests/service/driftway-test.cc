@@ -1,7 +1,10 @@
 // The sync service as processes: driftway-control starts and stops the
 // daemon, and clients talk to it over the control socket.
 #include <json/value.h>
+#include <pwd.h>
+#include <signal.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -276,6 +279,132 @@ TEST_F(DriftwayTest, EnablingUsersAndShares) {
   EXPECT_EQ(policy, "smart");
   EXPECT_EQ(days, 30);
   UserManager::Destroy();
+}
+
+// A server that answers every request with a forged success, as a local
+// user could run at the socket's path while the service is down.
+class ImpostorServer {
+ public:
+  explicit ImpostorServer(uid_t uid) {
+    int ready[2];
+    if (pipe(ready) != 0) return;
+    pid_ = fork();
+    if (pid_ == 0) {
+      close(ready[0]);
+      if (setresgid(uid, uid, uid) != 0 || setresuid(uid, uid, uid) != 0) _exit(10);
+      const int listener = socket(AF_UNIX, SOCK_STREAM, 0);
+      sockaddr_un address{};
+      address.sun_family = AF_UNIX;
+      strcpy(address.sun_path, driftway::kSocketPath);
+      if (bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+          listen(listener, 8) != 0 || write(ready[1], "r", 1) != 1) {
+        _exit(11);
+      }
+      const std::string forged =
+          "{\"success\":true,\"name\":\"admin\",\"uid\":0,"
+          "\"is_admin\":true,\"status\":\"enabled\"}\n";
+      for (;;) {
+        const int fd = accept(listener, nullptr, nullptr);
+        if (fd < 0) continue;
+        char buffer[4096];
+        [[maybe_unused]] ssize_t n = recv(fd, buffer, sizeof buffer, 0);
+        n = send(fd, forged.data(), forged.size(), MSG_NOSIGNAL);
+        close(fd);
+      }
+    }
+    close(ready[1]);
+    char byte;
+    ready_ = read(ready[0], &byte, 1) == 1;
+    close(ready[0]);
+  }
+  ~ImpostorServer() {
+    if (pid_ > 0) {
+      kill(pid_, SIGKILL);
+      waitpid(pid_, nullptr, 0);
+    }
+    unlink(driftway::kSocketPath);
+  }
+  bool ready() const { return ready_; }
+
+ private:
+  pid_t pid_ = -1;
+  bool ready_ = false;
+};
+
+// Whoever answers at the path must be root or the service account; the
+// forged answers of anyone else never reach the caller.
+TEST_F(DriftwayTest, ImpostorServersAreRefused) {
+  struct Case {
+    const char* who;
+    uid_t uid;
+    bool trusted;
+  };
+  const passwd* service = getpwnam(driftway::kServiceAccount);
+  ASSERT_NE(service, nullptr);
+  for (const Case& c :
+       {Case{"nobody", 65534, false}, Case{"alice", HostUid("alice"), false}, Case{"root", 0, true},
+        Case{"the service account", service->pw_uid, true}}) {
+    SCOPED_TRACE(c.who);
+    ImpostorServer impostor(c.uid);
+    ASSERT_TRUE(impostor.ready());
+    Driftway client;
+    client.SetUser("alice", "", "");
+    client.SetSudoUser("admin");
+    Driftway::UserInfo info;
+    info.name = "untouched";
+    const int rc = client.QueryUser(info, true);
+    if (c.trusted) {
+      // The forgery is believed here, which shows what the check prevents.
+      EXPECT_EQ(rc, 0) << client.GetLastErrorMessage();
+      EXPECT_EQ(info.name, "admin");
+      continue;
+    }
+    EXPECT_LT(rc, 0);
+    EXPECT_EQ(client.GetLastError(), driftway::kErrUntrustedServer);
+    EXPECT_NE(client.GetLastErrorMessage().find("uid " + std::to_string(c.uid)), std::string::npos)
+        << client.GetLastErrorMessage();
+    EXPECT_EQ(info.name, "untouched");
+  }
+}
+
+// The daemon replaces a socket someone left at its path, but a link or a
+// file there stops it, and the link's target is left as it was.
+TEST_F(DriftwayTest, WhatTheDaemonFindsAtItsPath) {
+  tptest::WriteFile("/tmp/victim", "keep\n");
+  ASSERT_EQ(chmod("/tmp/victim", 0600), 0);
+  ASSERT_EQ(symlink("/tmp/victim", driftway::kSocketPath), 0);
+  EXPECT_NE(Control({"service", "--start"}).exit_status, 0);
+  struct stat st {};
+  ASSERT_EQ(lstat("/tmp/victim", &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0600u);
+  EXPECT_EQ(ReadFile("/tmp/victim"), "keep\n");
+  ASSERT_EQ(lstat(driftway::kSocketPath, &st), 0);
+  EXPECT_TRUE(S_ISLNK(st.st_mode));
+  ASSERT_EQ(unlink(driftway::kSocketPath), 0);
+
+  // A socket bound by another user and left behind.
+  {
+    const pid_t child = fork();
+    if (child == 0) {
+      if (setresuid(65534, 65534, 65534) != 0) _exit(10);
+      const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+      sockaddr_un address{};
+      address.sun_family = AF_UNIX;
+      strcpy(address.sun_path, driftway::kSocketPath);
+      _exit(bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 ? 0 : 11);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  }
+  Start();
+  ASSERT_EQ(lstat(driftway::kSocketPath, &st), 0);
+  EXPECT_TRUE(S_ISSOCK(st.st_mode));
+  EXPECT_EQ(st.st_uid, 0u);
+  EXPECT_EQ(st.st_mode & 0777, 0666u);
+  Driftway client;
+  Json::Value answer;
+  EXPECT_EQ(client.QueryStatus(answer), 0) << client.GetLastErrorMessage();
 }
 
 }  // namespace

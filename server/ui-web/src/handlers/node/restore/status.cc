@@ -38,6 +38,8 @@ int NodeRestoreStatusHandler::Handle(const RequestAuthentication& auth, BridgeRe
   Json::Value answer(Json::objectValue);
   answer["current"] = data.isObject() ? data["current"] : Json::Value();
   answer["total"] = data.isObject() ? data["total"] : Json::Value();
+  // Nodes the caller may not have were left out; say how many.
+  if (data.isObject() && data["skipped"].isUInt64()) answer["skipped"] = data["skipped"];
   response.SetJsonResponse(answer);
   return 0;
 }

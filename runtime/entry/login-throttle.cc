@@ -99,7 +99,10 @@ int LoginThrottle::CountFailure(const std::string& key, time_t now) {
   time_t seconds = kFirstBlock;
   SQLite::Statement last(*db_, "SELECT until, seconds FROM blocks WHERE key = ?1");
   last.bind(1, key);
-  if (last.executeStep() && last.getColumn(0).getInt64() + kLongestBlock > now) {
+  const bool has_last = last.executeStep();
+  // Attempts that raced a block in do not lengthen it.
+  if (has_last && last.getColumn(0).getInt64() > now) return 0;
+  if (has_last && last.getColumn(0).getInt64() + kLongestBlock > now) {
     const int64_t previous = last.getColumn(1).getInt64();
     seconds = previous >= kLongestBlock / 2 ? kLongestBlock : static_cast<time_t>(previous * 2);
     if (seconds < kFirstBlock) seconds = kFirstBlock;  // a damaged row counts as none

@@ -16,6 +16,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -216,7 +217,10 @@ bool ServeRequest(KSTX::APIResponse& response) {
 bool StartClean() {
   umask(022);
   if (chdir("/") != 0) return false;
-  return close_range(3, ~0u, 0) == 0;
+  if (close_range(3, ~0u, 0) == 0) return true;
+  if (errno != ENOSYS) return false;
+  for (long fd = 3, max = sysconf(_SC_OPEN_MAX); fd < max; ++fd) close(static_cast<int>(fd));
+  return true;
 }
 
 // The request cannot be served safely: say so and stop.

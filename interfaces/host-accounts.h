@@ -134,6 +134,17 @@ namespace hostaccounts {
 int LookUpUser(const std::string& name, User& out);
 int LookUpUserByUid(uint32_t uid, User& out);
 
+// What a request needs to know of a logged-in account, read anew for each
+// request so that a change takes effect at the next one.
+struct AccountStanding {
+  std::string name;
+  bool disabled = false;
+  bool expired = false;   // past its expire_day
+  bool is_admin = false;  // a member of "administrators"
+};
+// 0 found, kErrNotFound, or kErrStorage; one opening of the directory.
+int LookUpStanding(uint32_t uid, AccountStanding& out);
+
 }  // namespace hostaccounts
 
 // Whether the account has expired: 1 expired, 0 not, negative on failure.

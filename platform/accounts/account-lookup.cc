@@ -62,6 +62,30 @@ int LookUpUserByUid(uint32_t uid, User& out) {
       "WHERE uid = ?1", [&](SQLite::Statement& q) { q.bind(1, static_cast<int64_t>(uid)); }, out);
 }
 
+int LookUpStanding(uint32_t uid, AccountStanding& out) {
+  RootScope root;
+  try {
+    SQLite::Database db(kDefaultPath, SQLite::OPEN_READONLY, kReadBusyTimeoutMs);
+    SQLite::Statement query(db,
+                            "SELECT u.name, u.disabled, u.expire_day, EXISTS (SELECT 1 FROM "
+                            "memberships m JOIN groups g ON g.gid = m.gid WHERE m.uid = u.uid "
+                            "AND g.name_key = ?2) FROM users u WHERE u.uid = ?1");
+    query.bind(1, static_cast<int64_t>(uid));
+    query.bind(2, kAdministratorsGroup);
+    if (!query.executeStep()) return kErrNotFound;
+    AccountStanding standing;
+    standing.name = query.getColumn(0).getString();
+    standing.disabled = query.getColumn(1).getInt() != 0;
+    const int64_t expire_day = query.getColumn(2).getInt64();
+    standing.expired = expire_day != 0 && static_cast<int64_t>(time(nullptr)) / 86400 > expire_day;
+    standing.is_admin = query.getColumn(3).getInt() != 0;
+    out = std::move(standing);
+    return 0;
+  } catch (const SQLite::Exception&) {
+    return kErrStorage;
+  }
+}
+
 }  // namespace hostaccounts
 
 int KSTXUserCheckExpired(const char* user) {

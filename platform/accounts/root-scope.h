@@ -8,6 +8,8 @@
 
 #include <unistd.h>
 
+#include <cstdlib>
+
 namespace hostaccounts {
 
 class RootScope {
@@ -16,7 +18,11 @@ class RootScope {
     if (saved_ != 0) raised_ = setresuid(static_cast<uid_t>(-1), 0, static_cast<uid_t>(-1)) == 0;
   }
   ~RootScope() {
-    if (raised_) (void)setresuid(static_cast<uid_t>(-1), saved_, static_cast<uid_t>(-1));
+    // Going on with root's rights after a failed return would be worse than
+    // stopping.
+    if (raised_ && setresuid(static_cast<uid_t>(-1), saved_, static_cast<uid_t>(-1)) != 0) {
+      std::abort();
+    }
   }
   RootScope(const RootScope&) = delete;
   RootScope& operator=(const RootScope&) = delete;

@@ -25,6 +25,8 @@ const char* ErrorMessage(int code) {
       return "account disabled";
     case kErrExpired:
       return "account expired";
+    case kErrThrottled:
+      return "too many failed logins, try again later";
     default:
       return "unexpected failure";
   }
@@ -42,6 +44,14 @@ KSTX::APIParameter<std::string> Credential(const KSTX::APIRequest& request, cons
   const Json::Value* text = request.Context().form_text.find(name, name + std::strlen(name));
   if (text != nullptr) return KSTX::APIParameter<std::string>(text->asString(), true, false);
   return request.GetAndCheckString(name, KSTX::PARAM_REQUIRED);
+}
+
+// Scripts of the page cannot read the cookie, other sites' requests do not
+// carry it, and over HTTPS it never travels in the clear.
+std::string CookieAttributes(const KSTX::APIRequest& request) {
+  std::string attributes = "; Path=/; HttpOnly; SameSite=Strict";
+  if (request.GetURLProto("http") == "https") attributes += "; Secure";
+  return attributes;
 }
 
 void Login(KSTX::APIRequest& request, KSTX::APIResponse& response) {
@@ -62,7 +72,9 @@ void Login(KSTX::APIRequest& request, KSTX::APIResponse& response) {
   if (verify == nullptr) return SetRuntimeError(response, kErrUnexpected);
   Session session;
   int is_admin = 0;
-  const int rc = verify(account.Get().c_str(), passwd.Get().c_str(), &session.uid, &is_admin);
+  const std::string address = request.GetRemoteIP();
+  const int rc =
+      verify(account.Get().c_str(), passwd.Get().c_str(), address.c_str(), &session.uid, &is_admin);
   if (rc < 0) return SetRuntimeError(response, -rc);
   session.user = account.Get();
   session.is_admin = is_admin != 0;
@@ -71,17 +83,18 @@ void Login(KSTX::APIRequest& request, KSTX::APIResponse& response) {
   if (CreateSession(session, sid) < 0) return SetRuntimeError(response, kErrUnexpected);
   Json::Value data(Json::objectValue);
   data["sid"] = sid;
+  data["token"] = session.token;
   response.SetSuccess(data);
-  response.SetHeader("Set-Cookie", "id=" + sid + "; path=/; HttpOnly");
+  response.SetHeader("Set-Cookie", "id=" + sid + CookieAttributes(request));
 }
 
-void Logout(KSTX::APIResponse& response, const std::string& sid) {
+void Logout(KSTX::APIRequest& request, KSTX::APIResponse& response, const std::string& sid) {
   if (IsValidSid(sid)) {
     RootScope root;
     if (root.ok()) RemoveSession(sid);
   }
   response.SetSuccess(Json::Value());
-  response.SetHeader("Set-Cookie", "id=; path=/; Max-Age=0; HttpOnly");
+  response.SetHeader("Set-Cookie", "id=" + CookieAttributes(request) + "; Max-Age=0");
 }
 
 Json::Value ApiInfo(unsigned min_version, unsigned max_version) {
@@ -139,7 +152,7 @@ void ServeBuiltin(KSTX::APIRequest& request, KSTX::APIResponse& response, const 
   const std::string api = request.GetAPIClass();
   const std::string method = request.GetAPIMethod();
   if (api == kAuthApi && method == "login") return Login(request, response);
-  if (api == kAuthApi && method == "logout") return Logout(response, sid);
+  if (api == kAuthApi && method == "logout") return Logout(request, response, sid);
   if (api == kInfoApi && method == "query") return Query(request, response);
   SetRuntimeError(response, kErrNoSuchApi);
 }

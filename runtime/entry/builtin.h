@@ -23,6 +23,7 @@ enum RuntimeError {
   kErrBadLogin = 400,
   kErrDisabled = 408,
   kErrExpired = 409,
+  kErrThrottled = 411,
 };
 
 void SetRuntimeError(KSTX::APIResponse& response, int code);

@@ -1,9 +1,11 @@
 // entry.cgi: one web-API request per process, run by the web server as a
 // CGI program and installed setuid root.
 //
-//  1. keep only the CGI variables, lower the effective ids to the service
+//  1. start clean (umask, working folder, no inherited descriptors), keep
+//     only the CGI variables, lower the effective ids to the service
 //     account (real and saved stay root for the scopes that need it);
-//  2. read and decode the request; find the caller's session;
+//  2. read and decode the request; find the caller's session and check its
+//     account and request token; store an upload only for a logged-in caller;
 //  3. serve a built-in API, or find the API's module in the index, load it,
 //     run the method's check function and then its Process;
 //  4. write the JSON envelope, unless the module wrote its answer itself.
@@ -11,8 +13,10 @@
 // exceptions escaping a module each get their error envelope.
 #include <dlfcn.h>
 #include <json/writer.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -20,6 +24,7 @@
 #include <vector>
 
 #include "builtin.h"
+#include "host-accounts.h"
 #include "kstx/request-decoder.h"
 #include "kstx/webapi-module.h"
 #include "module-dispatch.h"
@@ -79,6 +84,19 @@ void FillConnection(KSTX::RequestContext& ctx) {
   }
   ctx.url_port = std::atoi(Env("SERVER_PORT").c_str());
   if (ctx.url_port < 0 || ctx.url_port > 65535) ctx.url_port = 0;
+  ctx.is_post = Env("REQUEST_METHOD") == "POST";
+}
+
+// The request token as sent: the header, else a POST's `_token` parameter
+// (as typed: a token of digits must not become a number).
+std::string SentToken(const KSTX::RequestContext& ctx) {
+  const char* header = getenv("HTTP_X_TIDEPOOL_TOKEN");
+  if (header != nullptr && *header != '\0') return header;
+  if (!ctx.is_post) return {};
+  constexpr std::string_view kName = "_token";
+  const Json::Value* text = ctx.form_text.find(kName.data(), kName.data() + kName.size());
+  if (text == nullptr) text = ctx.params.find(kName.data(), kName.data() + kName.size());
+  return text != nullptr && text->isString() ? text->asString() : std::string();
 }
 
 std::string RequestSid(const KSTX::RequestContext& ctx) {
@@ -88,6 +106,9 @@ std::string RequestSid(const KSTX::RequestContext& ctx) {
   return CookieValue(getenv("HTTP_COOKIE"), "id");
 }
 
+// The caller's identity. The account's standing comes from the directory,
+// not from the session: a disabled or deleted account's sessions end at their
+// next request, an expired or demoted one's rights at once.
 void AttachSession(KSTX::RequestContext& ctx, const std::string& sid) {
   if (!IsValidSid(sid)) return;  // checked before any path is built from it
   RootScope root;
@@ -95,10 +116,37 @@ void AttachSession(KSTX::RequestContext& ctx, const std::string& sid) {
   Session session;
   const int state = LoadSession(sid, ReadIdleMinutes(), session);
   if (state < 0) return;
+  hostaccounts::AccountStanding standing;
+  const int found = hostaccounts::LookUpStanding(session.uid, standing);
+  if (found == hostaccounts::kErrNotFound || (found == 0 && standing.disabled)) {
+    RemoveSession(sid);
+    return;
+  }
+  if (found < 0) return;  // an unreadable directory grants nothing
   ctx.login_user = session.user;
   ctx.login_uid = session.uid;
-  ctx.is_admin = session.is_admin;
+  ctx.is_admin = standing.is_admin;
+  ctx.is_expired = standing.expired;
   ctx.is_timeout = state == 1;
+  ctx.has_valid_token = TokenMatches(session.token, SentToken(ctx));
+}
+
+// Who may leave a file behind for the length of a request: a logged-in caller.
+bool MayStoreUpload(const KSTX::RequestContext& ctx) {
+  return !ctx.login_user.empty() && ctx.login_uid != 4294967295u && !ctx.is_timeout &&
+         !ctx.is_expired;
+}
+
+// The stored upload of this request, removed however the request ends:
+// after the answer, on an exception, or on exit() from inside a module.
+// Children a module forks leave it to the request's own process.
+std::string g_upload;
+pid_t g_upload_owner = 0;
+
+void RemoveUpload() {
+  if (g_upload.empty() || getpid() != g_upload_owner) return;
+  unlink(g_upload.c_str());
+  g_upload.clear();
 }
 
 void Serve(KSTX::APIRequest& request, KSTX::APIResponse& response, const std::string& sid) {
@@ -135,41 +183,69 @@ void WriteAnswer(const KSTX::APIResponse& response) {
 }
 
 // Decodes and serves the request; true when the runtime writes the answer.
-bool ServeRequest(KSTX::APIResponse& response, std::string& upload) {
+bool ServeRequest(KSTX::APIResponse& response) {
   KSTX::RequestContext ctx;
   FillConnection(ctx);
   const std::string query = Env("QUERY_STRING"), content_type = Env("CONTENT_TYPE");
   std::string body;
   int rc = KSTX::ReadRequestBody(STDIN_FILENO, getenv("CONTENT_LENGTH"), content_type, query.size(),
                                  body);
-  if (rc == 0) rc = KSTX::DecodeRequest(query, content_type, body, ctx);
+  // The session is resolved once the parameters are known (a `_sid` may be a
+  // form field) and before a file is stored.
+  bool attached = false;
+  const KSTX::UploadGate gate = [&attached](KSTX::RequestContext& c) {
+    AttachSession(c, RequestSid(c));
+    attached = true;
+    return MayStoreUpload(c);
+  };
+  if (rc == 0) rc = KSTX::DecodeRequest(query, content_type, body, ctx, gate);
+  g_upload = ctx.upload_file_path;
   std::string().swap(body);
   if (rc < 0) {
     SetRuntimeError(response, -rc);
     return true;
   }
-  upload = ctx.upload_file_path;
   const std::string sid = RequestSid(ctx);
-  AttachSession(ctx, sid);
+  if (!attached) AttachSession(ctx, sid);
   KSTX::APIRequest request(std::move(ctx));
   Serve(request, response, sid);
   return response.IsOutputEnabled();
 }
 
-int Run() {
-  ClearEnvironment();
+// A setuid program inherits its caller's umask, working folder and open
+// descriptors; none of them is the web server's business here.
+bool StartClean() {
+  umask(022);
+  if (chdir("/") != 0) return false;
+  if (close_range(3, ~0u, 0) == 0) return true;
+  if (errno != ENOSYS) return false;
+  for (long fd = 3, max = sysconf(_SC_OPEN_MAX); fd < max; ++fd) close(static_cast<int>(fd));
+  return true;
+}
+
+// The request cannot be served safely: say so and stop.
+int Refuse(const char* why) {
+  std::fprintf(stderr, "entry.cgi: %s\n", why);
   KSTX::APIResponse response;
+  SetRuntimeError(response, kErrUnexpected);
+  response.SetHeader("Status", "500 Internal Server Error");
+  WriteAnswer(response);
+  return 1;
+}
+
+int Run() {
+  if (!StartClean()) return Refuse("cannot start clean");
+  ClearEnvironment();
   ServiceIds ids;
+  // Never serve a request with root's rights by mistake.
   if (LoadServiceIds(ids) < 0 || LowerToService(ids) < 0) {
-    // Never serve a request with root's rights by mistake.
-    std::fprintf(stderr, "entry.cgi: cannot switch to the service account\n");
-    SetRuntimeError(response, kErrUnexpected);
-    WriteAnswer(response);
-    return 0;
+    return Refuse("cannot switch to the service account");
   }
-  std::string upload;
+  g_upload_owner = getpid();
+  std::atexit(RemoveUpload);
+  KSTX::APIResponse response;
   try {
-    if (ServeRequest(response, upload)) WriteAnswer(response);
+    if (ServeRequest(response)) WriteAnswer(response);
   } catch (...) {
     // Whatever the module had set or written, the caller learns it failed.
     response = KSTX::APIResponse();
@@ -177,7 +253,7 @@ int Run() {
     WriteAnswer(response);
   }
   std::fflush(stdout);
-  if (!upload.empty()) unlink(upload.c_str());
+  RemoveUpload();
   return 0;
 }
 

@@ -50,17 +50,25 @@ int LowerToService(const ServiceIds& ids) {
   if (setgroups(1, &ids.gid) != 0) return -1;
   if (setresgid(0, ids.gid, 0) != 0) return -1;
   if (setresuid(0, ids.uid, 0) != 0) return -1;
-  return 0;
+  // Believe the kernel's answer, not the calls': a request must never go on
+  // with more rights than the service account's.
+  uid_t ruid, euid, suid;
+  gid_t rgid, egid, sgid;
+  if (getresuid(&ruid, &euid, &suid) != 0 || getresgid(&rgid, &egid, &sgid) != 0) return -1;
+  return euid == ids.uid && egid == ids.gid ? 0 : -1;
 }
 
 RootScope::RootScope() : uid_(geteuid()), gid_(getegid()) {
   ok_ = uid_ == 0 || (seteuid(0) == 0 && setegid(0) == 0);
+  // Half raised is not raised; the destructor puts back what changed.
 }
 
 RootScope::~RootScope() {
   if (uid_ == 0) return;
   // The group first: once the uid is lowered the gid can no longer change.
-  if (setegid(gid_) != 0 || seteuid(uid_) != 0) std::abort();  // never run on with root by accident
+  if (setegid(gid_) != 0 || seteuid(uid_) != 0 || geteuid() != uid_ || getegid() != gid_) {
+    std::abort();  // never run on with root by accident
+  }
 }
 
 }  // namespace kstxentry

@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sodium.h>
 #include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -22,15 +23,22 @@ bool ParseUnsigned(const char* text, unsigned long long max, unsigned long long&
   return *end == '\0' && out <= max;
 }
 
-}  // namespace
-
-bool IsValidSid(std::string_view sid) {
-  if (sid.size() != 32) return false;
-  for (char c : sid) {
+bool IsLowerHex(std::string_view text, std::size_t size) {
+  if (text.size() != size) return false;
+  for (char c : text) {
     if (!((c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'))) return false;
   }
   return true;
 }
+
+}  // namespace
+
+bool TokenMatches(const std::string& token, std::string_view sent) {
+  if (token.size() != kTokenChars || sent.size() != kTokenChars) return false;
+  return sodium_memcmp(token.data(), sent.data(), kTokenChars) == 0;
+}
+
+bool IsValidSid(std::string_view sid) { return IsLowerHex(sid, 32); }
 
 int ReadIdleMinutes() {
   int minutes = kDefaultIdleMinutes;
@@ -76,6 +84,8 @@ int LoadSession(const std::string& sid, int idle_minutes, Session& out) {
       have_uid = true;
     } else if (std::strcmp(line, "admin=1") == 0) {
       session.is_admin = true;
+    } else if (std::strncmp(line, "token=", 6) == 0 && IsLowerHex(line + 6, kTokenChars)) {
+      session.token = line + 6;
     }
   }
   if (!have_user || !have_uid) {
@@ -93,7 +103,13 @@ int LoadSession(const std::string& sid, int idle_minutes, Session& out) {
   return 0;
 }
 
-int CreateSession(const Session& session, std::string& sid) {
+int CreateSession(Session& session, std::string& sid) {
+  if (sodium_init() < 0) return -1;
+  unsigned char token[kTokenChars / 2];
+  randombytes_buf(token, sizeof token);
+  char token_hex[kTokenChars + 1];
+  sodium_bin2hex(token_hex, sizeof token_hex, token, sizeof token);
+  session.token = token_hex;
   unsigned char random[16];
   if (getrandom(random, sizeof random, 0) != static_cast<ssize_t>(sizeof random)) return -1;
   static const char kHex[] = "0123456789abcdef";
@@ -107,7 +123,8 @@ int CreateSession(const Session& session, std::string& sid) {
   const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
   if (fd < 0) return -1;
   const std::string text = "user=" + session.user + "\nuid=" + std::to_string(session.uid) +
-                           "\nadmin=" + (session.is_admin ? "1" : "0") + "\n";
+                           "\nadmin=" + (session.is_admin ? "1" : "0") +
+                           "\ntoken=" + session.token + "\n";
   const bool ok = write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
   if (close(fd) != 0 || !ok) {
     unlink(path.c_str());

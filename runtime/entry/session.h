@@ -1,8 +1,11 @@
 // Web login sessions: one file per session, /usr/kstx/etc/sessions/<sid>,
-// holding the identity taken at login; its mtime is the time of last use.
+// holding the identity taken at login and the session's request token; its
+// mtime is the time of last use. The account's standing (disabled, expired,
+// administrator) is not trusted from here: it is read anew on every request.
 // All functions touch root-owned files: call them inside a RootScope.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <ctime>
 #include <string>
@@ -19,11 +22,18 @@ constexpr time_t kSessionPurgeSeconds = 24 * 60 * 60;
 struct Session {
   std::string user;
   uint32_t uid = 0;
-  bool is_admin = false;
+  bool is_admin = false;  // at login; see above
+  std::string token;      // kTokenChars lowercase hex characters
 };
+
+constexpr std::size_t kTokenChars = 64;
 
 // 32 lowercase hex characters.
 bool IsValidSid(std::string_view sid);
+
+// True when `sent` is the session's token; the comparison takes the same time
+// whatever the position of the first difference.
+bool TokenMatches(const std::string& token, std::string_view sent);
 
 // session_idle_minutes of webapi.conf, or the default.
 int ReadIdleMinutes();
@@ -32,8 +42,9 @@ int ReadIdleMinutes();
 // `idle_minutes` (left as it is), -1 when there is none or it is unreadable.
 int LoadSession(const std::string& sid, int idle_minutes, Session& out);
 
-// Writes a new session and returns its sid. 0 or -1.
-int CreateSession(const Session& session, std::string& sid);
+// Writes a new session with a fresh token (stored into `session.token`) and
+// returns its sid. 0 or -1.
+int CreateSession(Session& session, std::string& sid);
 
 // 0, or -1 when there was nothing to remove.
 int RemoveSession(const std::string& sid);

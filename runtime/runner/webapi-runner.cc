@@ -13,8 +13,9 @@
 //     check function and Process with a request authenticated as NAME;
 //  5. print the JSON envelope on one line. An API that is not installed
 //     answers 103, as entry.cgi answers it.
-// Exit status 0 whenever an envelope was printed; 2 for a bad command line
-// or caller, 3 for an unknown user.
+// Exit status 0 whenever the call was served; 1 when it could not run with
+// the service account's rights; 2 for a bad command line or caller, 3 for an
+// unknown user.
 #include <dlfcn.h>
 #include <json/reader.h>
 #include <json/writer.h>
@@ -125,6 +126,10 @@ int Run(int argc, char** argv) {
   ctx.login_uid = user.uid;
   ctx.is_admin = accounts->IsAdmin(user.name);
   accounts.reset();
+  // Only root can start the runner, for a request it already decided on: a
+  // trusted internal call, which no other site can have forged.
+  ctx.is_post = true;
+  ctx.has_valid_token = true;
 
   ServiceIds ids;
   if (LoadServiceIds(ids) < 0 || LowerToService(ids) < 0) {
@@ -132,7 +137,7 @@ int Run(int argc, char** argv) {
     std::fprintf(stderr, "kstx-webapi-runner: cannot switch to the service account\n");
     SetRuntimeError(response, kErrUnexpected);
     PrintEnvelope(response);
-    return 0;
+    return 1;
   }
   try {
     KSTX::APIRequest request(std::move(ctx));

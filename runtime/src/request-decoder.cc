@@ -217,8 +217,16 @@ int ParsePartHeaders(std::string_view headers, std::string& name, std::string& f
   return has_disposition ? 0 : Malformed();
 }
 
+// The file part of a multipart body, stored only once the request is known.
+struct PendingFile {
+  bool present = false;
+  std::string name;
+  std::string filename;
+  std::string_view content;
+};
+
 int DecodeMultipart(std::string_view body, std::string_view content_type, ParamSink& sink,
-                    RequestContext& ctx) {
+                    RequestContext& ctx, PendingFile& file) {
   std::string boundary;
   if (!HeaderParam(content_type, "boundary", boundary) || !ValidBoundary(boundary)) {
     return Malformed();
@@ -258,15 +266,20 @@ int DecodeMultipart(std::string_view body, std::string_view content_type, ParamS
       ctx.upload_fields[name] = ctx.params[name];
       continue;
     }
-    if (filename.empty() && content.empty()) continue;      // a file input left empty
-    if (!ctx.upload_file_path.empty()) return Malformed();  // one file per request
-    if (int rc = StoreUpload(content, ctx.upload_file_path); rc < 0) return rc;
-    for (const std::string& key : {name, name + "_tmp", std::string("file_tmp")}) {
-      const Json::Value value(key == name ? filename : ctx.upload_file_path);
-      if (int rc = sink.Add(key, value); rc < 0) return rc;
-      ctx.upload_fields[key] = value;
-    }
+    if (filename.empty() && content.empty()) continue;  // a file input left empty
+    if (file.present) return Malformed();               // one file per request
+    file = PendingFile{true, std::move(name), std::move(filename), content};
   }
+}
+
+int StorePendingFile(const PendingFile& file, ParamSink& sink, RequestContext& ctx) {
+  if (int rc = StoreUpload(file.content, ctx.upload_file_path); rc < 0) return rc;
+  for (const std::string& key : {file.name, file.name + "_tmp", std::string("file_tmp")}) {
+    const Json::Value value(key == file.name ? file.filename : ctx.upload_file_path);
+    if (int rc = sink.Add(key, value); rc < 0) return rc;
+    ctx.upload_fields[key] = value;
+  }
+  return 0;
 }
 
 const Json::Value* Member(const Json::Value& object, std::string_view key) {
@@ -295,7 +308,7 @@ int ReadTarget(RequestContext& ctx) {
 }
 
 int DecodeBody(std::string_view query, std::string_view content_type, std::string_view body,
-               ParamSink& sink, RequestContext& ctx) {
+               ParamSink& sink, RequestContext& ctx, PendingFile& file) {
   const std::string_view media = MediaType(content_type);
   const bool multipart = EqualsNoCase(media, "multipart/form-data");
   if (query.size() > kMaxFormBytes) return TooLarge();
@@ -305,23 +318,31 @@ int DecodeBody(std::string_view query, std::string_view content_type, std::strin
   if (int rc = DecodeForm(query, sink); rc < 0) return rc;
   if (EqualsNoCase(media, "application/x-www-form-urlencoded")) return DecodeForm(body, sink);
   if (EqualsNoCase(media, "application/json")) return DecodeJsonBody(body, sink);
-  if (multipart) return DecodeMultipart(body, content_type, sink, ctx);
+  if (multipart) return DecodeMultipart(body, content_type, sink, ctx, file);
   return body.empty() ? 0 : Malformed();
 }
 
 }  // namespace
 
 int DecodeRequest(std::string_view query, std::string_view content_type, std::string_view body,
-                  RequestContext& ctx) {
+                  RequestContext& ctx, const UploadGate& gate) {
   ctx.params = Json::Value(Json::objectValue);
   ctx.upload_fields = Json::Value(Json::objectValue);
   ctx.is_upload = false;
   ctx.form_text = Json::Value(Json::objectValue);
+  ctx.upload_file_path.clear();
   ParamSink sink(ctx);
-  int rc = DecodeBody(query, content_type, body, sink, ctx);
-  if (rc == 0) rc = ReadTarget(ctx);
-  if (rc < 0) RemoveUploadFile(ctx);
-  return rc;
+  PendingFile file;
+  try {
+    int rc = DecodeBody(query, content_type, body, sink, ctx, file);
+    if (rc == 0) rc = ReadTarget(ctx);
+    if (rc == 0 && file.present && (!gate || gate(ctx))) rc = StorePendingFile(file, sink, ctx);
+    if (rc < 0) RemoveUploadFile(ctx);
+    return rc;
+  } catch (...) {
+    RemoveUploadFile(ctx);
+    throw;
+  }
 }
 
 void RemoveUploadFile(RequestContext& ctx) {

@@ -18,7 +18,8 @@ refs=$("$build/bench/list/bench_list_view" alice)
 ref() { sed -n "s/^$1=//p" <<<"$refs"; }
 big=$(ref big_node_id)
 bench_server_start
-sid=$(bench_login alice alice-demo)
+read -r sid token < <(bench_login alice alice-demo) || true
+[ -n "${token:-}" ] || exit 1
 
 node="/webapi/entry.cgi?api=KSTX.Tidepool.Node&version=1&target=%22mine%22"
 page="$node&method=list&node_id=$big&offset=50000&limit=100&sort_direction=ASC"

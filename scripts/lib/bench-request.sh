@@ -13,7 +13,8 @@ requests=${BENCH_REQUESTS:-1000}
 bench_service_start
 install -m 0755 "$build/bench/minimal.cgi" /usr/kstx/webapi/minimal.cgi
 bench_server_start
-sid=$(bench_login alice alice-demo)
+read -r sid token < <(bench_login alice alice-demo) || true
+[ -n "${token:-}" ] || exit 1
 check=$(curl -s -b "id=$sid" "http://127.0.0.1:$port/webapi/entry.cgi?api=KSTX.Tidepool&method=check_user&version=1")
 case "$check" in *'"success":true'*) ;; *) echo "check_user failed: $check" >&2; exit 1 ;; esac
 

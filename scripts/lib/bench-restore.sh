@@ -54,7 +54,8 @@ own() { chown -R "$alice:100" "$@"; }
 "$admin" share add landing --volume /volume1 >/dev/null
 "$admin" share perm landing alice rw >/dev/null
 mkdir -p "$work" "$home"
-sid=$(bench_login alice alice-demo)
+read -r sid token < <(bench_login alice alice-demo) || true
+[ -n "${token:-}" ] || exit 1
 
 now() { date +%s.%N; }
 secs() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.3f", b - a }'; }
@@ -66,7 +67,8 @@ scan() { scan_at=$((scan_at + 600)); "$control" scan --at "$scan_at" >/dev/null;
 
 call() {  # API METHOD JSON-BODY
   local answer
-  answer=$(curl -s -b "id=$sid" -H 'Content-Type: application/json' --data-binary "$3" \
+  answer=$(curl -s -b "id=$sid" -H "X-Tidepool-Token: $token" \
+    -H 'Content-Type: application/json' --data-binary "$3" \
     "http://127.0.0.1:$port/webapi/entry.cgi?api=KSTX.Tidepool.$1&method=$2&version=1")
   case "$answer" in
     *'"success":true'*) printf '%s\n' "$answer" ;;

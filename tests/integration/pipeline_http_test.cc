@@ -6,6 +6,7 @@
 #include "sandbox.h"
 #include "seed.h"
 #include "sync-service.h"
+#include "url-encode.h"
 #include "webapi-client.h"
 
 namespace {
@@ -42,6 +43,60 @@ TEST_F(PipelineHttpTest, CheckUserTellsWhoMayUseTheService) {
   answer = Get(kCheckUser, alice);
   EXPECT_EQ(answer.code(), 106);
   EXPECT_EQ(answer.message(), "session timeout");
+}
+
+// The rights of a session follow the account, not the moment of the login.
+TEST_F(PipelineHttpTest, AnAccountChangeTakesEffectAtTheNextRequest) {
+  const std::string alice = Login("alice", "alice-demo");
+  ASSERT_TRUE(Get(kCheckUser, alice).success());
+  auto accounts = hostaccounts::HostAccounts::Open();
+  ASSERT_GE(accounts->SetExpireDay("alice", 1), 0);
+  auto answer = Get(kCheckUser, alice);
+  EXPECT_EQ(answer.code(), 105);
+  EXPECT_EQ(answer.message(), "permission denied (user expired)");
+  ASSERT_GE(accounts->SetExpireDay("alice", 0), 0);
+  ASSERT_GE(accounts->SetDisabled("alice", true), 0);
+  answer = Get(kCheckUser, alice);
+  EXPECT_EQ(answer.code(), 105);
+  EXPECT_EQ(answer.message(), "permission denied by anonymous");
+}
+
+// A page of another site can make the browser send the cookie with a GET or a
+// form POST, but it cannot read the request token.
+TEST_F(PipelineHttpTest, CrossSiteWritesAreRefusedAndStartNothing) {
+  const tptest::Session alice = tptest::LoginWithToken("alice", "alice-demo");
+  ASSERT_EQ(alice.token.size(), 64u);
+  const std::string start =
+      "api=KSTX.Tidepool.Node.Restore&method=start&version=1&target=%22mine%22&nodes=" +
+      UrlEncode(R"([{"node_id":"6","permanent_id":"1005","sync_id":"7","name":"plan.txt",)"
+                R"("path":"/projects/plan.txt","file_type":0,"is_removed":false}])");
+  const std::string form = "application/x-www-form-urlencoded";
+  const struct {
+    const char* what;
+    tptest::WebCall call;
+  } refused[] = {
+      {"GET with the cookie", {start, alice.sid, "", ""}},
+      {"GET with the cookie and the token", {start, alice.sid, "", "", alice.token}},
+      {"POST without the token", {"", alice.sid, form, start}},
+      {"POST with a wrong token", {"", alice.sid, form, start, std::string(64, '0')}},
+  };
+  for (const auto& c : refused) {
+    SCOPED_TRACE(c.what);
+    const auto answer = tptest::CallWebAPI(c.call);
+    EXPECT_EQ(answer.code(), 105) << answer.body;
+    EXPECT_EQ(answer.message(), "permission denied (request token)");
+  }
+  // No restore task was started: there is nothing to report.
+  const auto status = tptest::CallApi("KSTX.Tidepool.Node.Restore", "status", {}, alice.sid);
+  EXPECT_EQ(status.code(), 401) << status.body;
+
+  // The same call with the token, in the header or in the body, is served.
+  for (const tptest::WebCall& call :
+       {tptest::WebCall{"", alice.sid, form, start, alice.token},
+        tptest::WebCall{"", alice.sid, form, start + "&_token=" + alice.token}}) {
+    const auto answer = tptest::CallWebAPI(call);
+    EXPECT_NE(answer.code(), 105) << answer.body;
+  }
 }
 
 TEST_F(PipelineHttpTest, ServiceStateStopsEveryStatusCheckedCall) {

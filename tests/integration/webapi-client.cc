@@ -7,6 +7,7 @@
 #include <utime.h>
 
 #include <ctime>
+#include <map>
 
 #include "process.h"
 #include "url-encode.h"
@@ -15,6 +16,12 @@ namespace tptest {
 namespace {
 
 constexpr const char* kEntry = "/usr/kstx/webapi/entry.cgi";
+
+// Sessions of this process and their request tokens.
+std::map<std::string, std::string>& Tokens() {
+  static std::map<std::string, std::string> tokens;
+  return tokens;
+}
 
 int WebServerUid() {
   const passwd* www = getpwnam("www-data");
@@ -36,6 +43,7 @@ WebAnswer CallWebAPI(const WebCall& call) {
       {"PATH", "/usr/bin:/bin"},
   };
   if (!call.sid.empty()) env["HTTP_COOKIE"] = "id=" + call.sid;
+  if (!call.token.empty()) env["HTTP_X_TIDEPOOL_TOKEN"] = call.token;
   if (!call.content_type.empty()) {
     env["CONTENT_TYPE"] = call.content_type;
     env["CONTENT_LENGTH"] = std::to_string(call.body.size());
@@ -78,13 +86,27 @@ WebAnswer CallApi(const std::string& api, const std::string& method, const Param
   for (const auto& [name, value] : params) {
     query += "&" + name + "=" + UrlEncode(Json::writeString(builder, value));
   }
-  return Get(query, sid);
+  const std::string token = TokenFor(sid);
+  if (token.empty()) return Get(query, sid);
+  return CallWebAPI(WebCall{"", sid, "application/x-www-form-urlencoded", query, token});
+}
+
+Session LoginWithToken(const std::string& account, const std::string& password) {
+  WebAnswer answer =
+      Get("api=KSTX.API.Auth&method=login&version=1&account=" + account + "&passwd=" + password);
+  Session session{answer.json["data"]["sid"].asString(), answer.json["data"]["token"].asString()};
+  if (!session.sid.empty()) Tokens()[session.sid] = session.token;
+  return session;
 }
 
 std::string Login(const std::string& account, const std::string& password) {
-  WebAnswer answer =
-      Get("api=KSTX.API.Auth&method=login&version=1&account=" + account + "&passwd=" + password);
-  return answer.json["data"]["sid"].asString();
+  return LoginWithToken(account, password).sid;
+}
+
+std::string TokenFor(const std::string& sid) {
+  if (sid.empty()) return {};
+  const auto found = Tokens().find(sid);
+  return found != Tokens().end() ? found->second : std::string();
 }
 
 void AgeSession(const std::string& sid, int seconds) {

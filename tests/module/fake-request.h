@@ -3,10 +3,12 @@
 
 #include "bridge-request.h"
 
+// A POST with the session's token unless told otherwise.
 class FakeRequest : public BridgeRequest {
  public:
-  explicit FakeRequest(Json::Value params = Json::Value(Json::objectValue))
-      : params_(std::move(params)) {}
+  explicit FakeRequest(Json::Value params = Json::Value(Json::objectValue), bool post = true,
+                       bool token = true)
+      : params_(std::move(params)), post_(post), token_(token) {}
   const Json::Value& GetParamRef(const std::string& name,
                                  const Json::Value& default_value) const override {
     return params_.isMember(name) ? params_[name] : default_value;
@@ -14,9 +16,13 @@ class FakeRequest : public BridgeRequest {
   bool HasParam(const std::string& name) const override { return params_.isMember(name); }
   std::string GetRemoteIP() const override { return "127.0.0.1"; }
   std::string GetUrlProto() const override { return "http"; }
+  bool IsPost() const override { return post_; }
+  bool HasValidToken() const override { return token_; }
 
  private:
   Json::Value params_;
+  bool post_;
+  bool token_;
 };
 
 class FixedIdentity : public AuthenticationService {

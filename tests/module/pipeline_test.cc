@@ -165,6 +165,45 @@ TEST_F(PipelineTest, DecidesByHandlerSettings) {
   ASSERT_GE(hostaccounts::HostAccounts::Open()->SetAppPrivilege("alice", true), 0);
 }
 
+// What another site can make a browser send: a GET, or a POST without the
+// session's token. Only methods that change something insist on both; a
+// root caller (the runner) gets no pass of its own.
+TEST_F(PipelineTest, WritingMethodsNeedAPostWithTheToken) {
+  tptest::SetServiceStatus("enabled");
+  ASSERT_GE(SyncFreezeClear(), 0);
+  const struct {
+    const char* what;
+    RequestMethod method;
+    Caller caller;
+    bool post, token;
+    bool runs;
+  } cases[] = {
+      {"writing, POST with token", kRequestMethodWrite, Caller::kAlice, true, true, true},
+      {"writing, GET with token", kRequestMethodWrite, Caller::kAlice, false, true, false},
+      {"writing, POST without token", kRequestMethodWrite, Caller::kAlice, true, false, false},
+      {"writing, GET without token", kRequestMethodWrite, Caller::kAlice, false, false, false},
+      {"writing, root without token", kRequestMethodWrite, Caller::kRoot, true, false, false},
+      {"reading, GET without token", kRequestMethodRead, Caller::kAlice, false, false, true},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    FixedIdentity identity(IdentityOf(c.caller));
+    ProbeHandler handler;
+    handler.SetRequiredDatabase(1);
+    handler.SetRequiredAccessPrivilege(1);
+    handler.SetRequestMethod(c.method);
+    handler.SetAuthenticationService(&identity);
+    FakeRequest request(Json::Value(Json::objectValue), c.post, c.token);
+    BridgeResponse response;
+    EXPECT_EQ(handler.HandleRequest(request, response), c.runs ? 0 : -1);
+    EXPECT_EQ(handler.ran, c.runs);
+    if (!c.runs) {
+      EXPECT_EQ(response.GetErrorCode(), 105);
+      EXPECT_EQ(response.GetErrorMessage(), "permission denied (request token)");
+    }
+  }
+}
+
 struct SudoCase {
   Json::Value sudo;
   int code;

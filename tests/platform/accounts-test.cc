@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "host-accounts.h"
+#include "password-check.h"
 #include "sandbox.h"
 #include "sdk.h"
 
@@ -55,6 +56,19 @@ TEST_F(AccountsTest, UsersLogInWithTheirOwnPasswordOnly) {
   // A user made without a password cannot log in at all.
   ASSERT_GE(accounts_->AddUser("nopass", ""), 0);
   EXPECT_EQ(accounts_->VerifyPassword("nopass", ""), hostaccounts::kErrInvalid);
+}
+
+// An unknown name, a user without a password and a known one all cost one
+// argon2id check, so the time of an answer does not tell them apart.
+TEST_F(AccountsTest, EveryPasswordCheckRunsTheHash) {
+  ASSERT_GE(accounts_->AddUser("alice", "wonder land"), 0);
+  ASSERT_GE(accounts_->AddUser("nopass", ""), 0);
+  for (const char* name : {"alice", "ALICE", "mallory", "nopass", ""}) {
+    SCOPED_TRACE(name);
+    const uint64_t before = hostaccounts::TEST_PasswordVerifications();
+    EXPECT_LT(accounts_->VerifyPassword(name, "guess"), 0);
+    EXPECT_EQ(hostaccounts::TEST_PasswordVerifications(), before + 1);
+  }
 }
 
 TEST_F(AccountsTest, NamesAreUniqueWhateverTheirCase) {

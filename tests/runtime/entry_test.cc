@@ -38,7 +38,8 @@ struct Call {
   std::string content_type;
   std::string body;
   std::string cookie;
-  const char* content_length;  // the real length when null
+  const char* content_length;                   // the real length when null
+  std::map<std::string, std::string> env = {};  // added to, or replacing, the CGI variables
 };
 
 Answer RunEntry(const Call& call) {
@@ -53,6 +54,7 @@ Answer RunEntry(const Call& call) {
         call.content_length ? call.content_length : std::to_string(call.body.size());
   }
   if (!call.cookie.empty()) env["HTTP_COOKIE"] = call.cookie;
+  for (const auto& [name, value] : call.env) env[name] = value;
   const tptest::ProcessResult result = tptest::RunProcess({kEntry}, env, call.body);
   EXPECT_EQ(result.exit_status, 0) << result.err;
   Answer answer;
@@ -98,9 +100,14 @@ class EntryTest : public ::testing::Test {
   }
 
   std::string Login(const std::string& account, const std::string& passwd) {
-    const Answer a =
-        Get("api=KSTX.API.Auth&method=login&version=1&account=" + account + "&passwd=" + passwd);
-    return a.json["data"]["sid"].asString();
+    return LoginFrom("192.0.2.7", account, passwd).json["data"]["sid"].asString();
+  }
+
+  static Answer LoginFrom(const std::string& address, const std::string& account,
+                          const std::string& passwd) {
+    Call call("api=KSTX.API.Auth&method=login&version=1&account=" + account + "&passwd=" + passwd);
+    call.env["REMOTE_ADDR"] = address;
+    return RunEntry(call);
   }
 
   Json::Value Echo(const std::string& cookie, const std::string& extra = "") {
@@ -155,8 +162,22 @@ TEST_F(EntryTest, LoginAnswers) {
   const std::string sid = ok.json["data"]["sid"].asString();
   ASSERT_EQ(sid.size(), 32u) << ok.body;
   EXPECT_EQ(sid.find_first_not_of("0123456789abcdef"), std::string::npos);
-  EXPECT_NE(ok.headers.find("Set-Cookie: id=" + sid + "; path=/; HttpOnly\r\n"), std::string::npos);
+  const std::string token = ok.json["data"]["token"].asString();
+  EXPECT_EQ(token.size(), 64u) << ok.body;
+  EXPECT_EQ(token.find_first_not_of("0123456789abcdef"), std::string::npos);
+  EXPECT_NE(ok.headers.find("Set-Cookie: id=" + sid + "; Path=/; HttpOnly; SameSite=Strict\r\n"),
+            std::string::npos)
+      << ok.headers;
   EXPECT_TRUE(fs::exists(std::string(kSessions) + "/" + sid));
+
+  // Over HTTPS the cookie never travels in the clear.
+  Call secure("api=KSTX.API.Auth&method=login&account=alice&passwd=alice-pw");
+  secure.env["HTTPS"] = "on";
+  const Answer over_tls = RunEntry(secure);
+  EXPECT_NE(over_tls.headers.find("; Path=/; HttpOnly; SameSite=Strict; Secure\r\n"),
+            std::string::npos)
+      << over_tls.headers;
+  EXPECT_NE(over_tls.json["data"]["token"], token);
 
   // A password that reads as a number is still the text that was typed.
   ASSERT_GE(hostaccounts::HostAccounts::Open()->SetPassword("alice", "1.50"), 0);
@@ -230,7 +251,8 @@ TEST_F(EntryTest, Logout) {
   ASSERT_FALSE(sid.empty());
   const Answer out = Get("api=KSTX.API.Auth&method=logout", "id=" + sid);
   EXPECT_EQ(out.body, R"({"success":true})");
-  EXPECT_NE(out.headers.find("Set-Cookie: id=; path=/; Max-Age=0"), std::string::npos);
+  EXPECT_NE(out.headers.find("Set-Cookie: id=; Path=/; HttpOnly; SameSite=Strict; Max-Age=0"),
+            std::string::npos);
   EXPECT_FALSE(fs::exists(std::string(kSessions) + "/" + sid));
   EXPECT_EQ(Echo("id=" + sid)["uid"].asUInt(), 4294967295u);
   // Logging out without a session is no error.
@@ -292,16 +314,159 @@ TEST_F(EntryTest, EveryRequestGetsAnAnswer) {
   EXPECT_EQ(raw.out, "Content-Type: text/plain\r\n\r\nraw body");
 }
 
-TEST_F(EntryTest, UploadIsStoredForTheRequestOnly) {
+std::vector<std::string> StoredUploads() {
+  std::vector<std::string> found;
+  for (const auto& entry : fs::directory_iterator("/tmp")) {
+    if (entry.path().filename().string().rfind("kstx-upload-", 0) == 0) {
+      found.push_back(entry.path());
+    }
+  }
+  return found;
+}
+
+TEST_F(EntryTest, UploadIsStoredForALoggedInCallerAndTheRequestOnly) {
   const std::string body =
       "--b0undary\r\nContent-Disposition: form-data; name=\"upload_key\"; filename=\"k.7z\"\r\n"
       "\r\nKEYDATA\r\n--b0undary--\r\n";
-  const Answer a =
-      RunEntry({"api=KSTX.Test&method=echo", "multipart/form-data; boundary=b0undary", body});
+  const std::string type = "multipart/form-data; boundary=b0undary";
+  const std::string alice = Login("alice", "alice-pw");
+  ASSERT_FALSE(alice.empty());
+
+  const Answer a = RunEntry({"api=KSTX.Test&method=echo", type, body, "id=" + alice});
   const std::string stored = a.json["data"]["file_tmp"].asString();
   EXPECT_EQ(stored.rfind("/tmp/kstx-upload-", 0), 0u) << a.body;
   EXPECT_EQ(a.json["data"]["params"]["upload_key_tmp"], stored);
-  EXPECT_FALSE(fs::exists(stored));
+
+  // A session named by a form field counts as well, wherever the field is.
+  const std::string with_sid = body.substr(0, body.size() - 4) +
+                               "\r\nContent-Disposition: form-data; name=\"_sid\"\r\n\r\n" + alice +
+                               "\r\n--b0undary--\r\n";
+  EXPECT_TRUE(
+      RunEntry({"api=KSTX.Test&method=echo", type, with_sid}).json["data"].isMember("file_tmp"));
+
+  // Nobody who may not act gets a byte on the disk.
+  const std::string late = Login("admin", "admin-pw");
+  Age(late, 31 * 60);
+  for (const std::string& cookie : {std::string(), "id=" + late, "id=" + std::string(32, 'a')}) {
+    SCOPED_TRACE(cookie);
+    const Answer refused = RunEntry({"api=KSTX.Test&method=echo", type, body, cookie});
+    EXPECT_FALSE(refused.json["data"].isMember("file_tmp")) << refused.body;
+    EXPECT_FALSE(refused.json["data"]["params"].isMember("upload_key_tmp"));
+  }
+
+  // Removed after the answer, also when the module throws.
+  EXPECT_EQ(ErrorCode(RunEntry({"api=KSTX.Test&method=throw", type, body, "id=" + alice})), 100);
+  EXPECT_EQ(StoredUploads(), std::vector<std::string>{});
+}
+
+TEST_F(EntryTest, RequestTokenTravelsWithItsSession) {
+  const Answer login = LoginFrom("192.0.2.7", "alice", "alice-pw");
+  const std::string sid = login.json["data"]["sid"].asString();
+  const std::string token = login.json["data"]["token"].asString();
+  const std::string other =
+      LoginFrom("192.0.2.7", "admin", "admin-pw").json["data"]["token"].asString();
+  ASSERT_EQ(token.size(), 64u);
+  const std::string form = "application/x-www-form-urlencoded";
+  const std::string echo = "api=KSTX.Test&method=echo";
+  auto with_header = [](Call call, const std::string& value) {
+    call.env["HTTP_X_TIDEPOOL_TOKEN"] = value;
+    return call;
+  };
+  const struct {
+    const char* what;
+    Call call;
+    bool post;
+    bool valid;
+  } cases[] = {
+      {"GET, no token", {echo, "", "", "id=" + sid}, false, false},
+      {"GET with the header", with_header({echo, "", "", "id=" + sid}, token), false, true},
+      {"GET with _token in the query",
+       {echo + "&_token=" + token, "", "", "id=" + sid},
+       false,
+       false},
+      {"POST, no token", {"", form, echo, "id=" + sid}, true, false},
+      {"POST with the header", with_header({"", form, echo, "id=" + sid}, token), true, true},
+      {"POST with _token", {"", form, echo + "&_token=" + token, "id=" + sid}, true, true},
+      {"POST with another session's token", with_header({"", form, echo, "id=" + sid}, other), true,
+       false},
+      {"POST with a cut token", with_header({"", form, echo, "id=" + sid}, token.substr(1)), true,
+       false},
+      {"POST with the token and no session", with_header({"", form, echo}, token), true, false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    const Json::Value seen = RunEntry(c.call).json["data"];
+    EXPECT_EQ(seen["is_post"].asBool(), c.post);
+    EXPECT_EQ(seen["has_valid_token"].asBool(), c.valid);
+  }
+}
+
+TEST_F(EntryTest, AccountStandingIsReadOnEveryRequest) {
+  const std::string admin = Login("admin", "admin-pw");
+  const std::string alice = Login("alice", "alice-pw");
+  ASSERT_TRUE(Echo("id=" + admin)["is_admin"].asBool());
+  ASSERT_FALSE(Echo("id=" + alice)["is_expired"].asBool());
+  auto accounts = hostaccounts::HostAccounts::Open();
+
+  // Demoted: no longer an administrator, still logged in.
+  ASSERT_GE(accounts->RemoveGroupMember(hostaccounts::kAdministratorsGroup, "admin"), 0);
+  Json::Value seen = Echo("id=" + admin);
+  EXPECT_EQ(seen["user"], "admin");
+  EXPECT_FALSE(seen["is_admin"].asBool());
+  ASSERT_GE(accounts->AddGroupMember(hostaccounts::kAdministratorsGroup, "alice"), 0);
+  EXPECT_TRUE(Echo("id=" + alice)["is_admin"].asBool());
+
+  // Expired: the module learns it on the next request.
+  ASSERT_GE(accounts->SetExpireDay("alice", 1), 0);
+  EXPECT_TRUE(Echo("id=" + alice)["is_expired"].asBool());
+  ASSERT_GE(accounts->SetExpireDay("alice", 0), 0);
+
+  // Disabled or deleted: the session ends, for good.
+  ASSERT_GE(accounts->SetDisabled("alice", true), 0);
+  EXPECT_EQ(Echo("id=" + alice)["uid"].asUInt(), 4294967295u);
+  ASSERT_GE(accounts->SetDisabled("alice", false), 0);
+  EXPECT_EQ(Echo("id=" + alice)["uid"].asUInt(), 4294967295u);
+  ASSERT_GE(accounts->DeleteUser("admin"), 0);
+  EXPECT_EQ(Echo("id=" + admin)["uid"].asUInt(), 4294967295u);
+}
+
+TEST_F(EntryTest, FailedLoginsAreThrottledPerAccountAndPerAddress) {
+  // Ten wrong passwords for alice, each from another address.
+  for (int i = 0; i < 10; ++i) {
+    EXPECT_EQ(ErrorCode(LoginFrom("192.0.2." + std::to_string(10 + i), "alice", "nope")), 400);
+  }
+  const Answer blocked = LoginFrom("198.51.100.1", "ALICE", "alice-pw");
+  EXPECT_EQ(ErrorCode(blocked), 411) << blocked.body;
+  EXPECT_EQ(blocked.json["error"]["errors"]["message"], "too many failed logins, try again later");
+  EXPECT_EQ(ErrorCode(LoginFrom("192.0.2.10", "admin", "admin-pw")), 0) << "other accounts may";
+
+  // Ten unknown names from one address close that address to everybody.
+  for (int i = 0; i < 10; ++i) {
+    EXPECT_EQ(ErrorCode(LoginFrom("203.0.113.5", "nobody" + std::to_string(i), "x")), 400);
+  }
+  EXPECT_EQ(ErrorCode(LoginFrom("203.0.113.5", "admin", "admin-pw")), 411);
+  EXPECT_EQ(ErrorCode(LoginFrom("203.0.113.6", "admin", "admin-pw")), 0);
+
+  struct stat st {};
+  ASSERT_EQ(lstat("/usr/kstx/etc/login/failures.db", &st), 0);
+  EXPECT_EQ(st.st_uid, 0u);
+  EXPECT_EQ(st.st_mode & 07777, 0600u);
+}
+
+TEST_F(EntryTest, StartsClean) {
+  std::map<std::string, std::string> env = {{"GATEWAY_INTERFACE", "CGI/1.1"},
+                                            {"REQUEST_METHOD", "GET"},
+                                            {"QUERY_STRING", "api=KSTX.Test&method=hygiene"}};
+  // A careless web server: an open descriptor, a tight umask, a folder of its own.
+  const tptest::ProcessResult run = tptest::RunProcess(
+      {"/bin/sh", "-c", std::string("exec 7</etc/hostname; cd /tmp; umask 077; exec ") + kEntry},
+      env);
+  const size_t split = run.out.find("\r\n\r\n");
+  ASSERT_NE(split, std::string::npos) << run.out << run.err;
+  const Json::Value seen = KSTX::WebAPIUtil::ParseJson(run.out.substr(split + 4))["data"];
+  EXPECT_EQ(seen["open_fds"], Json::Value(Json::arrayValue)) << seen.toStyledString();
+  EXPECT_EQ(seen["umask"].asUInt(), 022u);
+  EXPECT_EQ(seen["cwd"], "/");
 }
 
 }  // namespace

@@ -6,8 +6,10 @@
 //   2. the body, by CONTENT_TYPE:
 //      application/x-www-form-urlencoded  as the query string;
 //      multipart/form-data                form fields are parameters; one file
-//                                         part is stored under /tmp (mode 0600)
-//                                         and the request counts as an upload:
+//                                         part is stored under /tmp (mode 0600),
+//                                         once every field is decoded and only
+//                                         if the upload gate allows it, and the
+//                                         request counts as an upload:
 //                                         for a file field F the parameter F is
 //                                         the client's file name, F_tmp and
 //                                         file_tmp the stored file's path;
@@ -32,6 +34,7 @@
 #include <json/value.h>
 
 #include <cstddef>
+#include <functional>
 #include <string>
 #include <string_view>
 
@@ -52,11 +55,17 @@ constexpr int kDecodeTooLarge = 102;   // "request too large"
 // The folder in which uploaded files are stored.
 constexpr const char* kUploadDir = "/tmp";
 
+// Called with the decoded parameters before a file part is stored (entry.cgi
+// resolves the caller's session there); false leaves the file unstored and
+// its parameters unset, so that nobody who may not upload fills the disk.
+using UploadGate = std::function<bool(RequestContext&)>;
+
 // Fills ctx.api, method, version, params and, for a multipart body, the
-// upload fields and the stored file. 0 on success, -kDecodeMalformed or
-// -kDecodeTooLarge on failure; a file stored before the failure is removed.
+// upload fields and the stored file (without a gate, any file is stored). 0
+// on success, -kDecodeMalformed or -kDecodeTooLarge on failure; a file stored
+// before a failure or an exception is removed.
 int DecodeRequest(std::string_view query, std::string_view content_type, std::string_view body,
-                  RequestContext& ctx);
+                  RequestContext& ctx, const UploadGate& gate = nullptr);
 
 // Reads a request body of CONTENT_LENGTH bytes (`content_length` may be null
 // or empty for none) from `fd`, refusing before reading anything when the

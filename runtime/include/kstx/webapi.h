@@ -102,8 +102,16 @@ struct RequestContext {
   Json::Value form_text = Json::Value(Json::objectValue);
   std::string login_user;  // empty without a session
   uint32_t login_uid = 4294967295u;
+  // Read from the account directory on every request, not kept from the
+  // login: a demoted or expired account loses its rights at once.
   bool is_admin = false;
+  bool is_expired = false;
   bool is_timeout = false;
+  // Requests that change something must be POSTs carrying the session's
+  // request token, which a page of another site cannot read; the runtime
+  // compares the token, the module decides which methods need it.
+  bool is_post = false;
+  bool has_valid_token = false;
   std::string remote_ip;
   std::string url_proto;
   std::string url_host;
@@ -126,6 +134,11 @@ class APIRequest {
   uint32_t GetLoginUID() const { return ctx_.login_uid; }
   bool IsAdmin() const { return ctx_.is_admin; }
   bool IsTimeout() const { return ctx_.is_timeout; }
+  bool IsExpired() const { return ctx_.is_expired; }
+  // An HTTP POST (and every call made through the runner).
+  bool IsPost() const { return ctx_.is_post; }
+  // The request carried its session's token (X-Tidepool-Token or `_token`).
+  bool HasValidToken() const { return ctx_.has_valid_token; }
 
   std::string GetRemoteIP() const { return ctx_.remote_ip; }
   std::string GetURLProto(const std::string& default_value) const;

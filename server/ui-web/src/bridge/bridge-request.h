@@ -18,6 +18,11 @@ class BridgeRequest {
   virtual bool HasParam(const std::string& name) const = 0;
   virtual std::string GetRemoteIP() const = 0;
   virtual std::string GetUrlProto() const = 0;
+  // An HTTP POST, and whether it carried the session's request token: what a
+  // page of another site cannot forge. Calls made from inside a request are
+  // trusted and have both.
+  virtual bool IsPost() const = 0;
+  virtual bool HasValidToken() const = 0;
 };
 
 // The caller's identity for the length of the pipeline.

@@ -34,7 +34,8 @@ void RequestHandler::SetAPI(const std::string& cls, const std::string& method, u
 
 int RequestHandler::HandleRequest(BridgeRequest& request, BridgeResponse& response) {
   RequestAuthentication auth;
-  if (Authenticate(auth, request, response) < 0 || CheckDemoMode(auth, request, response) < 0 ||
+  if (Authenticate(auth, request, response) < 0 || CheckRequestMethod(request, response) < 0 ||
+      CheckDemoMode(auth, request, response) < 0 ||
       CheckServiceStatus(auth, request, response) < 0 ||
       CheckAccount(auth, request, response) < 0 || CheckSudoUser(auth, request, response) < 0) {
     return -1;
@@ -59,6 +60,16 @@ int RequestHandler::Authenticate(RequestAuthentication& auth, BridgeRequest& req
     return RESPONSE_FAIL(response, 105, "authentication failed");
   }
   return 0;
+}
+
+int RequestHandler::CheckRequestMethod(BridgeRequest& request, BridgeResponse& response) const {
+  if (request_method != kRequestMethodWrite) return 0;
+  // A link or a form on another site makes the browser send the cookie, but
+  // it cannot read the token; a GET is never an intent to change anything.
+  if (request.IsPost() && request.HasValidToken()) return 0;
+  LOG_ERROR("'%s' refused: %s\n", GetAPI().c_str(),
+            request.IsPost() ? "no valid request token" : "not a POST");
+  return RESPONSE_FAIL(response, 105, "permission denied (request token)");
 }
 
 int RequestHandler::CheckDemoMode(const RequestAuthentication&, BridgeRequest&,

@@ -72,6 +72,8 @@ class RequestHandler {
 
   // The pipeline's stages, each 0 or negative.
   int Authenticate(RequestAuthentication& auth, BridgeRequest& request, BridgeResponse& response);
+  // A writing method answers only a POST with the session's request token.
+  int CheckRequestMethod(BridgeRequest& request, BridgeResponse& response) const;
   int CheckDemoMode(const RequestAuthentication& auth, BridgeRequest& request,
                     BridgeResponse& response) const;
   int CheckServiceStatus(const RequestAuthentication& auth, BridgeRequest& request,
@@ -113,8 +115,8 @@ class RequestHandler {
   uint32_t required_access_privilege = 3;
   RequestMethod request_method = kRequestMethodWrite;
   uint32_t status_option = 3;
-  // Declared and kept, but nothing enforces them: read-only handlers may run in
-  // demo mode and the HTTP method is not compared.
+  // Declared and kept, but nothing enforces it: read-only handlers may run in
+  // demo mode.
   bool allow_demo_mode = false;
   unsigned version_min = 0;
   unsigned version_max = 0;

@@ -19,6 +19,10 @@ std::string WebAPIRequest::GetRemoteIP() const { return api_request->GetRemoteIP
 
 std::string WebAPIRequest::GetUrlProto() const { return api_request->GetURLProto("http"); }
 
+bool WebAPIRequest::IsPost() const { return api_request->IsPost(); }
+
+bool WebAPIRequest::HasValidToken() const { return api_request->HasValidToken(); }
+
 void WebAPIRequest::GetUploadFile() {
   Json::Value file(Json::objectValue);
   Json::Value params(Json::objectValue);
@@ -48,7 +52,7 @@ int WebAPIAuthenticationService::Authenticate(RequestAuthentication& auth, Bridg
   auth.is_admin = api_request->IsAdmin();
   auth.is_root = auth.uid == 0;
   auth.is_anonymous = auth.uid == RequestAuthentication::kAnonymousUid || auth.user == "anonymous";
-  auth.is_expired = false;
+  auth.is_expired = api_request->IsExpired();
   auth.is_timeout = api_request->IsTimeout();
   if (auth.remote_ip.empty()) auth.remote_ip = "127.0.0.1";
   if (auth.url_host.empty()) auth.url_host = "localhost";

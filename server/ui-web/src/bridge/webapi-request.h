@@ -19,6 +19,8 @@ class WebAPIRequest : public BridgeRequest {
   bool HasParam(const std::string& name) const override;
   std::string GetRemoteIP() const override;
   std::string GetUrlProto() const override;
+  bool IsPost() const override;
+  bool HasValidToken() const override;
 
   // Puts the upload's form fields under "postParam" and the stored file's path
   // under "postParam"/"file_tmp". A failure is logged and leaves the
@@ -34,7 +36,8 @@ class WebAPIAuthenticationService : public AuthenticationService {
   WebAPIAuthenticationService(KSTX::APIRequest* request, KSTX::APIResponse* response)
       : api_request(request), api_response(response) {}
 
-  // Copies the identity the runtime established; never fails.
+  // Copies the identity the runtime established (the account's standing is
+  // the directory's of this request); never fails.
   int Authenticate(RequestAuthentication& auth, BridgeRequest& request,
                    BridgeResponse& response) override;
 

@@ -20,6 +20,7 @@
 
 #include "account-schema.h"
 #include "root-scope.h"
+#include "share-folder.h"
 #include "share-keys.h"
 
 namespace hostaccounts {
@@ -368,8 +369,9 @@ class SqliteHostAccounts final : public HostAccounts {
       return 0;
     });
     if (rc < 0) return rc;
-    // Everyone's files go in; access is decided by the share permissions.
-    if ((mkdir(path.c_str(), 0777) != 0 && errno != EEXIST) || chmod(path.c_str(), 0777) != 0) {
+    // On disk as its permissions say, so that users reach the folder itself
+    // no further than the service lets them.
+    if (SetUpFolder(share.name, path) < 0) {
       const int error = errno;
       DeleteShare(share.name);
       return error == ENOENT ? kErrInvalid : kErrStorage;  // ENOENT: no such volume
@@ -467,6 +469,11 @@ class SqliteHostAccounts final : public HostAccounts {
       write.bind(2, static_cast<int64_t>(uid));
       if (permission != SharePermission::kNone) write.bind(3, value);
       write.exec();
+      Share found;
+      if (GetShare(share, found) < 0) return static_cast<int>(kErrStorage);
+      // A share whose folder is gone has nothing on disk to open up.
+      if (SetUpFolder(found.name, found.path) < 0 && errno != ENOENT)
+        return static_cast<int>(kErrStorage);
       return 0;
     });
   }
@@ -571,6 +578,25 @@ class SqliteHostAccounts final : public HostAccounts {
     if (query.getColumn(0).getInt() != 1 || query.getColumn(1).isNull()) return kErrNotFound;
     uid = static_cast<uint32_t>(query.getColumn(1).getInt64());
     return 0;
+  }
+
+  // The share's folder set up for the users granted access to it now. 0, or
+  // -1 with errno set.
+  int SetUpFolder(const std::string& share, const std::string& path) {
+    std::vector<ShareGrant> grants;
+    try {
+      SQLite::Statement query(db_,
+                              "SELECT uid, permission FROM share_permissions"
+                              " WHERE share_key = ? AND permission IN (1, 2) ORDER BY uid");
+      query.bind(1, NameKey(share));
+      while (query.executeStep())
+        grants.push_back({static_cast<uint32_t>(query.getColumn(0).getInt64()),
+                          query.getColumn(1).getInt() == 2});
+    } catch (const std::exception&) {
+      errno = EIO;
+      return -1;
+    }
+    return SetUpShareFolder(path, kUsersGid, grants);
   }
 
   SQLite::Database db_;

@@ -298,7 +298,9 @@ class SqliteHostAccounts final : public HostAccounts {
       insert.bind(1, NameKey(group));
       insert.bind(2, NameKey(user));
       insert.exec();
-      return GroupAndUserExist(group, user);
+      const int rc = GroupAndUserExist(group, user);
+      if (rc == 0 && NameKey(group) == NameKey(kAdministratorsGroup)) SetUpAllFolders();
+      return rc;
     });
   }
 
@@ -311,7 +313,9 @@ class SqliteHostAccounts final : public HostAccounts {
       remove.bind(1, NameKey(group));
       remove.bind(2, NameKey(user));
       remove.exec();
-      return GroupAndUserExist(group, user);
+      const int rc = GroupAndUserExist(group, user);
+      if (rc == 0 && NameKey(group) == NameKey(kAdministratorsGroup)) SetUpAllFolders();
+      return rc;
     });
   }
 
@@ -585,10 +589,17 @@ class SqliteHostAccounts final : public HostAccounts {
   int SetUpFolder(const std::string& share, const std::string& path) {
     std::vector<ShareGrant> grants;
     try {
-      SQLite::Statement query(db_,
-                              "SELECT uid, permission FROM share_permissions"
-                              " WHERE share_key = ? AND permission IN (1, 2) ORDER BY uid");
+      // Administrators may write every share.
+      SQLite::Statement query(
+          db_,
+          "SELECT uid, max(permission) FROM ("
+          " SELECT uid, permission FROM share_permissions"
+          "  WHERE share_key = ? AND permission IN (1, 2)"
+          " UNION ALL SELECT m.uid, 2 FROM memberships m JOIN groups g ON g.gid = m.gid"
+          "  WHERE g.name_key = ?)"
+          " GROUP BY uid ORDER BY uid");
       query.bind(1, NameKey(share));
+      query.bind(2, NameKey(kAdministratorsGroup));
       while (query.executeStep())
         grants.push_back({static_cast<uint32_t>(query.getColumn(0).getInt64()),
                           query.getColumn(1).getInt() == 2});
@@ -597,6 +608,14 @@ class SqliteHostAccounts final : public HostAccounts {
       return -1;
     }
     return SetUpShareFolder(path, kUsersGid, grants);
+  }
+
+  // Every share's folder again, after the administrators changed. Shares
+  // whose folders cannot be set up now keep what they had.
+  void SetUpAllFolders() {
+    std::vector<Share> shares;
+    if (ListShares(shares) < 0) return;
+    for (const Share& share : shares) SetUpFolder(share.name, share.path);
   }
 
   SQLite::Database db_;

@@ -71,9 +71,15 @@ int SecureRepository(const std::string& repository) {
     errno = EPERM;
     return -1;
   }
-  if ((st.st_mode & 07777) == kPrivateDirMode) return 0;
-  // Children first, the root last: an interrupted run is taken up again.
-  return nftw(repository.c_str(), NarrowEntry, 16, FTW_PHYS | FTW_DEPTH | FTW_MOUNT);
+  // The mark says the walk was made; a repository made by this version
+  // never needs it, but cannot tell itself apart from an old one without.
+  const std::string mark = repository + "/.private";
+  if (access(mark.c_str(), F_OK) == 0) return 0;
+  if (nftw(repository.c_str(), NarrowEntry, 16, FTW_PHYS | FTW_MOUNT) != 0) return -1;
+  const int fd = open(mark.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, kPrivateFileMode);
+  if (fd < 0) return -1;
+  close(fd);
+  return 0;
 }
 
 }  // namespace tpsys

@@ -25,10 +25,9 @@ int MakePrivateDir(const std::string& dir);
 // created).
 int PreparePrivateDatabase(const std::string& path, bool create);
 
-// Narrows every folder and file below `repository` (not following links)
-// when `repository` itself is not yet private: the cost of the walk is
-// paid once, by the first run after an install that made them wider.
-// 0, or -1 with errno set.
+// Narrows every folder and file of `repository` (not following links)
+// once: a mark left in it says the walk was made, so later runs pay one
+// look-up. 0, or -1 with errno set.
 int SecureRepository(const std::string& repository);
 
 }  // namespace tpsys

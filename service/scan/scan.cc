@@ -57,9 +57,9 @@ struct Databases {
     const std::string connect = config.GetDbConnectParam();
     const std::string backend = config.GetDBBackendString();
     // Repositories made by older installs are narrowed once.
-    tpsys::MakePrivateDir(repo);
     tpsys::SecureRepository(repo);
     if (connect != repo) tpsys::SecureRepository(connect);
+    tpsys::MakePrivateDir(repo);
     int rc = UserManager::Initialize(connect, backend);
     if (rc >= 0) rc = db::Manager::Initialize(repo, connect, backend);
     if (rc >= 0) rc = db::LogManager::Initialize(repo, connect, backend, false);
@@ -77,8 +77,8 @@ class Stores {
     auto it = stores_.find(volume);
     if (it != stores_.end()) return it->second.get();
     const std::string folder = volume + "/@tidepool/@sync";
-    tpsys::MakePrivateDir(volume + "/@tidepool");
     tpsys::SecureRepository(volume + "/@tidepool");
+    tpsys::MakePrivateDir(volume + "/@tidepool");
     std::unique_ptr<filestore::FileStore> store;
     int rc = filestore::FileStore::Open(folder, true, options_, store);
     if (rc >= 0) rc = db::Manager::RegisterVolume(volume, store->uuid(), folder);

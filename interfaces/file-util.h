@@ -96,6 +96,8 @@ int MacAttributeUnpack(const std::string& appledouble_path, const std::string& t
 // file `out_appledouble` (created or truncated), all in the ATTR block. A
 // file with no Mac attributes gives a valid file with none.
 int MacAttributePack(const std::string& path, const std::string& out_appledouble);
+// The same for the open file `fd`: the attributes of exactly what was opened.
+int MacAttributePackFd(int fd, const std::string& out_appledouble);
 
 // Renames `src` to `dst`, replacing it. Across file systems a regular file or
 // a symlink is copied with its extended attributes, owner, mode and times

@@ -21,6 +21,7 @@
 #include "account-schema.h"
 #include "password-check.h"
 #include "root-scope.h"
+#include "share-folder.h"
 #include "share-keys.h"
 
 namespace hostaccounts {
@@ -314,7 +315,9 @@ class SqliteHostAccounts final : public HostAccounts {
       insert.bind(1, NameKey(group));
       insert.bind(2, NameKey(user));
       insert.exec();
-      return GroupAndUserExist(group, user);
+      const int rc = GroupAndUserExist(group, user);
+      if (rc == 0 && NameKey(group) == NameKey(kAdministratorsGroup)) SetUpAllFolders();
+      return rc;
     });
   }
 
@@ -327,7 +330,9 @@ class SqliteHostAccounts final : public HostAccounts {
       remove.bind(1, NameKey(group));
       remove.bind(2, NameKey(user));
       remove.exec();
-      return GroupAndUserExist(group, user);
+      const int rc = GroupAndUserExist(group, user);
+      if (rc == 0 && NameKey(group) == NameKey(kAdministratorsGroup)) SetUpAllFolders();
+      return rc;
     });
   }
 
@@ -385,8 +390,9 @@ class SqliteHostAccounts final : public HostAccounts {
       return 0;
     });
     if (rc < 0) return rc;
-    // Everyone's files go in; access is decided by the share permissions.
-    if ((mkdir(path.c_str(), 0777) != 0 && errno != EEXIST) || chmod(path.c_str(), 0777) != 0) {
+    // On disk as its permissions say, so that users reach the folder itself
+    // no further than the service lets them.
+    if (SetUpFolder(share.name, path) < 0) {
       const int error = errno;
       DeleteShare(share.name);
       return error == ENOENT ? kErrInvalid : kErrStorage;  // ENOENT: no such volume
@@ -484,6 +490,11 @@ class SqliteHostAccounts final : public HostAccounts {
       write.bind(2, static_cast<int64_t>(uid));
       if (permission != SharePermission::kNone) write.bind(3, value);
       write.exec();
+      Share found;
+      if (GetShare(share, found) < 0) return static_cast<int>(kErrStorage);
+      // A share whose folder is gone has nothing on disk to open up.
+      if (SetUpFolder(found.name, found.path) < 0 && errno != ENOENT)
+        return static_cast<int>(kErrStorage);
       return 0;
     });
   }
@@ -588,6 +599,40 @@ class SqliteHostAccounts final : public HostAccounts {
     if (query.getColumn(0).getInt() != 1 || query.getColumn(1).isNull()) return kErrNotFound;
     uid = static_cast<uint32_t>(query.getColumn(1).getInt64());
     return 0;
+  }
+
+  // The share's folder set up for the users granted access to it now. 0, or
+  // -1 with errno set.
+  int SetUpFolder(const std::string& share, const std::string& path) {
+    std::vector<ShareGrant> grants;
+    try {
+      // Administrators may write every share.
+      SQLite::Statement query(
+          db_,
+          "SELECT uid, max(permission) FROM ("
+          " SELECT uid, permission FROM share_permissions"
+          "  WHERE share_key = ? AND permission IN (1, 2)"
+          " UNION ALL SELECT m.uid, 2 FROM memberships m JOIN groups g ON g.gid = m.gid"
+          "  WHERE g.name_key = ?)"
+          " GROUP BY uid ORDER BY uid");
+      query.bind(1, NameKey(share));
+      query.bind(2, NameKey(kAdministratorsGroup));
+      while (query.executeStep())
+        grants.push_back({static_cast<uint32_t>(query.getColumn(0).getInt64()),
+                          query.getColumn(1).getInt() == 2});
+    } catch (const std::exception&) {
+      errno = EIO;
+      return -1;
+    }
+    return SetUpShareFolder(path, kUsersGid, grants);
+  }
+
+  // Every share's folder again, after the administrators changed. Shares
+  // whose folders cannot be set up now keep what they had.
+  void SetUpAllFolders() {
+    std::vector<Share> shares;
+    if (ListShares(shares) < 0) return;
+    for (const Share& share : shares) SetUpFolder(share.name, share.path);
   }
 
   SQLite::Database db_;

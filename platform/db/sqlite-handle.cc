@@ -10,6 +10,7 @@
 
 #include "db/errors.h"
 #include "logger.h"
+#include "private-files.h"
 
 namespace db {
 
@@ -83,6 +84,8 @@ std::unique_ptr<SQLite::Database> OpenDatabase(const std::string& path, bool cre
     if (result) *result = kErrCannotOpen;
     return nullptr;
   }
+  // Made 0600 before SQLite sees it, so its -wal and -shm are 0600 too.
+  tpsys::PreparePrivateDatabase(path, create);
   try {
     int flags = SQLite::OPEN_READWRITE | SQLite::OPEN_FULLMUTEX;
     if (create) flags |= SQLite::OPEN_CREATE;
@@ -111,8 +114,7 @@ int OpenProcessWide(std::unique_ptr<SQLite::Database>& handle, const std::string
                     const std::vector<const char*>& migrations) {
   if (backend != "sqlite") return kErrInvalid;
   if (handle) return kOk;
-  std::error_code ec;
-  std::filesystem::create_directories(connect_param, ec);
+  tpsys::MakePrivateDir(connect_param);
   int rc = kOk;
   auto database = OpenDatabase(connect_param + "/" + file_name, true, &rc);
   if (!database) return rc;

@@ -8,6 +8,7 @@
 
 #include "db/errors.h"
 #include "natural-sort.h"
+#include "private-files.h"
 #include "sqlite-handle.h"
 #include "view-db.h"
 
@@ -204,8 +205,7 @@ int ViewDB::Open(const std::string& path, uint64_t view_id, bool for_writing,
 }
 
 int ViewDB::Create(const std::string& path, uint64_t view_id) {
-  std::error_code ec;
-  std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ec);
+  tpsys::MakePrivateDir(std::filesystem::path(path).parent_path().string());
   int rc = kOk;
   auto database = OpenDatabase(path, true, &rc);
   if (!database) return rc;

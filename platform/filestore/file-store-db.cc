@@ -14,6 +14,7 @@
 #include "db/errors.h"
 #include "db/file-manager.h"
 #include "logger.h"
+#include "private-files.h"
 
 namespace filestore {
 namespace {
@@ -89,6 +90,8 @@ FileRow RowOf(SQLite::Statement& q) {
 
 int FileTable::Open(const std::string& path, bool create) {
   if (!create && access(path.c_str(), F_OK) != 0) return db::kErrCannotOpen;
+  // Made 0600 before SQLite sees it, so its -wal and -shm are 0600 too.
+  tpsys::PreparePrivateDatabase(path, create);
   return Guard("open", [&] {
     const int flags = SQLite::OPEN_READWRITE | (create ? SQLite::OPEN_CREATE : 0);
     db_ = std::make_unique<SQLite::Database>(path, flags, 5000);
@@ -277,10 +280,7 @@ class FileReader final : public db::FileManager {
  public:
   explicit FileReader(std::string folder) : folder_(std::move(folder)) {}
   int Open(bool create) {
-    if (create) {
-      std::error_code ec;
-      std::filesystem::create_directories(folder_, ec);
-    }
+    if (create) tpsys::MakePrivateDir(folder_);
     return table_.Open(folder_ + "/" + kDatabaseName, create);
   }
   int GetFileSizeSum(unsigned long long& size) override { return table_.SizeSum(false, size); }

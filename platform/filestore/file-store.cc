@@ -23,13 +23,12 @@
 #include "file-store-db.h"
 #include "keyvalue-file.h"
 #include "logger.h"
+#include "private-files.h"
 
 namespace filestore {
 namespace {
 
-int MakeDir(const std::string& path) {
-  return mkdir(path.c_str(), 0755) == 0 || errno == EEXIST ? 0 : -1;
-}
+int MakeDir(const std::string& path) { return tpsys::MakePrivateDir(path); }
 
 std::string Dirname(const std::string& path) {
   const size_t slash = path.rfind('/');
@@ -75,13 +74,22 @@ class Fd {
   int fd_;
 };
 
-int OpenSource(const std::string& path, int& fd, uint64_t& size) {
-  fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  struct stat st;
-  if (fd < 0 || fstat(fd, &st) != 0) {
+int OpenSource(const std::string& path, int& fd) {
+  fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+  if (fd < 0) {
     LOG_ERROR("cannot read %s: %s\n", path.c_str(), strerror(errno));
     return errno == ENOENT ? db::kErrNotFound : db::kErrCannotOpen;
   }
+  return db::kOk;
+}
+
+// The size of the regular file behind `fd`, rewound to its start. Anything
+// else (a FIFO or device would block or never end) is refused.
+int SourceSize(int fd, uint64_t& size) {
+  struct stat st;
+  if (fstat(fd, &st) != 0) return db::kErrCannotOpen;
+  if (!S_ISREG(st.st_mode)) return db::kErrInvalid;
+  if (lseek(fd, 0, SEEK_SET) != 0) return db::kErrCannotOpen;
   size = static_cast<uint64_t>(st.st_size);
   return db::kOk;
 }
@@ -110,9 +118,7 @@ class FileStoreImpl final : public FileStore {
 
   int Open(bool create) {
     if (create) {
-      std::error_code ec;
-      std::filesystem::create_directories(folder_, ec);
-      for (const char* sub : {"/repo", "/delta", "/node_delta"})
+      for (const char* sub : {"", "/repo", "/delta", "/node_delta"})
         if (MakeDir(folder_ + sub) < 0) return db::kErrCannotOpen;
     }
     return table_.Open(folder_ + "/" + kDatabaseName, create);
@@ -137,46 +143,39 @@ class FileStoreImpl final : public FileStore {
     return db::kOk;
   }
 
-  int StoreWhole(const std::string& path, Stored& out) override {
-    int raw = -1;
+  int StoreWholeFd(int fd, Stored& out) override {
     uint64_t size = 0;
-    const int rc = OpenSource(path, raw, size);
-    Fd fd(raw);
-    return rc < 0 ? rc : StoreOrigin(fd.get(), size, out, nullptr, true);
+    const int rc = SourceSize(fd, size);
+    return rc < 0 ? rc : StoreOrigin(fd, size, out, nullptr, true);
   }
 
-  int StoreNewFile(const std::string& path, Stored& out) override {
-    int raw = -1;
+  int StoreNewFileFd(int fd, Stored& out) override {
     uint64_t size = 0;
-    const int rc = OpenSource(path, raw, size);
-    Fd fd(raw);
-    return rc < 0 ? rc : StoreOrigin(fd.get(), size, out);
+    const int rc = SourceSize(fd, size);
+    return rc < 0 ? rc : StoreOrigin(fd, size, out);
   }
 
   int StoreBytes(const std::string& content, Stored& out) override {
     return StoreOrigin(-1, content.size(), out, &content);
   }
 
-  int StoreNewVersion(uint64_t base_id, const std::string& path, Stored& out) override {
+  int StoreNewVersionFd(uint64_t base_id, int fd, Stored& out) override {
     FileRow base;
     int rc = table_.Get(base_id, base);
     if (rc < 0) return rc;
     if (base.released) return db::kErrNotFound;
-    int raw = -1;
     uint64_t size = 0;
-    rc = OpenSource(path, raw, size);
-    Fd fd(raw);
-    if (rc < 0) return rc;
-    if (IsLive(size)) return HashOnly(fd.get(), size, out);
+    if ((rc = SourceSize(fd, size)) < 0) return rc;
+    if (IsLive(size)) return HashOnly(fd, size, out);
     Signature sig;
     const bool chain_full = static_cast<int>(base.depth) >= options_.max_delta_chain;
     const bool same_key = base.encrypted == (key_ != nullptr);
-    if (chain_full || !base.has_signature || !same_key) return StoreOrigin(fd.get(), size, out);
+    if (chain_full || !base.has_signature || !same_key) return StoreOrigin(fd, size, out);
     if (LoadSignature(SignaturePath(folder_, base_id), key_.get(), sig) < 0) {
       // Content stays safe without the delta: start a fresh origin.
       LOG_WARNING("signature of file %llu unusable, storing whole\n",
                   static_cast<unsigned long long>(base_id));
-      return StoreOrigin(fd.get(), size, out);
+      return StoreOrigin(fd, size, out);
     }
     FileRow row;
     row.base_id = base_id;
@@ -189,8 +188,9 @@ class FileStoreImpl final : public FileStore {
     JobConsumer delta_job(rs_delta_begin(sig.get()), delta_out.get());
     JobConsumer sig_job(NewSignatureJob(size), sig_out.get());
     HashConsumer hash;
-    if (ReadOnce(fd.get(), size, {&delta_job}, {&sig_job, &hash}) < 0) {
-      LOG_ERROR("cannot make the delta of %s: %s\n", path.c_str(), strerror(errno));
+    if (ReadOnce(fd, size, {&delta_job}, {&sig_job, &hash}) < 0) {
+      LOG_ERROR("cannot make the delta against file %llu: %s\n",
+                static_cast<unsigned long long>(base_id), strerror(errno));
       return db::kErrGeneral;
     }
     return pieces.Finish(hash, out);
@@ -444,6 +444,27 @@ long long NumberOr(const std::map<std::string, std::string>& values, const char*
 }
 
 }  // namespace
+
+int FileStore::StoreNewFile(const std::string& path, Stored& out) {
+  int raw = -1;
+  const int rc = OpenSource(path, raw);
+  Fd fd(raw);
+  return rc < 0 ? rc : StoreNewFileFd(fd.get(), out);
+}
+
+int FileStore::StoreWhole(const std::string& path, Stored& out) {
+  int raw = -1;
+  const int rc = OpenSource(path, raw);
+  Fd fd(raw);
+  return rc < 0 ? rc : StoreWholeFd(fd.get(), out);
+}
+
+int FileStore::StoreNewVersion(uint64_t base_id, const std::string& path, Stored& out) {
+  int raw = -1;
+  const int rc = OpenSource(path, raw);
+  Fd fd(raw);
+  return rc < 0 ? rc : StoreNewVersionFd(base_id, fd.get(), out);
+}
 
 Options LoadOptions(const std::string& setting_conf) {
   Options options;

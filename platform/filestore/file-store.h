@@ -63,18 +63,27 @@ class FileStore : public db::FileManager {
   // key, and the store is then plain.
   virtual int SetKey(const std::string& key) = 0;
 
-  // Stores the content of `path` (read once: copy, hash and signature).
-  virtual int StoreNewFile(const std::string& path, Stored& out) = 0;
-  // Stores `path` whole, without signature and whatever its size: a piece
+  // The content-taking calls read an open regular file from its start to
+  // its end. A caller that checked what it opened (a scan that must not be
+  // led through a symlink) passes the descriptor; the path forms open the
+  // path without following a final symlink. A descriptor that is not a
+  // regular file gives kErrInvalid and stores nothing.
+
+  // Stores the content of `fd` (read once: copy, hash and signature).
+  virtual int StoreNewFileFd(int fd, Stored& out) = 0;
+  int StoreNewFile(const std::string& path, Stored& out);
+  // Stores `fd` whole, without signature and whatever its size: a piece
   // that is read back by its origin path alone (a Mac attribute file).
-  virtual int StoreWhole(const std::string& path, Stored& out) = 0;
+  virtual int StoreWholeFd(int fd, Stored& out) = 0;
+  int StoreWhole(const std::string& path, Stored& out);
   // Stores `content` as a file's content (a symlink's target, for one).
   virtual int StoreBytes(const std::string& content, Stored& out) = 0;
-  // Stores the content of `path` as the next version of `base_id`: a delta
+  // Stores the content of `fd` as the next version of `base_id`: a delta
   // against base_id's signature, read once for delta, signature and hash.
   // A fresh origin when base_id's chain is full or base_id keeps no
   // signature. `out.file_id` is a new id; base_id stays valid.
-  virtual int StoreNewVersion(uint64_t base_id, const std::string& path, Stored& out) = 0;
+  virtual int StoreNewVersionFd(uint64_t base_id, int fd, Stored& out) = 0;
+  int StoreNewVersion(uint64_t base_id, const std::string& path, Stored& out);
 
   // The version of this file id was rotated away: its content is dropped
   // once no later delta is built on it. Unknown ids give kErrNotFound.

@@ -109,12 +109,14 @@ bool ParseAppleDouble(const std::string& d, Attrs& out) {
   return true;
 }
 
-// The Mac attributes of `path`, names without the Linux prefix.
-int ReadMacAttrs(const std::string& path, Attrs& out) {
-  ssize_t size = llistxattr(path.c_str(), nullptr, 0);
+// The Mac attributes, names without the Linux prefix, through `list` and
+// `get` (xattr calls on a path or on a descriptor).
+template <typename List, typename Get>
+int ReadMacAttrs(List list, Get get, Attrs& out) {
+  ssize_t size = list(nullptr, 0);
   if (size < 0) return -1;
   std::string names(static_cast<size_t>(size), '\0');
-  size = llistxattr(path.c_str(), names.data(), names.size());
+  size = list(names.data(), names.size());
   if (size < 0) return -1;
   names.resize(static_cast<size_t>(size));
   const std::string prefix = kLinuxPrefix + kMacPrefix;
@@ -122,16 +124,18 @@ int ReadMacAttrs(const std::string& path, Attrs& out) {
     std::string name = names.c_str() + pos;
     pos += name.size() + 1;
     if (name.compare(0, prefix.size(), prefix) != 0) continue;
-    ssize_t len = lgetxattr(path.c_str(), name.c_str(), nullptr, 0);
+    ssize_t len = get(name.c_str(), nullptr, 0);
     if (len < 0) return -1;
     std::string value(static_cast<size_t>(len), '\0');
-    len = lgetxattr(path.c_str(), name.c_str(), value.data(), value.size());
+    len = get(name.c_str(), value.data(), value.size());
     if (len < 0) return -1;
     value.resize(static_cast<size_t>(len));
     out.emplace_back(name.substr(kLinuxPrefix.size()), std::move(value));
   }
   return 0;
 }
+
+int PackAttrs(const Attrs& attrs, const std::string& out_appledouble);
 
 }  // namespace
 
@@ -155,7 +159,30 @@ int MacAttributeUnpack(const std::string& appledouble_path, const std::string& t
 
 int MacAttributePack(const std::string& path, const std::string& out_appledouble) {
   Attrs attrs;
-  if (ReadMacAttrs(path, attrs) < 0) return -1;
+  const char* p = path.c_str();
+  if (ReadMacAttrs([p](char* list, size_t size) { return llistxattr(p, list, size); },
+                   [p](const char* name, void* value, size_t size) {
+                     return lgetxattr(p, name, value, size);
+                   },
+                   attrs) < 0)
+    return -1;
+  return PackAttrs(attrs, out_appledouble);
+}
+
+int MacAttributePackFd(int fd, const std::string& out_appledouble) {
+  Attrs attrs;
+  if (ReadMacAttrs([fd](char* list, size_t size) { return flistxattr(fd, list, size); },
+                   [fd](const char* name, void* value, size_t size) {
+                     return fgetxattr(fd, name, value, size);
+                   },
+                   attrs) < 0)
+    return -1;
+  return PackAttrs(attrs, out_appledouble);
+}
+
+namespace {
+
+int PackAttrs(const Attrs& attrs, const std::string& out_appledouble) {
   if (attrs.size() > UINT16_MAX) {
     errno = E2BIG;
     return -1;
@@ -221,3 +248,5 @@ int MacAttributePack(const std::string& path, const std::string& out_appledouble
   if (fileutil::WriteAll(out.get(), d.data(), d.size()) < 0) return -1;
   return out.close();
 }
+
+}  // namespace

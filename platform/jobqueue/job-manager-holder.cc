@@ -5,6 +5,7 @@
 
 #include "job-queue.h"
 #include "logger.h"
+#include "private-files.h"
 #include "sync-service.h"
 
 namespace tidepool::db::job {
@@ -22,6 +23,8 @@ int JobManagerHolder::Initialize() {
   if (impl_ != nullptr) return 0;
   SyncConfigMgr config;
   if (SyncGetConf(config) < 0) return -1;
+  // Made 0600 before SQLite sees it, so its -wal and -shm are 0600 too.
+  tpsys::PreparePrivateDatabase(config.GetSystemRepoLocation() + "/job-queue.sqlite", true);
   try {
     auto database =
         std::make_unique<SQLite::Database>(config.GetSystemRepoLocation() + "/job-queue.sqlite",

@@ -18,6 +18,7 @@
 
 #include "host-accounts.h"
 #include "logger.h"
+#include "private-files.h"
 #include "user-db-schema.h"
 
 namespace {
@@ -114,18 +115,36 @@ void RefreshAccountState(UserInfo& info) {
     info.attribute &= ~UserInfo::kAttrHVOSDisabled;
 }
 
-// Creates the owner's root folder; a person's folder belongs to the person.
+// Creates the owner's root folder. A person's root lies in their home
+// ("<home>/Tidepool"): both are the person's and closed to everyone else;
+// the folders above belong to the system.
 int EnsureRootFolder(const std::string& root_path, uint32_t uid) {
   if (root_path.empty()) return 0;
   std::error_code ec;
   if (fs::is_directory(root_path, ec)) return 0;
-  if (!fs::create_directories(root_path, ec) && ec) {
-    LOG_ERROR("cannot create %s: %s\n", root_path.c_str(), ec.message().c_str());
+  const fs::path root(root_path);
+  const fs::path top = uid != 0 ? root.parent_path() : root;
+  if (!fs::create_directories(top.parent_path(), ec) && ec) {
+    LOG_ERROR("cannot create %s: %s\n", top.parent_path().c_str(), ec.message().c_str());
     return -1;
   }
-  if (uid != 0 && chown(root_path.c_str(), uid, static_cast<gid_t>(-1)) != 0) {
-    LOG_ERROR("chown(%s, %u): %s (%d)\n", root_path.c_str(), uid, strerror(errno), errno);
-    return -1;
+  if (uid == 0) {
+    if (mkdir(root.c_str(), 0755) != 0 && errno != EEXIST) {
+      LOG_ERROR("mkdir(%s): %s (%d)\n", root.c_str(), strerror(errno), errno);
+      return -1;
+    }
+    return 0;
+  }
+  for (const fs::path& dir : {top, root}) {
+    if (mkdir(dir.c_str(), 0700) != 0) {
+      if (errno == EEXIST) continue;  // a home that exists stays as it is
+      LOG_ERROR("mkdir(%s): %s (%d)\n", dir.c_str(), strerror(errno), errno);
+      return -1;
+    }
+    if (chown(dir.c_str(), uid, static_cast<gid_t>(-1)) != 0) {
+      LOG_ERROR("chown(%s, %u): %s (%d)\n", dir.c_str(), uid, strerror(errno), errno);
+      return -1;
+    }
   }
   return 0;
 }
@@ -207,8 +226,9 @@ int UserManager::Initialize(const std::string& connect_param, const std::string&
   const std::string path = (fs::path(connect_param) / kDbFileName).string();
   if (g_db && g_path == path) return 0;
   Destroy();
-  std::error_code ec;
-  fs::create_directories(connect_param, ec);
+  tpsys::MakePrivateDir(connect_param);
+  // Made 0600 before SQLite sees it, so its -wal and -shm are 0600 too.
+  tpsys::PreparePrivateDatabase(path, true);
   try {
     auto db = std::make_unique<SQLite::Database>(path, SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE,
                                                  kBusyTimeoutMs);

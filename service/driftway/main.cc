@@ -19,6 +19,7 @@
 #include "driftway-protocol.h"
 #include "event-loop.h"
 #include "logger.h"
+#include "private-files.h"
 #include "requests.h"
 #include "sync-service.h"
 #include "user-manager.h"
@@ -98,6 +99,8 @@ int Run() {
     fprintf(stderr, "driftway: cannot read the service configuration\n");
     return 1;
   }
+  // Repositories made by older installs are narrowed once.
+  tpsys::SecureRepository(config.GetSystemRepoLocation());
   if (UserManager::Initialize(config.GetDbConnectParam(), config.GetDBBackendString()) < 0) {
     fprintf(stderr, "driftway: cannot open the user database in %s\n",
             config.GetDbConnectParam().c_str());

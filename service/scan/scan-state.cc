@@ -6,6 +6,7 @@
 
 #include "db/errors.h"
 #include "logger.h"
+#include "private-files.h"
 
 namespace scan {
 namespace {
@@ -45,6 +46,8 @@ int64_t I(uint64_t v) { return static_cast<int64_t>(v); }
 }  // namespace
 
 int ScanState::Open(const std::string& repository) {
+  // Made 0600 before SQLite sees it, so its -wal and -shm are 0600 too.
+  tpsys::PreparePrivateDatabase(repository + "/scan-db.sqlite", true);
   return Guard("open", [&] {
     db_ = std::make_unique<SQLite::Database>(repository + "/scan-db.sqlite",
                                              SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE, 5000);

@@ -15,6 +15,7 @@
 #include "file-store.h"
 #include "hvos-service.h"
 #include "logger.h"
+#include "private-files.h"
 #include "scan-state.h"
 #include "sync-service.h"
 #include "user-manager.h"
@@ -55,7 +56,10 @@ struct Databases {
     const std::string repo = config.GetSystemRepoLocation();
     const std::string connect = config.GetDbConnectParam();
     const std::string backend = config.GetDBBackendString();
-    mkdir(repo.c_str(), 0755);
+    // Repositories made by older installs are narrowed once.
+    tpsys::SecureRepository(repo);
+    if (connect != repo) tpsys::SecureRepository(connect);
+    tpsys::MakePrivateDir(repo);
     int rc = UserManager::Initialize(connect, backend);
     if (rc >= 0) rc = db::Manager::Initialize(repo, connect, backend);
     if (rc >= 0) rc = db::LogManager::Initialize(repo, connect, backend, false);
@@ -73,7 +77,8 @@ class Stores {
     auto it = stores_.find(volume);
     if (it != stores_.end()) return it->second.get();
     const std::string folder = volume + "/@tidepool/@sync";
-    mkdir((volume + "/@tidepool").c_str(), 0755);
+    tpsys::SecureRepository(volume + "/@tidepool");
+    tpsys::MakePrivateDir(volume + "/@tidepool");
     std::unique_ptr<filestore::FileStore> store;
     int rc = filestore::FileStore::Open(folder, true, options_, store);
     if (rc >= 0) rc = db::Manager::RegisterVolume(volume, store->uuid(), folder);

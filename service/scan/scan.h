@@ -23,8 +23,9 @@ struct ScanSummary {
   unsigned removed = 0;
   unsigned moved = 0;
   unsigned rotated = 0;
-  unsigned failed = 0;   // entries that could not be recorded
-  unsigned skipped = 0;  // views of locked encrypted shares, left alone
+  unsigned failed = 0;    // entries that could not be recorded
+  unsigned skipped = 0;   // views of locked encrypted shares, left alone
+  unsigned deferred = 0;  // entries that changed kind while read: the next pass takes them
 };
 
 // The owner of one view and where its tree lies.

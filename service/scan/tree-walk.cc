@@ -3,7 +3,9 @@
 #include <acl/libacl.h>
 #include <dirent.h>
 #include <fcntl.h>
+#include <linux/openat2.h>
 #include <sys/acl.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -16,6 +18,15 @@
 namespace scan {
 namespace {
 
+std::function<void(const std::string&)>& BeforeOpen() {
+  static std::function<void(const std::string&)> hook;
+  return hook;
+}
+
+void CallBeforeOpen(const std::string& view_path) {
+  if (BeforeOpen()) BeforeOpen()(view_path);
+}
+
 int TypeOf(mode_t mode) {
   if (S_ISREG(mode)) return db::kFileTypeFile;
   if (S_ISDIR(mode)) return db::kFileTypeDir;
@@ -23,8 +34,14 @@ int TypeOf(mode_t mode) {
   return -1;
 }
 
+// Errors of an open that mean the entry is not what the listing said.
+bool KindChanged(int error) {
+  return error == ELOOP || error == ENOTDIR || error == ENXIO || error == ENOENT ||
+         error == EXDEV || error == ESTALE;
+}
+
 void Walk(int dir_fd, const std::string& view_path, const std::string& abs_path,
-          std::vector<DiskEntry>& out) {
+          std::vector<DiskEntry>& out, std::vector<std::string>& deferred) {
   DIR* dir = fdopendir(dir_fd);
   if (!dir) {
     close(dir_fd);
@@ -53,34 +70,45 @@ void Walk(int dir_fd, const std::string& view_path, const std::string& abs_path,
     if (e.file_type == db::kFileTypeSymlink) {
       std::string target(static_cast<size_t>(e.st.st_size) + 1, '\0');
       const ssize_t n = readlinkat(dirfd(dir), name.c_str(), target.data(), target.size());
-      if (n < 0) continue;
-      target.resize(static_cast<size_t>(n));
-      e.link_target = std::move(target);
-    } else {
-      e.acl = AclText(e.abs_path);
-    }
-    const bool is_dir = e.file_type == db::kFileTypeDir;
-    const std::string child_view = e.path, child_abs = e.abs_path;
-    out.push_back(std::move(e));
-    if (is_dir) {
-      const int fd =
-          openat(dirfd(dir), name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-      if (fd < 0) {
-        LOG_WARNING("scan: cannot open %s: %s\n", child_abs.c_str(), strerror(errno));
+      if (n < 0) {
+        // No longer a link: whatever it is now waits for the next pass.
+        if (errno == EINVAL || errno == ENOENT) deferred.push_back(e.path);
         continue;
       }
-      Walk(fd, child_view, child_abs, out);
+      target.resize(static_cast<size_t>(n));
+      e.link_target = std::move(target);
     }
+    if (e.file_type != db::kFileTypeDir) {
+      out.push_back(std::move(e));
+      continue;
+    }
+    // The folder is entered through what this open gives, never by path.
+    CallBeforeOpen(e.path);
+    const int fd =
+        openat(dirfd(dir), name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    struct stat now;
+    if (fd < 0 || fstat(fd, &now) != 0) {
+      const int error = errno;
+      if (fd >= 0) close(fd);
+      if (KindChanged(error)) {
+        deferred.push_back(e.path);
+      } else {
+        LOG_WARNING("scan: cannot open %s: %s\n", e.abs_path.c_str(), strerror(error));
+      }
+      continue;
+    }
+    e.st = now;
+    const std::string child_view = e.path, child_abs = e.abs_path;
+    out.push_back(std::move(e));
+    Walk(fd, child_view, child_abs, out, deferred);
   }
   closedir(dir);
 }
 
 }  // namespace
 
-std::string AclText(const std::string& path) {
-  // Most files have no extended ACL; one attribute look-up says so.
-  if (acl_extended_file_nofollow(path.c_str()) != 1) return "";
-  acl_t acl = acl_get_file(path.c_str(), ACL_TYPE_ACCESS);
+std::string AclText(int fd) {
+  acl_t acl = acl_get_fd(fd);
   if (!acl) return "";
   std::string text;
   if (acl_equiv_mode(acl, nullptr) == 0) {
@@ -95,12 +123,47 @@ std::string AclText(const std::string& path) {
   return text;
 }
 
-int WalkTree(const std::string& root, std::vector<DiskEntry>& out) {
+int OpenBeneath(int root_fd, DiskEntry& e) {
+  CallBeforeOpen(e.path);
+  const bool is_dir = e.file_type == db::kFileTypeDir;
+  open_how how{};
+  // O_NONBLOCK: a FIFO or device put in the file's place must not hang
+  // the scan at the open; the fstat below refuses to read it.
+  how.flags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC |
+              static_cast<uint64_t>(is_dir ? O_DIRECTORY : 0);
+  how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
+  const std::string relative = e.path.substr(1);
+  const int fd =
+      static_cast<int>(syscall(SYS_openat2, root_fd, relative.c_str(), &how, sizeof how));
+  if (fd < 0) {
+    if (KindChanged(errno)) errno = ESTALE;
+    return -1;
+  }
+  struct stat st;
+  if (fstat(fd, &st) != 0 || TypeOf(st.st_mode) != e.file_type) {
+    close(fd);
+    errno = ESTALE;
+    return -1;
+  }
+  e.st = st;
+  e.acl = AclText(fd);
+  return fd;
+}
+
+int WalkTree(int root_fd, const std::string& root, std::vector<DiskEntry>& out,
+             std::vector<std::string>& deferred) {
   out.clear();
-  const int fd = open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  deferred.clear();
+  // A descriptor of its own (the walk consumes it, and a listing position
+  // shared with the caller's would be left at the end).
+  const int fd = openat(root_fd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (fd < 0) return -1;
-  Walk(fd, "/", root, out);
+  Walk(fd, "/", root, out, deferred);
   return 0;
+}
+
+void TEST_SetBeforeOpen(std::function<void(const std::string& view_path)> hook) {
+  BeforeOpen() = std::move(hook);
 }
 
 }  // namespace scan

@@ -40,18 +40,18 @@ struct PairHash {
   }
 };
 
-// Whether `path` carries any "user.com.apple." attribute: one listing,
-// and no packing for the many files that have none.
-bool HasMacAttrs(const std::string& path) {
+// Whether the open file carries any "user.com.apple." attribute: one
+// listing, and no packing for the many files that have none.
+bool HasMacAttrs(int fd) {
   static constexpr char kPrefix[] = "user.com.apple.";
   char small[4096];
   std::string names;
-  ssize_t n = llistxattr(path.c_str(), small, sizeof small);
+  ssize_t n = flistxattr(fd, small, sizeof small);
   if (n < 0 && errno == ERANGE) {
-    n = llistxattr(path.c_str(), nullptr, 0);
+    n = flistxattr(fd, nullptr, 0);
     if (n > 0) {
       names.resize(static_cast<size_t>(n));
-      n = llistxattr(path.c_str(), names.data(), names.size());
+      n = flistxattr(fd, names.data(), names.size());
     }
   } else if (n > 0) {
     names.assign(small, static_cast<size_t>(n));
@@ -93,13 +93,34 @@ bool SameStat(const Recorded& a, const Recorded& b) {
          a.mtime_ns == b.mtime_ns;
 }
 
+class ScopedFd {
+ public:
+  explicit ScopedFd(int fd = -1) : fd_(fd) {}
+  ScopedFd(const ScopedFd&) = delete;
+  ScopedFd& operator=(const ScopedFd&) = delete;
+  ~ScopedFd() {
+    if (fd_ >= 0) close(fd_);
+  }
+  int get() const { return fd_; }
+
+ private:
+  int fd_;
+};
+
 }  // namespace
 
+ViewScan::~ViewScan() {
+  if (root_fd_ >= 0) close(root_fd_);
+}
+
 int ViewScan::Run() {
-  if (WalkTree(target_.root_path, entries_) < 0) {
-    LOG_ERROR("scan: cannot read %s\n", target_.root_path.c_str());
+  // The root itself may have been swapped for a link by the folder's owner.
+  root_fd_ = open(target_.root_path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  if (root_fd_ < 0 || WalkTree(root_fd_, target_.root_path, entries_, deferred_) < 0) {
+    LOG_ERROR("scan: cannot read %s: %s\n", target_.root_path.c_str(), strerror(errno));
     return db::kErrCannotOpen;
   }
+  summary_.deferred += static_cast<unsigned>(deferred_.size());
   int rc = LoadLive();
   if (rc < 0 || (rc = state_.Load(target_.view_id, recorded_)) < 0) return rc;
   if (view_.Reader().GetRotateCount(rotate_count_) < 0) rotate_count_ = 0;
@@ -113,7 +134,7 @@ int ViewScan::Run() {
   if (rc >= 0) rc = PlaceAll();
   std::vector<const Live*> left;
   for (const auto& [id, live] : live_)
-    if (!live.claimed && !live.gone) left.push_back(&live);
+    if (!live.claimed && !live.gone && !IsDeferred(live.path)) left.push_back(&live);
   std::sort(left.begin(), left.end(),
             [](const Live* a, const Live* b) { return a->path < b->path; });
   for (const Live* live : left)
@@ -124,11 +145,23 @@ int ViewScan::Run() {
   return commit < 0 ? commit : rc;
 }
 
+bool ViewScan::IsDeferred(const std::string& path) const {
+  for (const std::string& d : deferred_)
+    if (path == d || IsUnder(path, d)) return true;
+  return false;
+}
+
+void ViewScan::Defer(const DiskEntry& e) {
+  LOG_INFO("scan: %s changed while being read; left for the next pass\n", e.abs_path.c_str());
+  deferred_.push_back(e.path);
+  ++summary_.deferred;
+}
+
 int ViewScan::RecordRoot() {
   struct stat st;
-  if (stat(target_.root_path.c_str(), &st) != 0) return db::kErrCannotOpen;
+  if (fstat(root_fd_, &st) != 0) return db::kErrCannotOpen;
   const uint32_t mode = st.st_mode & 07777;
-  const std::string acl = AclText(target_.root_path);
+  const std::string acl = AclText(root_fd_);
   std::vector<db::Version> versions;
   const int rc = view_.Reader().ListVersion(root_id_, versions, db::ViewManager::kListVersionAll);
   if (rc < 0) return rc;
@@ -235,6 +268,8 @@ int ViewScan::PlaceAll() {
     if (!progress) break;
   }
   for (size_t i = 0; i < entries_.size(); ++i) {
+    // Below a folder left for the next pass: so is this entry.
+    if (!placed_[i] && IsDeferred(entries_[i].path)) continue;
     if (!placed_[i]) {
       LOG_ERROR("scan: cannot place %s\n", entries_[i].abs_path.c_str());
       ++summary_.failed;
@@ -328,7 +363,7 @@ int ViewScan::PreviousOf(uint64_t node_id, Recorded& out) {
   return db::kOk;
 }
 
-int ViewScan::StoreMacAttr(const DiskEntry& e, const Recorded* prev, Recorded& now) {
+int ViewScan::StoreMacAttr(const DiskEntry& e, int fd, const Recorded* prev, Recorded& now) {
   auto keep_previous = [&] {
     now.mac_file_id = prev->mac_file_id;
     now.mac_uuid = prev->mac_uuid;
@@ -340,17 +375,17 @@ int ViewScan::StoreMacAttr(const DiskEntry& e, const Recorded* prev, Recorded& n
     return db::kOk;
   }
   // Symlinks cannot carry user attributes on Linux.
-  if (e.file_type == db::kFileTypeSymlink || !HasMacAttrs(e.abs_path)) return db::kOk;
+  if (e.file_type == db::kFileTypeSymlink || fd < 0 || !HasMacAttrs(fd)) return db::kOk;
   std::string packed = store_.folder() + "/.mac-XXXXXX";
-  const int fd = mkostemp(packed.data(), O_CLOEXEC);
-  if (fd < 0) {
+  const int packed_fd = mkostemp(packed.data(), O_CLOEXEC);
+  if (packed_fd < 0) {
     LOG_ERROR("scan: no room to pack the Mac attributes of %s: %s\n", e.abs_path.c_str(),
               strerror(errno));
     return db::kErrGeneral;
   }
   int rc = db::kOk;
   std::string hash;
-  if (MacAttributePack(e.abs_path, packed) < 0 || (hash = HashOf(fd)).empty()) {
+  if (MacAttributePackFd(fd, packed) < 0 || (hash = HashOf(packed_fd)).empty()) {
     LOG_ERROR("scan: cannot pack the Mac attributes of %s: %s\n", e.abs_path.c_str(),
               strerror(errno));
     rc = db::kErrGeneral;
@@ -359,14 +394,14 @@ int ViewScan::StoreMacAttr(const DiskEntry& e, const Recorded* prev, Recorded& n
     keep_previous();
   } else {
     filestore::Stored stored;
-    rc = store_.StoreWhole(packed, stored);
+    rc = store_.StoreWholeFd(packed_fd, stored);
     if (rc >= 0) {
       now.mac_file_id = stored.file_id;
       now.mac_uuid = store_.uuid();
       now.mac_hash = stored.hash;
     }
   }
-  close(fd);
+  close(packed_fd);
   unlink(packed.c_str());
   return rc;
 }
@@ -374,7 +409,7 @@ int ViewScan::StoreMacAttr(const DiskEntry& e, const Recorded* prev, Recorded& n
 // Content is read only when size, time or inode moved on, and then once:
 // as a delta against the previous version where there is one. A touch that
 // left the bytes alone keeps the previous content.
-int ViewScan::StoreContent(const DiskEntry& e, const Recorded* prev, Recorded& now) {
+int ViewScan::StoreContent(const DiskEntry& e, int fd, const Recorded* prev, Recorded& now) {
   now.size = e.file_type == db::kFileTypeSymlink ? e.link_target.size()
                                                  : static_cast<uint64_t>(e.st.st_size);
   if (e.file_type == db::kFileTypeDir) {
@@ -396,12 +431,14 @@ int ViewScan::StoreContent(const DiskEntry& e, const Recorded* prev, Recorded& n
   int rc;
   if (e.file_type == db::kFileTypeSymlink) {
     rc = store_.StoreBytes(e.link_target, stored);
+  } else if (fd < 0) {
+    rc = db::kErrInvalid;  // changed, yet not opened: never read by path
   } else if (prev && prev->file_id != 0 && prev->ver_type == db::kVerTypeStored &&
              prev->file_uuid == store_.uuid() && prev->file_type == e.file_type) {
-    rc = store_.StoreNewVersion(prev->file_id, e.abs_path, stored);
-    if (rc == db::kErrNotFound) rc = store_.StoreNewFile(e.abs_path, stored);
+    rc = store_.StoreNewVersionFd(prev->file_id, fd, stored);
+    if (rc == db::kErrNotFound) rc = store_.StoreNewFileFd(fd, stored);
   } else {
-    rc = store_.StoreNewFile(e.abs_path, stored);
+    rc = store_.StoreNewFileFd(fd, stored);
   }
   if (rc < 0) {
     LOG_ERROR("scan: cannot store %s (%d)\n", e.abs_path.c_str(), rc);
@@ -422,12 +459,31 @@ int ViewScan::StoreContent(const DiskEntry& e, const Recorded* prev, Recorded& n
 }
 
 int ViewScan::Record(size_t i, uint64_t node_id) {
-  const DiskEntry& e = entries_[i];
+  DiskEntry& e = entries_[i];
   Recorded prev;
   const bool have_prev = node_id != 0 && PreviousOf(node_id, prev) == 0;
   Recorded now = FromDisk(e);
-  int rc = StoreContent(e, have_prev ? &prev : nullptr, now);
-  if (rc >= 0) rc = StoreMacAttr(e, have_prev ? &prev : nullptr, now);
+  // Any change to content, owner, mode, ACL or attributes moves ctime: an
+  // entry whose stat fields all stayed is not even opened.
+  const bool untouched = have_prev && SameStat(prev, now) && prev.ctime_ns == now.ctime_ns;
+  int opened = -1;
+  if (untouched) {
+    now.acl = prev.acl;
+  } else if (e.file_type != db::kFileTypeSymlink) {
+    opened = OpenBeneath(root_fd_, e);
+    if (opened < 0 && errno == ESTALE) {
+      Defer(e);
+      return db::kOk;
+    }
+    if (opened < 0) {
+      LOG_ERROR("scan: cannot open %s: %s\n", e.abs_path.c_str(), strerror(errno));
+      return db::kErrCannotOpen;
+    }
+    now = FromDisk(e);
+  }
+  const ScopedFd fd(opened);
+  int rc = StoreContent(e, fd.get(), have_prev ? &prev : nullptr, now);
+  if (rc >= 0) rc = StoreMacAttr(e, fd.get(), have_prev ? &prev : nullptr, now);
   if (rc < 0) return rc;
   const bool new_mac = now.mac_file_id != 0 && (!have_prev || now.mac_file_id != prev.mac_file_id);
   const bool is_dir = e.file_type == db::kFileTypeDir;

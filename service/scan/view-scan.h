@@ -27,6 +27,9 @@ class ViewScan {
         state_(state),
         options_(options),
         summary_(summary) {}
+  ~ViewScan();
+  ViewScan(const ViewScan&) = delete;
+  ViewScan& operator=(const ViewScan&) = delete;
   // 0, or negative when the view could not be scanned at all.
   int Run();
 
@@ -51,10 +54,15 @@ class ViewScan {
   bool ParentReady(const std::string& path) const;
   int Move(size_t i);
   int Record(size_t i, uint64_t node_id);
-  int StoreContent(const DiskEntry& e, const Recorded* prev, Recorded& now);
+  // `fd` is the entry opened by OpenBeneath; -1 for a symlink, or when the
+  // stat fields show nothing changed and nothing is read.
+  int StoreContent(const DiskEntry& e, int fd, const Recorded* prev, Recorded& now);
   // The entry's Mac attributes, packed into one AppleDouble piece of the
   // store; the previous piece is kept when the packed bytes are the same.
-  int StoreMacAttr(const DiskEntry& e, const Recorded* prev, Recorded& now);
+  int StoreMacAttr(const DiskEntry& e, int fd, const Recorded* prev, Recorded& now);
+  // Whether `path` is, or lies under, an entry left for the next pass.
+  bool IsDeferred(const std::string& path) const;
+  void Defer(const DiskEntry& e);
   void RemoveLive(uint64_t node_id);
   void Rotate(uint64_t node_id, const std::string& path, int32_t type);
   int PreviousOf(uint64_t node_id, Recorded& out);
@@ -68,9 +76,11 @@ class ViewScan {
   const ScanOptions& options_;
   ScanSummary& summary_;
 
+  int root_fd_ = -1;
   uint64_t root_id_ = 0;
   int rotate_count_ = 0;
   std::vector<DiskEntry> entries_;
+  std::vector<std::string> deferred_;
   std::vector<uint64_t> node_of_;  // per entry; 0 for a new node
   std::vector<bool> placed_;
   std::unordered_map<uint64_t, Live> live_;

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <openssl/evp.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -295,6 +296,50 @@ TEST(FileStoreOptions, ReadFromTheSettingFile) {
     EXPECT_EQ(o.live_version_min_size, c.live) << c.text;
   }
   EXPECT_EQ(filestore::LoadOptions("/nonexistent").max_delta_chain, 8);
+}
+
+}  // namespace
+
+namespace {
+
+// Content comes from an open descriptor, read from its start whatever its
+// position; anything but a regular file is refused at once, and the path
+// forms never follow a link to somewhere else.
+TEST_F(FileStoreTest, ContentFromADescriptorIsExactlyWhatWasOpened) {
+  auto store = OpenStore();
+  const std::string first = tptest::RandomBytes(40 << 10, 11);
+  const std::string second = Edit(first, 1);
+  int fd = open(Put("f", first).c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_GE(fd, 0);
+  ASSERT_EQ(lseek(fd, 100, SEEK_SET), 100);
+  Stored v0, v1;
+  ASSERT_EQ(store->StoreNewFileFd(fd, v0), db::kOk);
+  close(fd);
+  EXPECT_EQ(Rebuilt(*store, v0.file_id), first);
+  // The path now names other content; the descriptor still holds its own.
+  fd = open(Put("g", second).c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_GE(fd, 0);
+  fs::remove(kWork + "/g");
+  Put("g", "made after the open");
+  ASSERT_EQ(store->StoreNewVersionFd(v0.file_id, fd, v1), db::kOk);
+  close(fd);
+  EXPECT_EQ(Rebuilt(*store, v1.file_id), second);
+  EXPECT_EQ(v1.hash, tptest::Sha256Hex(second));
+
+  // A pipe or a folder: refused without a read that would block.
+  ASSERT_EQ(mkfifo((kWork + "/pipe").c_str(), 0600), 0);
+  const int pipe_fd = open((kWork + "/pipe").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  const int dir_fd = open(kWork.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  Stored none;
+  EXPECT_EQ(store->StoreNewFileFd(pipe_fd, none), db::kErrInvalid);
+  EXPECT_EQ(store->StoreWholeFd(dir_fd, none), db::kErrInvalid);
+  EXPECT_EQ(store->StoreNewVersionFd(v1.file_id, pipe_fd, none), db::kErrInvalid);
+  close(pipe_fd);
+  close(dir_fd);
+  ASSERT_EQ(symlink((kWork + "/f").c_str(), (kWork + "/link").c_str()), 0);
+  EXPECT_LT(store->StoreNewFile(kWork + "/link", none), 0);
+  EXPECT_LT(store->StoreNewFile(kWork + "/pipe", none), 0);
+  EXPECT_EQ(none.file_id, 0u);
 }
 
 }  // namespace

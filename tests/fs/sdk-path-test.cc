@@ -120,7 +120,9 @@ TEST_F(SdkPathTest, RightsFromOwnerModeAndAcl) {
   const std::string grouped =
       Make("grouped", 0, 0, 0600, "u::rw-,g::---,g:" + staff + ":r--,m::rwx,o::rwx");
   EXPECT_EQ(Rights("bob", grouped), kRead);
-  EXPECT_EQ(Rights("carol", grouped), kRead | kWrite | kSearch);
+  EXPECT_EQ(Rights("alice", grouped), kRead | kWrite | kSearch);
+  // The share's folder itself stops carol, who has no say on the share.
+  EXPECT_EQ(Rights("carol", grouped), 0);
   // A folder's x is search; root may do everything.
   const std::string folder = Make("folder", alice, 100, 0750, "", true);
   EXPECT_EQ(Rights("alice", folder), kRead | kWrite | kSearch);

@@ -1,6 +1,12 @@
 #include <SQLiteCpp/Database.h>
+#include <acl/libacl.h>
+#include <dirent.h>
+#include <fcntl.h>
+#include <grp.h>
 #include <gtest/gtest.h>
+#include <sys/acl.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <ctime>
@@ -37,6 +43,104 @@ class AccountsTest : public ::testing::Test {
 };
 
 int64_t Today() { return static_cast<int64_t>(time(nullptr)) / 86400; }
+
+// What `uid` (group users) can do in `dir`: 'r' when it can list it, 'w'
+// when it can make a file in it, 'd' when it can remove `victim` there.
+std::string TryAs(uint32_t uid, const std::string& dir, const std::string& victim = "") {
+  int pipe_fds[2];
+  if (pipe(pipe_fds) != 0) return "?";
+  const pid_t pid = fork();
+  if (pid == 0) {
+    close(pipe_fds[0]);
+    gid_t users = 100;
+    if (setgroups(1, &users) != 0 || setresgid(100, 100, 100) != 0 || setresuid(uid, uid, uid) != 0)
+      _exit(1);
+    std::string can;
+    if (DIR* d = opendir(dir.c_str())) {
+      can += 'r';
+      closedir(d);
+    }
+    const std::string mine = dir + "/by-" + std::to_string(uid);
+    const int fd = open(mine.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0644);
+    if (fd >= 0) {
+      can += 'w';
+      close(fd);
+    }
+    if (!victim.empty() && unlink((dir + "/" + victim).c_str()) == 0) can += 'd';
+    if (write(pipe_fds[1], can.data(), can.size()) < 0) _exit(1);
+    _exit(0);
+  }
+  close(pipe_fds[1]);
+  char buf[8];
+  const ssize_t n = read(pipe_fds[0], buf, sizeof buf);
+  close(pipe_fds[0]);
+  waitpid(pid, nullptr, 0);
+  return n > 0 ? std::string(buf, static_cast<size_t>(n)) : "";
+}
+
+// The named user entries of a folder's access ACL, "uid:rwx" each.
+std::vector<std::string> NamedEntries(const std::string& path) {
+  std::vector<std::string> out;
+  acl_t acl = acl_get_file(path.c_str(), ACL_TYPE_ACCESS);
+  if (!acl) return out;
+  char* text = acl_to_any_text(acl, nullptr, ',', TEXT_NUMERIC_IDS);
+  std::string all = text ? text : "";
+  acl_free(text);
+  acl_free(acl);
+  for (size_t pos = 0; pos < all.size();) {
+    size_t end = all.find(',', pos);
+    if (end == std::string::npos) end = all.size();
+    const std::string entry = all.substr(pos, end - pos);
+    if (entry.rfind("user:", 0) == 0 && entry.compare(0, 6, "user::") != 0)
+      out.push_back(entry.substr(5));
+    pos = end + 1;
+  }
+  return out;
+}
+
+// A share's folder lets in the users its permissions name, as far as they
+// name, and the sticky bit keeps writers off each other's entries.
+TEST_F(AccountsTest, ShareFoldersOpenAsFarAsTheirPermissionsSay) {
+  const int alice = accounts_->AddUser("alice", "pw");
+  const int bob = accounts_->AddUser("bob", "pw");
+  const int carol = accounts_->AddUser("carol", "pw");
+  const int admin = accounts_->AddUser("admin", "pw");
+  ASSERT_GT(alice, 0);
+  ASSERT_GT(bob, 0);
+  ASSERT_GT(carol, 0);
+  ASSERT_GT(admin, 0);
+  ASSERT_EQ(accounts_->AddShare(MakeShare("team")), 0);
+  const std::string team = "/volume1/team";
+  struct stat st {};
+  ASSERT_EQ(stat(team.c_str(), &st), 0);
+  EXPECT_EQ(st.st_uid, 0u);
+  EXPECT_EQ(st.st_gid, 100u);
+  EXPECT_EQ(st.st_mode & 07777, 01700u);
+  EXPECT_EQ(TryAs(alice, team), "");
+
+  ASSERT_EQ(accounts_->SetSharePermission("team", "alice", SharePermission::kReadWrite), 0);
+  ASSERT_EQ(accounts_->SetSharePermission("team", "carol", SharePermission::kReadWrite), 0);
+  ASSERT_EQ(accounts_->SetSharePermission("team", "bob", SharePermission::kReadOnly), 0);
+  ASSERT_GE(accounts_->AddGroupMember(hostaccounts::kAdministratorsGroup, "admin"), 0);
+  ASSERT_EQ(stat(team.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 01770u);
+  auto entry = [](int uid, const char* perms) { return std::to_string(uid) + ":" + perms; };
+  EXPECT_EQ(NamedEntries(team),
+            (std::vector<std::string>{entry(alice, "rwx"), entry(bob, "r-x"), entry(carol, "rwx"),
+                                      entry(admin, "rwx")}));
+  EXPECT_EQ(TryAs(alice, team), "rw");
+  EXPECT_EQ(TryAs(bob, team), "r");
+  EXPECT_EQ(TryAs(admin, team), "rw");
+  // carol may write too, yet not remove what alice made.
+  EXPECT_EQ(TryAs(carol, team, "by-" + std::to_string(alice)), "rw");
+  EXPECT_TRUE(std::filesystem::exists(team + "/by-" + std::to_string(alice)));
+
+  ASSERT_EQ(accounts_->SetSharePermission("team", "carol", SharePermission::kNone), 0);
+  ASSERT_GE(accounts_->RemoveGroupMember(hostaccounts::kAdministratorsGroup, "admin"), 0);
+  EXPECT_EQ(NamedEntries(team), (std::vector<std::string>{entry(alice, "rwx"), entry(bob, "r-x")}));
+  EXPECT_EQ(TryAs(carol, team), "");
+  EXPECT_EQ(TryAs(admin, team), "");
+}
 
 TEST_F(AccountsTest, UsersLogInWithTheirOwnPasswordOnly) {
   EXPECT_EQ(accounts_->AddUser("alice", "wonder land"), 1026);
@@ -163,7 +267,6 @@ TEST_F(AccountsTest, SharesHaveAFolderAndPerUserPermissions) {
   struct stat st {};
   ASSERT_EQ(stat("/volume1/Photos", &st), 0);
   EXPECT_TRUE(S_ISDIR(st.st_mode));
-  EXPECT_EQ(st.st_mode & 07777, 0777u);
 
   hostaccounts::Share share;
   ASSERT_EQ(accounts_->GetShare("PHOTOS", share), 0);

@@ -1,7 +1,11 @@
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <grp.h>
 #include <sys/acl.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 #include "content.h"
 
@@ -296,3 +300,75 @@ TEST_F(ScanTest, OldVersionsRotateAwayAndTheirContentIsReleased) {
 }
 
 }  // namespace
+
+namespace {
+
+// Every folder under `root` that is not 0700 and every file that is not
+// 0600, or not root's; and how many files were looked at.
+std::vector<std::string> WiderThanPrivate(const std::string& root, size_t& files) {
+  std::vector<std::string> wide;
+  files = 0;
+  for (const auto& e : fs::recursive_directory_iterator(root)) {
+    struct stat st {};
+    if (lstat(e.path().c_str(), &st) != 0) continue;
+    const bool dir = S_ISDIR(st.st_mode);
+    files += dir ? 0 : 1;
+    if ((st.st_mode & 07777) != (dir ? 0700u : 0600u) || st.st_uid != 0)
+      wide.push_back(e.path().string());
+  }
+  return wide;
+}
+
+// Whether an unprivileged account can open `path` for reading.
+bool NobodyCanRead(const std::string& path) {
+  const pid_t pid = fork();
+  if (pid == 0) {
+    if (setgroups(0, nullptr) != 0 || setresgid(65534, 65534, 65534) != 0 ||
+        setresuid(65534, 65534, 65534) != 0)
+      _exit(2);
+    _exit(open(path.c_str(), O_RDONLY) >= 0 ? 0 : 1);
+  }
+  int status = 0;
+  waitpid(pid, &status, 0);
+  return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+}  // namespace
+
+// The repository holds everyone's history: its databases (and their -wal
+// and -shm files), pieces and folders are root's alone, also when an older
+// install left them open.
+TEST_F(ScanTest, TheRepositoryIsClosedToEveryoneButRoot) {
+  tptest::WriteFile(kHome + "/big.bin", tptest::RandomBytes(64 << 10, 7));
+  tptest::WriteFile(kHome + "/small.txt", "small");
+  const std::string mac = "finder bytes";
+  ASSERT_EQ(setxattr((kHome + "/small.txt").c_str(), "user.com.apple.FinderInfo", mac.data(),
+                     mac.size(), 0),
+            0);
+  tptest::WriteFile("/volume1/Docs/shared.txt", "shared");
+  Scan(1700000000);
+  tptest::WriteFile(kHome + "/big.bin", tptest::RandomBytes(64 << 10, 8));  // a delta
+  Scan(1700000100);
+  ASSERT_TRUE(View(alice_view_));  // the module's way in
+
+  const std::string view_db = "/volume1/@tidepool/views/" + std::to_string(alice_view_) + ".sqlite";
+  size_t files = 0;
+  EXPECT_EQ(WiderThanPrivate("/volume1/@tidepool", files), std::vector<std::string>{});
+  EXPECT_GT(files, 10u);
+  ASSERT_TRUE(fs::exists(view_db));
+  ASSERT_TRUE(fs::exists(view_db + "-wal"));
+  ASSERT_TRUE(fs::exists("/volume1/@tidepool/@sync/delta"));
+  EXPECT_FALSE(NobodyCanRead(view_db));
+  EXPECT_FALSE(NobodyCanRead("/volume1/@tidepool/@sync/file-db.sqlite"));
+
+  // A repository an older install made world-readable is closed by the next
+  // run.
+  for (const auto& e : fs::recursive_directory_iterator("/volume1/@tidepool"))
+    chmod(e.path().c_str(), e.is_directory() ? 0755 : 0644);
+  chmod("/volume1/@tidepool", 0755);
+  fs::remove("/volume1/@tidepool/.private");  // as before this version
+  ASSERT_TRUE(NobodyCanRead(view_db));
+  Scan(1700000200);
+  EXPECT_EQ(WiderThanPrivate("/volume1/@tidepool", files), std::vector<std::string>{});
+  EXPECT_FALSE(NobodyCanRead(view_db));
+}

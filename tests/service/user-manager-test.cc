@@ -74,9 +74,17 @@ TEST_F(UserManagerTest, EnablingPeople) {
   EXPECT_FALSE(alice.isShareUser());
   EXPECT_EQ(alice.root_path, Home("alice"));
   EXPECT_EQ(Get("bob").view_id, 2u);
-  // The home folder exists and belongs to its user.
-  EXPECT_EQ(OwnerOf(Home("alice")), HostUid("alice"));
-  EXPECT_EQ(OwnerOf(Home("bob")), HostUid("bob"));
+  // The home folder exists and belongs to its user, closed to everyone else
+  // (the folder it lies in too); the homes folder above stays the system's.
+  for (const char* user : {"alice", "bob"}) {
+    for (const std::string& dir : {Home(user), std::string("/volume1/homes/") + user}) {
+      struct stat st {};
+      ASSERT_EQ(stat(dir.c_str(), &st), 0) << dir;
+      EXPECT_EQ(st.st_uid, HostUid(user)) << dir;
+      EXPECT_EQ(st.st_mode & 07777, 0700u) << dir;
+    }
+  }
+  EXPECT_EQ(OwnerOf("/volume1/homes"), 0);
 
   // Names match without case; a wrong uid does not.
   EXPECT_EQ(Get("ALICE").view_id, 1u);

@@ -386,3 +386,35 @@ TEST_F(NodeListTest, NamePageEqualsTheLiteralSort) {
 }
 
 }  // namespace
+
+namespace {
+
+// A node id that is not plain digits is an error, never the root or some
+// other node: the methods whose schema takes a number refuse a text (120),
+// the others read the text strictly (401).
+TEST_F(NodeListTest, MalformedNodeIdsAreRefused) {
+  const struct {
+    const char* method;
+    int code;
+  } kMethods[] = {{"list", 120}, {"list_parent", 120}, {"list_version", 401}, {"activity", 401}};
+  for (const auto& m : kMethods) {
+    for (const char* id : {"", "abc", "-1", "+5", " 7", "7x", "99999999999999999999999"}) {
+      SCOPED_TRACE(std::string(m.method) + " node_id=\"" + id + "\"");
+      tptest::Params params = {{"target", "mine"}, {"node_id", id}, {"path", "/docs"}};
+      if (std::string(m.method) == "activity") {
+        params.insert(
+            params.end(),
+            {{"start_date", 0}, {"end_date", 1000}, {"interval", 3600}, {"tz_offset", 0}});
+      }
+      const auto answer = tptest::CallNode(m.method, params, alice_);
+      EXPECT_FALSE(answer.success()) << answer.body;
+      EXPECT_EQ(answer.code(), m.code) << answer.body;
+    }
+  }
+  // The same id as digits is read.
+  const auto good = tptest::CallNode(
+      "list_version", {{"target", "mine"}, {"node_id", docs_}, {"path", "/docs"}}, alice_);
+  EXPECT_TRUE(good.success()) << good.body;
+}
+
+}  // namespace

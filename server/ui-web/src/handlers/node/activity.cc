@@ -35,7 +35,11 @@ int NodeActivityHandler::ListUnderShare(const RequestAuthentication& auth, Bridg
                                         BridgeResponse& response) {
   const std::string target = node_params::String(request, "target");
   const std::string view_role = node_params::String(request, "view_role");
-  uint64_t node_id = node_params::UInt64(request, "node_id", 0);
+  uint64_t node_id = 0;
+  if (!node_params::Id(request, "node_id", node_id)) {
+    LOG_ERROR("Malformed node_id\n");
+    return RESPONSE_FAIL(response, 401, "invalid node_id");
+  }
   const uint32_t start = static_cast<uint32_t>(node_params::Int64(request, "start_date", 0));
   const uint32_t end = static_cast<uint32_t>(node_params::Int64(request, "end_date", 0));
   const uint32_t interval = static_cast<uint32_t>(node_params::Int64(request, "interval", 3600));

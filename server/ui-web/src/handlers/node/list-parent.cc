@@ -35,7 +35,11 @@ int NodeListParentHandler::Handle(const RequestAuthentication& auth, BridgeReque
               static_cast<unsigned long long>(view_id));
     return RESPONSE_FAIL(response, 401, "failed to open view db");
   }
-  const uint64_t node_id = node_params::UInt64(request, "node_id", 0);
+  uint64_t node_id = 0;
+  if (!node_params::Id(request, "node_id", node_id)) {
+    LOG_ERROR("Malformed node_id\n");
+    return RESPONSE_FAIL(response, 401, "invalid node_id");
+  }
   // The root shows the view's own name, whatever the database calls it.
   const std::string view_name = SyncIsShareReq(target) ? SyncTargetNameGet(target) : "Tidepool";
 

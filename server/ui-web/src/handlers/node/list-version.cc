@@ -33,7 +33,11 @@ int NodeListVersionHandler::ListVersions(const RequestAuthentication& auth, Brid
                                          BridgeResponse& response) {
   RequestAuthentication caller = auth;
   const std::string path = AppendLeadingSlashIfNeeded(node_params::String(request, "path"));
-  uint64_t node_id = node_params::UInt64(request, "node_id", 0);
+  uint64_t node_id = 0;
+  if (!node_params::Id(request, "node_id", node_id)) {
+    LOG_ERROR("Malformed node_id\n");
+    return RESPONSE_FAIL(response, 401, "invalid node_id");
+  }
   const std::string target = node_params::String(request, "target");
   const std::string view_role = node_params::String(request, "view_role");
   if (auth.user.empty() || path.empty() || target.empty()) {

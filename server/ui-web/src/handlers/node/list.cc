@@ -38,7 +38,7 @@ db::SearchNodeFilter BuildFilter(const BridgeRequest& request) {
   filter.ver_mtime_lower_bound = node_params::UInt64(request, "ver_mtime_lower_bound", 0);
   filter.ver_file_size_upper_bound = node_params::UInt64(request, "ver_file_size_upper_bound", 0);
   filter.ver_file_size_lower_bound = node_params::UInt64(request, "ver_file_size_lower_bound", 0);
-  if (request.HasParam("node_id")) filter.node_id = node_params::UInt64(request, "node_id", 0);
+  (void)node_params::Id(request, "node_id", filter.node_id);  // checked by Handle
   if (request.HasParam("exclude_extensions")) {
     const Json::Value extensions = request.GetParamRef("exclude_extensions", Json::Value());
     if (extensions.isArray()) {
@@ -121,6 +121,11 @@ NodeListHandler::NodeListHandler() {
 
 int NodeListHandler::Handle(const RequestAuthentication& auth, BridgeRequest& request,
                             BridgeResponse& response) {
+  uint64_t node_id = 0;
+  if (!node_params::Id(request, "node_id", node_id)) {
+    LOG_ERROR("Malformed node_id\n");
+    return RESPONSE_FAIL(response, 401, "invalid node_id");
+  }
   IF_RUN_AS(0, 0) {
     if (node_params::String(request, "target").empty()) {
       return ListUnderRoot(auth, request, response);

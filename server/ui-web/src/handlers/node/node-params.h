@@ -12,6 +12,7 @@
 #include <string>
 
 #include "bridge/bridge-request.h"
+#include "util/librestore/utils.h"
 
 namespace node_params {
 
@@ -54,6 +55,14 @@ inline uint64_t UInt64(const BridgeRequest& request, const char* name, uint64_t 
     return parsed;
   }
   return fallback;
+}
+
+// A node id: absent leaves `out` as it is; present, it must be a JSON
+// integer or plain decimal digits. False for "", "-1", "+5", text: the
+// caller answers with an error rather than falling back to another node.
+inline bool Id(const BridgeRequest& request, const char* name, uint64_t& out) {
+  if (!request.HasParam(name)) return true;
+  return tidepool::restore::ParseNodeId(request.GetParamRef(name, Json::Value()), out);
 }
 
 }  // namespace node_params

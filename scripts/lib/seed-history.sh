@@ -40,9 +40,12 @@ for d in $(seq 1 10); do
 done
 mkdir -p "$team/private"
 printf 'for alice only\n' > "$team/private/salaries.txt"
-chown -R "$alice:$users_gid" "$home" "$team"
+chown -R "$alice:$users_gid" "$home"
 chmod -R u=rwX,g=rX,o= "$home"
-chmod -R u=rwX,g=rwX,o=rX "$team"
+# The share's own folder keeps the owner, mode and ACL that its permissions
+# gave it; what is inside is alice's.
+find "$team" -mindepth 1 -exec chown "$alice:$users_gid" {} +
+find "$team" -mindepth 1 -exec chmod u=rwX,g=rwX,o=rX {} +
 chmod 0700 "$team/private"
 # Modification times as of each moment, so the history reads like a real one.
 find "$home" "$team" -exec touch -h -d "@$t0" {} +

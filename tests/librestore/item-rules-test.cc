@@ -92,33 +92,4 @@ TEST(RestoreDestinations, SyncedFoldersByRootPrefix) {
   EXPECT_EQ(Item::IsDestUnderTidepool("/volume1/homes/alice/Documents/x"), -1);
 }
 
-TEST(RestoreFolders, CreateDirMakesMissingParentsForTheOwner) {
-  const std::string base = testing::TempDir() + "restore-createdir-" + std::to_string(getpid());
-  std::filesystem::create_directories(base);
-  const std::string deep = base + "/a/b/c";
-  ASSERT_EQ(Item::CreateDir(deep, 1234, 5678), 0);
-  struct stat st {};
-  for (const std::string& dir : {base + "/a", base + "/a/b", deep}) {
-    ASSERT_EQ(stat(dir.c_str(), &st), 0) << dir;
-    EXPECT_TRUE(S_ISDIR(st.st_mode));
-    EXPECT_EQ(st.st_uid, 1234u) << dir;
-    EXPECT_EQ(st.st_gid, 5678u) << dir;
-  }
-  // What exists stays as it is.
-  ASSERT_EQ(stat(base.c_str(), &st), 0);
-  const uid_t base_owner = st.st_uid;
-  EXPECT_EQ(Item::CreateDir(deep, 1, 1), 0);
-  ASSERT_EQ(stat(base.c_str(), &st), 0);
-  EXPECT_EQ(st.st_uid, base_owner);
-  // A file in the way is a failure, not something to replace.
-  std::filesystem::remove_all(base + "/a/b");
-  {
-    FILE* f = fopen((base + "/a/b").c_str(), "w");
-    ASSERT_NE(f, nullptr);
-    fclose(f);
-  }
-  EXPECT_EQ(Item::CreateDir(base + "/a/b/c", 0, 0), -1);
-  std::filesystem::remove_all(base);
-}
-
 }  // namespace

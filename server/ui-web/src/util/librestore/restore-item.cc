@@ -205,6 +205,7 @@ int Item::Count(unsigned long long& count, bool /*include_removed*/) {
 
 int WorkDir::Create(int root_fd) {
   if (root_fd < 0) return -1;
+  root_.reset(fcntl(root_fd, F_DUPFD_CLOEXEC, 0));
   ea_.reset(fsb::MakeDirsBeneath(root_fd, "@eaDir", 0, 0, 0755));
   if (ea_.valid()) tmp_.reset(fsb::MakeDirsBeneath(ea_.get(), "@tmp", 0, 0, 0755));
   struct stat st {};
@@ -237,10 +238,10 @@ int WorkDir::Create(int root_fd) {
 void WorkDir::RemoveIfEmpty() {
   // Everything built here has been moved out by rename once an item
   // succeeded. Only empty folders go, so a failed item's leftovers and a
-  // concurrent task's folder stay; @eaDir itself may hold the system's
-  // other files and is left.
+  // concurrent task's folder stay.
   if (!tmp_.valid() || unlinkat(tmp_.get(), name_.c_str(), AT_REMOVEDIR) != 0) return;
-  (void)unlinkat(ea_.get(), "@tmp", AT_REMOVEDIR);
+  if (unlinkat(ea_.get(), "@tmp", AT_REMOVEDIR) != 0) return;
+  (void)unlinkat(root_.get(), "@eaDir", AT_REMOVEDIR);
 }
 
 int Item::CheckDestEnv(const Target& target) {
@@ -283,21 +284,6 @@ int Item::CreateDestDir(const std::string& dest_dir, const TaskActor& actor, Tar
     RESTORE_ERR("Failed to create dest dir '%s': %s", (target.root_path + target.dir).c_str(),
                 strerror(errno));
     return -1;
-  }
-  return 0;
-}
-
-int Item::CreateDir(const std::string& path, unsigned int uid, unsigned int gid) {
-  if (IsFileExist(path, true)) return 0;
-  for (size_t i = 1; i <= path.size(); ++i) {
-    if (i < path.size() && path[i] != '/') continue;
-    const std::string prefix = path.substr(0, i);
-    if (mkdir(prefix.c_str(), 0777) == 0) {
-      (void)!chown(prefix.c_str(), uid, gid);
-    } else if (errno != EEXIST) {
-      RESTORE_ERR("CreateDirecotry: fail to create '%s'. %s\n", prefix.c_str(), strerror(errno));
-      return -1;
-    }
   }
   return 0;
 }

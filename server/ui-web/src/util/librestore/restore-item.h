@@ -50,7 +50,7 @@ class WorkDir {
   void RemoveIfEmpty();
 
  private:
-  fsb::UniqueFd ea_, tmp_, dir_;
+  fsb::UniqueFd root_, ea_, tmp_, dir_;
   std::string name_;
 };
 
@@ -96,8 +96,6 @@ class Item {
   static int FindToken(const std::string& path, int pos, std::string& token);
   // False for a path with a "." or ".." component or a backslash.
   static bool IsPathSafe(const std::string& path);
-  // Makes `path` and its missing parents, giving the ones made to uid/gid.
-  static int CreateDir(const std::string& path, unsigned int uid, unsigned int gid);
   static std::string GetExtension(const std::string& name);
   static std::string TransformExtension(const std::string& name);
   static bool IsOfficeItemByExtension(const std::string& ext);
@@ -137,9 +135,6 @@ class Item {
   std::string DestName(const TaskActor& actor) const;
   int RootFd(const TaskActor& actor);
   std::string RootPath(const TaskActor& actor) const;
-  bool IsViewRootInPlace(const TaskActor& actor) const {
-    return !actor.IsCopying() && version.getNodeId() == view.GetVif()->getRootNodeId();
-  }
   std::string InfoString() const;
   int LogRestoreDone(const TaskActor& actor);
 

@@ -43,9 +43,13 @@ class RestoreConfinementTest : public ::testing::Test {
            Entry("private/", "", 0700), Entry("private/salary.txt", "for alice only\n", 0600),
            Entry("private/deep/", "", 0755),
            Entry("private/deep/plans.txt", "alice's plans\n", 0644),
-           Entry("later-open.txt", "once closed\n", 0600)},
+           Entry("later-open.txt", "once closed\n", 0600), Entry("shut/", "", 0755),
+           Entry("shut/memo.txt", "memo v1\n", 0644)},
           {}},
-         {kT1, {Entry("later-open.txt", "now open\n", 0644)}, {}}});
+         {kT1,
+          {Entry("later-open.txt", "now open\n", 0644), Entry("shut/", "", 0700),
+           Entry("shut/memo.txt", "memo v2\n", 0644)},
+          {}}});
     fs::create_directories(kVictim);
     ASSERT_EQ(chmod(kVictim.c_str(), 0700), 0);
     alice_ = LoginAs("alice");
@@ -164,12 +168,13 @@ TEST_F(RestoreConfinementTest, RightsAreJudgedOnWhatIsRestoredAndOnEveryNodeBelo
   ASSERT_TRUE(run.started) << run.start.body;
   EXPECT_TRUE(run.done) << "error " << run.error << ": " << run.last_status;
   EXPECT_EQ(run.current, run.total);
-  // private/, salary.txt, deep/ and plans.txt.
-  EXPECT_EQ(Status(bob_).json["data"]["skipped"].asUInt64(), 4u) << run.last_status;
+  // private/, salary.txt, deep/, plans.txt, shut/ and memo.txt.
+  EXPECT_EQ(Status(bob_).json["data"]["skipped"].asUInt64(), 6u) << run.last_status;
   EXPECT_TRUE(Finish(bob_).success());
   const Tree copied = TreeOf(bob_home + "/team");
   EXPECT_EQ(copied.count("docs/a.txt"), 1u) << ::testing::PrintToString(copied);
   EXPECT_EQ(copied.count("later-open.txt"), 1u);
+  EXPECT_EQ(copied.count("shut/memo.txt"), 0u);
   for (const auto& [path, state] : copied) {
     EXPECT_EQ(path.find("private"), std::string::npos) << path << " was disclosed";
   }
@@ -183,6 +188,17 @@ TEST_F(RestoreConfinementTest, RightsAreJudgedOnWhatIsRestoredAndOnEveryNodeBelo
   run = RestoreAndFinish(bob_, "@team", {open_now}, {{"copy_to", bob_home}});
   EXPECT_TRUE(run.done) << run.start.body << run.last_status;
   EXPECT_EQ(Look(bob_home + "/later-open.txt").sha, tptest::Sha256Hex("now open\n"));
+
+  // The folder was open when the first memo was made and closed when the
+  // second was: an earlier time bound does not reopen it for the second.
+  Json::Value memo_v2 = BrowseVersion(admin_, "@team", "/shut/memo.txt", 0);
+  memo_v2["ver_ctime_upper_bound"] = Json::UInt64(kT0);
+  run = RestoreAndFinish(bob_, "@team", {memo_v2}, {{"copy_to", bob_home}});
+  EXPECT_EQ(run.start.code(), 403) << run.start.body;
+  const Json::Value memo_v1 = BrowseVersion(admin_, "@team", "/shut/memo.txt", 1);
+  run = RestoreAndFinish(bob_, "@team", {memo_v1}, {{"copy_to", bob_home}});
+  EXPECT_TRUE(run.done) << run.start.body << run.last_status;
+  EXPECT_EQ(Look(bob_home + "/memo.txt").sha, tptest::Sha256Hex("memo v1\n"));
 }
 
 TEST_F(RestoreConfinementTest, SharePermissionsBoundWhatUsersMayDo) {

@@ -61,12 +61,18 @@ int RegularItem::PrepareImpl(const std::string& work_dir, const Target& target,
     return RC_GENERAL;
   }
   int rc = 0;
-  const std::string dest = target.Path();
-  if (!(flags & PREPARE_MAC_ATTR)) {
-    rc = rename(staged.c_str(), dest.c_str());
-  } else {
-    if (!version.getMacAttributeHash().empty()) rc = PrepareMacAttr(work_dir, key, staged);
-    if (rc >= 0) rc = HVFileUtility::FSRenameWithEA(staged, dest, true);
+  if ((flags & PREPARE_MAC_ATTR) && !version.getMacAttributeHash().empty()) {
+    rc = PrepareMacAttr(work_dir, key, staged);
+  }
+  if (rc >= 0) {
+    // The working folder sits beneath the same root, so this is one rename;
+    // only a mount inside the destination makes it a copy that keeps the
+    // attributes.
+    rc = renameat(AT_FDCWD, staged.c_str(), target.dir_fd, target.name.c_str());
+    if (rc < 0 && errno == EXDEV) {
+      rc = (flags & PREPARE_MAC_ATTR) ? HVFileUtility::FSRenameWithEA(staged, target.Path(), true)
+                                      : rename(staged.c_str(), target.Path().c_str());
+    }
   }
   if (rc < 0) {
     RESTORE_ERR("Fail to move files. (%s) -> (%s)\n", staged.c_str(), target.Shown().c_str());

@@ -76,6 +76,19 @@ PendingProgress& Pending() {
   return pending;
 }
 
+// The children of one folder go to the same place one after another: the
+// folder opened for the first serves the rest.
+struct LastDestDir {
+  int root = -1;
+  std::string dir;
+  fsb::UniqueFd fd;
+};
+
+LastDestDir& LastDest() {
+  static LastDestDir last;
+  return last;
+}
+
 }  // namespace
 
 const std::map<uint32_t, uint32_t> Item::unix_mode_map = {
@@ -151,7 +164,9 @@ int Item::Restore(const TaskActor& actor, int flags) {
   if (Place() < 0) return RC_GENERAL;
   WorkDir work;
   if (work.Create(view.RootFd()) < 0) return RC_GENERAL;
-  const int rc = Prepare(work.Path(), view_folder, actor, flags);
+  const std::string work_dir = work.Enter();
+  if (work_dir.empty()) return RC_GENERAL;
+  const int rc = Prepare(work_dir, view_folder, actor, flags);
   if (rc < 0) return rc;
   work.RemoveIfEmpty();
   (void)LogRestoreDone(actor);
@@ -164,7 +179,9 @@ int Item::CopyTo(const std::string& /*dest*/, const TaskActor& actor, int flags)
   if (Place() < 0) return RC_GENERAL;
   WorkDir work;
   if (work.Create(actor.GetCopyRootFd()) < 0) return RC_GENERAL;
-  const int rc = Prepare(work.Path(), "", actor, flags);
+  const std::string work_dir = work.Enter();
+  if (work_dir.empty()) return RC_GENERAL;
+  const int rc = Prepare(work_dir, "", actor, flags);
   if (rc < 0) return rc;
   work.RemoveIfEmpty();
   return RC_OK;
@@ -191,7 +208,6 @@ int Item::Prepare(const std::string& work_dir, const std::string& dest_dir, cons
     return SkipProg(flags);
   }
   if ((rc = CreateDestDir(dest_dir, actor, target)) < 0) return rc;
-  const fsb::UniqueFd dir_fd(target.dir_fd);
   if ((rc = CheckDestEnv(target)) < 0) return rc;
   return PrepareImpl(work_dir, target, actor, flags);
 }
@@ -205,6 +221,8 @@ int Item::Count(unsigned long long& count, bool /*include_removed*/) {
 
 int WorkDir::Create(int root_fd) {
   if (root_fd < 0) return -1;
+  // A new top-level item may have a new root behind a reused descriptor.
+  LastDest().fd.reset();
   root_.reset(fcntl(root_fd, F_DUPFD_CLOEXEC, 0));
   ea_.reset(fsb::MakeDirsBeneath(root_fd, "@eaDir", 0, 0, 0755));
   if (ea_.valid()) tmp_.reset(fsb::MakeDirsBeneath(ea_.get(), "@tmp", 0, 0, 0755));
@@ -233,6 +251,19 @@ int WorkDir::Create(int root_fd) {
   }
   RESTORE_ERR("mkdtemp(@eaDir/@tmp/Tidepool.XXXXXX): %s (%d)\n", strerror(errno), errno);
   return -1;
+}
+
+WorkDir::~WorkDir() {
+  if (previous_.valid()) (void)!fchdir(previous_.get());
+}
+
+std::string WorkDir::Enter() {
+  previous_.reset(open(".", O_PATH | O_DIRECTORY | O_CLOEXEC));
+  if (!previous_.valid() || fchdir(dir_.get()) != 0) {
+    RESTORE_ERR("Cannot enter the working folder: %s", strerror(errno));
+    return "";
+  }
+  return ".";
 }
 
 void WorkDir::RemoveIfEmpty() {
@@ -276,8 +307,20 @@ int Item::CreateDestDir(const std::string& dest_dir, const TaskActor& actor, Tar
   target.root_fd = RootFd(actor);
   target.root_path = RootPath(actor);
   target.dir = dest_dir == "/" ? "" : dest_dir;
+  LastDestDir& last = LastDest();
+  if (target.root_fd >= 0 && last.fd.valid() && last.root == target.root_fd &&
+      last.dir == target.dir) {
+    target.dir_fd = last.fd.get();
+    return 0;
+  }
+  last.fd.reset();
   target.dir_fd =
       target.root_fd < 0 ? -1 : fsb::MakeDirsBeneath(target.root_fd, target.dir, uid, gid, 0755);
+  if (target.dir_fd >= 0) {
+    last.root = target.root_fd;
+    last.dir = target.dir;
+    last.fd.reset(target.dir_fd);
+  }
   if (target.dir_fd < 0) {
     // A link or a way out on the path ends the item here, before anything
     // is written.

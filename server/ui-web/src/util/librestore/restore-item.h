@@ -40,17 +40,23 @@ struct Target {
 };
 
 // The working folder of one top-level item: <root>/@eaDir/@tmp/Tidepool.XXXXXX,
-// made by root, 0700, held open; Path() names it for library calls.
+// made by root, 0700, held open. While the item is built it is the
+// process's working folder, so library calls name what is staged there by
+// relative paths ("./name"): resolved from that held folder, cheaply, and
+// never through anything a user could swap.
 class WorkDir {
  public:
+  ~WorkDir();
   // 0, or -1 when the folder cannot be made or @eaDir/@tmp is not root's.
   int Create(int root_fd);
-  std::string Path() const { return fsb::FdPath(dir_.get()); }
+  // Makes it the working folder (until destruction) and gives the path
+  // that names it: ".". Empty when that fails.
+  std::string Enter();
   // Removes the folder, and @tmp and @eaDir when that leaves them empty.
   void RemoveIfEmpty();
 
  private:
-  fsb::UniqueFd root_, ea_, tmp_, dir_;
+  fsb::UniqueFd root_, ea_, tmp_, dir_, previous_;
   std::string name_;
 };
 
@@ -129,7 +135,7 @@ class Item {
   // its folder in the view. Set by the parent for children.
   int Place();
   // The moment the item is restored as of.
-  uint64_t RestorePoint() const { return ctime_ub != 0 ? ctime_ub : version.getVerCreatedTime(); }
+  uint64_t RestorePoint() const { return RestorePointOf(version, ctime_ub); }
   // The name at the destination: the node's own at its version; a view's
   // root is copied under the view's name.
   std::string DestName(const TaskActor& actor) const;

@@ -131,7 +131,7 @@ int JudgeNode(View& view, uint64_t permanent_id, uint64_t sync_id, uint64_t ctim
   const Rights& rights = view.GetRights();
   ACL_API::ACL parents;
   std::string folder;
-  const uint64_t moment = ctime_ub != 0 ? ctime_ub : version.getVerCreatedTime();
+  const uint64_t moment = RestorePointOf(version, ctime_ub);
   if (AncestryAt(*vif.get(), version, moment, rights, parents, folder) < 0) return -1;
   const bool is_root = version.getNodeId() == vif->getRootNodeId();
   allowed = rights.Allows(

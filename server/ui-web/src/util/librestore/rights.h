@@ -46,6 +46,14 @@ class Rights {
   ACL_API::ACL::UserInfo subject_;
 };
 
+// The moment a version is restored as of: the client's time bound, but
+// never before the version itself existed, so that ancestors are not judged
+// on an earlier, more open state than the one the version was made under.
+inline uint64_t RestorePointOf(const db::Version& version, uint64_t ctime_ub) {
+  const uint64_t made = version.getVerCreatedTime();
+  return ctime_ub > made ? ctime_ub : made;
+}
+
 // Where `version` stood at `moment`: the chain of its ancestors (its folder
 // at level 0; empty for the view's root) and the folder's path in the view
 // ("" for the root, else "/a/b"). 0, or -1 when an ancestor cannot be found

@@ -93,6 +93,11 @@ class ACL {
   // set to 0). A walk down a tree judges each node without re-reading its
   // ancestors.
   ACL Descend(const Privilege& child) const;
+  // The same decision as IsAccessible (and, with a non-zero `mask`,
+  // CheckPermission with it) on Descend(child), for a child of a node that
+  // already passed them: only the child's own level and this node as its
+  // folder are judged, and nothing is copied.
+  bool ChildAllowed(const Privilege& child, const UserInfo& user, uint32_t mask) const;
 
   bool IsAccessible(const UserInfo& user, int flags) const;
   bool CheckPermission(const UserInfo& user, uint32_t mask, int flags) const;
@@ -113,6 +118,7 @@ class ACL {
     ACLRule::Entry entry;
   };
 
+  static Level MakeLevel(const Privilege& privilege);
   const Level* FindLevel(int32_t level) const;
   bool Allows(const Level& level, const UserInfo& user, unsigned want) const;
 

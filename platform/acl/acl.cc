@@ -159,7 +159,7 @@ bool Matches(const ACLRule::Entry& e, const ACL::UserInfo& user) {
 
 }  // namespace
 
-int ACL::AddPrivilege(const Privilege& privilege) {
+ACL::Level ACL::MakeLevel(const Privilege& privilege) {
   Level level;
   level.privilege = privilege;
   std::vector<std::tuple<int, uint32_t, unsigned>> parsed;
@@ -173,8 +173,20 @@ int ACL::AddPrivilege(const Privilege& privilege) {
   if (!has[kOwner]) level.entries.push_back({kOwner, 0, (mode >> 6) & 7});
   if (!has[kOwningGroup]) level.entries.push_back({kOwningGroup, 0, (mode >> 3) & 7});
   if (!has[kOther]) level.entries.push_back({kOther, 0, mode & 7});
-  levels_.push_back(std::move(level));
+  return level;
+}
+
+int ACL::AddPrivilege(const Privilege& privilege) {
+  levels_.push_back(MakeLevel(privilege));
   return levels_.back().valid ? 0 : -1;
+}
+
+bool ACL::ChildAllowed(const Privilege& child, const UserInfo& user, uint32_t mask) const {
+  const Level* folder = FindLevel(0);
+  if (folder == nullptr) return false;
+  const Level node = MakeLevel(child);
+  if (!Allows(node, user, kR) || !Allows(*folder, user, kX)) return false;
+  return mask == 0 || (Allows(node, user, RwxOfMask(mask)) && Allows(*folder, user, kW | kX));
 }
 
 int ACL::AddACE(const std::string& path, const ACLRule::Entry& entry) {

@@ -164,3 +164,49 @@ TEST(Acl, WriteNeedsTheNodeAndItsFolder) {
 }
 
 }  // namespace
+
+namespace {
+
+// Judging a child alone under a folder that passed gives the same answer as
+// judging its whole chain, for reading and for restoring over it, with and
+// without an owner's entry at the top.
+TEST(Acl, AChildJudgedAloneAgreesWithItsWholeChain) {
+  // A folder others may search, and one they may list but not enter.
+  const Level children[] = {
+      {"", 0644, "/a/f"},
+      {"", 0600, "/a/f"},
+      {"user::rw-\nuser:1028:rw-\ngroup::---\nmask::rw-\nother::---", 0600, "/a/f"},
+      {"user::rw-\ngroup::r--\ngroup:200:---\nmask::r--\nother::r--", 0644, "/a/f"},
+      {"garbage", 0644, "/a/f"},
+  };
+  const ACL::UserInfo subjects[] = {Subject(kOwner), Subject(kAlice), Subject(kBob),
+                                    Subject(kAlice, {kStaff})};
+  int judged = 0;
+  for (const uint32_t folder_mode : {0755u, 0744u})
+    for (const bool owner_entry : {false, true}) {
+      ACL parents = Chain({{"", 0755, "/"}, {"", folder_mode, "/a"}});
+      if (owner_entry) parents.AddACE("/", ACL_API::ACLRule::Entry{1, kBob, 0x1FFF, 6, 1});
+      for (const Level& child : children) {
+        ACL::Privilege p;
+        p.acl = child.acl;
+        p.path = child.path;
+        p.uid = kOwner;
+        p.gid = kStaff;
+        p.mode = child.mode;
+        const ACL whole = parents.Descend(p);
+        for (const ACL::UserInfo& who : subjects) {
+          SCOPED_TRACE(child.acl + " mode " + std::to_string(child.mode) + " uid " +
+                       std::to_string(who.uid) + (owner_entry ? " with owner entry" : ""));
+          // Only children of a folder that passed are judged alone.
+          if (!parents.IsAccessible(who, 0)) continue;
+          ++judged;
+          EXPECT_EQ(parents.ChildAllowed(p, who, 0), whole.IsAccessible(who, 0));
+          EXPECT_EQ(parents.ChildAllowed(p, who, 0x18A),
+                    whole.IsAccessible(who, 0) && whole.CheckPermission(who, 0x18A, 0));
+        }
+      }
+    }
+  EXPECT_EQ(judged, 2 * 2 * 5 * 4);
+}
+
+}  // namespace

@@ -130,8 +130,7 @@ int DirItem::PrepareDir(const std::string& work_dir, const Target& target, const
     dir.reset(fcntl(target.dir_fd, F_DUPFD_CLOEXEC, 0));
     return dir.valid() ? 0 : -1;
   }
-  struct stat st {};
-  if (fstatat(target.dir_fd, target.name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
+  if (!target.exists) {
     if (IsDestUnderTidepool(target.Shown()) == 0) {
       Json::Value params(Json::objectValue);
       params["path"] = "/volumes" + target.Shown();

@@ -1,6 +1,6 @@
 // RegularItem::PrepareImpl (Item::Prepare has opened the target's folder):
 //   1. An existing target without overwrite is left alone and counts as
-//      done: one fstatat(), no version store.
+//      done: no version store is read.
 //   2. Stage the content (File: patch, or duplicate the live file, found at
 //      the node's present place in the view and opened without following
 //      links).
@@ -27,9 +27,7 @@ int RegularItem::PrepareImpl(const std::string& work_dir, const Target& target,
                              const TaskActor& actor, int flags) {
   std::string staged = work_dir + "/" + target.name;
   const std::string key = view.GetCipherKey();
-  struct stat st {};
-  if (fstatat(target.dir_fd, target.name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
-      !(flags & PREPARE_OVERWRITE)) {
+  if (target.exists && !(flags & PREPARE_OVERWRITE)) {
     IncProg();
     return RC_OK;
   }

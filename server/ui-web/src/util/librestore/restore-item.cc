@@ -202,8 +202,16 @@ int Item::Prepare(const std::string& work_dir, const std::string& dest_dir, cons
   const bool is_root = version.getNodeId() == view.GetVif()->getRootNodeId();
   const std::string view_path = is_root ? "" : view_folder + "/" + version.record().name;
   const Rights& rights = view.GetRights();
-  chain = std::make_shared<ACL_API::ACL>(rights.ChainOf(*parents, version, view_path));
-  if (!rights.Allows(*chain)) {
+  bool allowed;
+  if (child && !version.isDir()) {
+    // Its folder passed already: a file needs only its own level judged.
+    allowed = rights.AllowsChild(*parents, version, view_path);
+  } else {
+    // A folder hands its whole chain down to its children.
+    chain = std::make_shared<ACL_API::ACL>(rights.ChainOf(*parents, version, view_path));
+    allowed = rights.Allows(*chain);
+  }
+  if (!allowed) {
     // Left out without a trace at the destination; only the count shows it.
     return SkipProg(flags);
   }
@@ -275,7 +283,7 @@ void WorkDir::RemoveIfEmpty() {
   (void)unlinkat(root_.get(), "@eaDir", AT_REMOVEDIR);
 }
 
-int Item::CheckDestEnv(const Target& target) {
+int Item::CheckDestEnv(Target& target) {
   struct stat st {};
   const int rc = target.name.empty()
                      ? fstat(target.dir_fd, &st)
@@ -285,6 +293,7 @@ int Item::CheckDestEnv(const Target& target) {
     RESTORE_ERR("Fail to get file info '%s'.\n", target.Shown().c_str());
     return -1;
   }
+  target.exists = true;
   if (version.isDir() && !S_ISDIR(st.st_mode)) {
     RESTORE_ERR("Restore a dir but local is not '%s', abort.\n", target.Shown().c_str());
     return -1;

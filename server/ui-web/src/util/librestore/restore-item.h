@@ -30,8 +30,9 @@ struct Target {
   int root_fd = -1;
   std::string root_path;  // what root_fd was opened as, for messages and notices
   int dir_fd = -1;
-  std::string dir;   // the folder below the root: "" or "/a/b"
-  std::string name;  // "" for the root folder itself
+  std::string dir;      // the folder below the root: "" or "/a/b"
+  std::string name;     // "" for the root folder itself
+  bool exists = false;  // something stands there (CheckDestEnv)
   // The entry, as a path that library calls resolve through the open
   // folder and never through anything a user could swap.
   std::string Path() const { return fsb::FdPath(dir_fd) + (name.empty() ? "/." : "/" + name); }
@@ -124,7 +125,7 @@ class Item {
                              const std::string& path);
   virtual int ApplyPrivilege(const std::string& path, const TaskActor& actor);
 
-  int CheckDestEnv(const Target& target);
+  int CheckDestEnv(Target& target);
   // Opens (making it if needed) the folder `dest_dir` below the root into
   // `target`.
   int CreateDestDir(const std::string& dest_dir, const TaskActor& actor, Target& target);

@@ -81,6 +81,12 @@ bool Rights::Allows(const ACL_API::ACL& chain) const {
   return !write_ || chain.CheckPermission(subject_, kWriteMask, 0);
 }
 
+bool Rights::AllowsChild(const ACL_API::ACL& parents, const db::Version& version,
+                         const std::string& path) const {
+  if (!limited_) return true;
+  return parents.ChildAllowed(PrivilegeOf(version, path), subject_, write_ ? kWriteMask : 0);
+}
+
 int AncestryAt(db::ViewManager& view, const db::Version& version, uint64_t moment,
                const Rights& rights, ACL_API::ACL& parents, std::string& folder) {
   std::vector<db::Version> chain;  // the folder first, the root last

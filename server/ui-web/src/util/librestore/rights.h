@@ -35,6 +35,10 @@ class Rights {
   // Whether the node at level 0 of `chain` may be read, and written when
   // the task writes in place.
   bool Allows(const ACL_API::ACL& chain) const;
+  // The same for a child of the node of `parents`, which passed already:
+  // judged without building the child's chain.
+  bool AllowsChild(const ACL_API::ACL& parents, const db::Version& version,
+                   const std::string& path) const;
   // The chain of an empty set of ancestors, with the owner's entry of a
   // home.
   ACL_API::ACL Root() const;

@@ -469,4 +469,18 @@ TEST_F(EntryTest, StartsClean) {
   EXPECT_EQ(seen["cwd"], "/");
 }
 
+// A request that cannot lower its rights is not served at all: with the
+// right to change ids taken away before it starts, entry.cgi answers a
+// failure and the module never runs with root's rights.
+TEST_F(EntryTest, CannotLowerItsRightsAndStops) {
+  std::map<std::string, std::string> env = {{"GATEWAY_INTERFACE", "CGI/1.1"},
+                                            {"REQUEST_METHOD", "GET"},
+                                            {"QUERY_STRING", "api=KSTX.Test&method=hygiene"}};
+  const tptest::ProcessResult run = tptest::RunProcess(
+      {"/usr/bin/setpriv", "--bounding-set", "-setuid,-setgid", "--", kEntry}, env);
+  EXPECT_NE(run.exit_status, 0) << run.out;
+  EXPECT_NE(run.out.find("Status: 500"), std::string::npos) << run.out;
+  EXPECT_EQ(run.out.find("open_fds"), std::string::npos) << "the module ran: " << run.out;
+}
+
 }  // namespace

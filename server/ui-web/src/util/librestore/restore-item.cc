@@ -81,7 +81,7 @@ PendingProgress& Pending() {
 struct LastDestDir {
   int root = -1;
   std::string dir;
-  fsb::UniqueFd fd;
+  std::shared_ptr<const fsb::UniqueFd> fd;
 };
 
 LastDestDir& LastDest() {
@@ -230,7 +230,7 @@ int Item::Count(unsigned long long& count, bool /*include_removed*/) {
 int WorkDir::Create(int root_fd) {
   if (root_fd < 0) return -1;
   // A new top-level item may have a new root behind a reused descriptor.
-  LastDest().fd.reset();
+  LastDest().fd.reset();  // a Target that borrowed it keeps its share
   root_.reset(fcntl(root_fd, F_DUPFD_CLOEXEC, 0));
   ea_.reset(fsb::MakeDirsBeneath(root_fd, "@eaDir", 0, 0, 0755));
   if (ea_.valid()) tmp_.reset(fsb::MakeDirsBeneath(ea_.get(), "@tmp", 0, 0, 0755));
@@ -317,18 +317,21 @@ int Item::CreateDestDir(const std::string& dest_dir, const TaskActor& actor, Tar
   target.root_path = RootPath(actor);
   target.dir = dest_dir == "/" ? "" : dest_dir;
   LastDestDir& last = LastDest();
-  if (target.root_fd >= 0 && last.fd.valid() && last.root == target.root_fd &&
-      last.dir == target.dir) {
-    target.dir_fd = last.fd.get();
+  if (target.root_fd >= 0 && last.fd && last.root == target.root_fd && last.dir == target.dir) {
+    target.dir_hold = last.fd;
+    target.dir_fd = last.fd->get();
     return 0;
   }
   last.fd.reset();
   target.dir_fd =
       target.root_fd < 0 ? -1 : fsb::MakeDirsBeneath(target.root_fd, target.dir, uid, gid, 0755);
   if (target.dir_fd >= 0) {
+    // Shared, so that the folder stays open for this item while its
+    // children move the cache on.
+    target.dir_hold = std::make_shared<const fsb::UniqueFd>(target.dir_fd);
     last.root = target.root_fd;
     last.dir = target.dir;
-    last.fd.reset(target.dir_fd);
+    last.fd = target.dir_hold;
   }
   if (target.dir_fd < 0) {
     // A link or a way out on the path ends the item here, before anything

@@ -30,9 +30,10 @@ struct Target {
   int root_fd = -1;
   std::string root_path;  // what root_fd was opened as, for messages and notices
   int dir_fd = -1;
-  std::string dir;      // the folder below the root: "" or "/a/b"
-  std::string name;     // "" for the root folder itself
-  bool exists = false;  // something stands there (CheckDestEnv)
+  std::shared_ptr<const fsb::UniqueFd> dir_hold;  // keeps dir_fd open
+  std::string dir;                                // the folder below the root: "" or "/a/b"
+  std::string name;                               // "" for the root folder itself
+  bool exists = false;                            // something stands there (CheckDestEnv)
   // The entry, as a path that library calls resolve through the open
   // folder and never through anything a user could swap.
   std::string Path() const { return fsb::FdPath(dir_fd) + (name.empty() ? "/." : "/" + name); }

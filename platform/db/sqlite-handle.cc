@@ -79,13 +79,11 @@ void LogFailure(const char* what, const std::exception& e) {
 
 std::unique_ptr<SQLite::Database> OpenDatabase(const std::string& path, bool create, int* result) {
   if (result) *result = kOk;
-  struct stat st {};
-  if (!create && stat(path.c_str(), &st) != 0) {
+  // Made 0600 before SQLite sees it, so its -wal and -shm are 0600 too.
+  if (tpsys::PreparePrivateDatabase(path, create) < 0 && !create) {
     if (result) *result = kErrCannotOpen;
     return nullptr;
   }
-  // Made 0600 before SQLite sees it, so its -wal and -shm are 0600 too.
-  tpsys::PreparePrivateDatabase(path, create);
   try {
     int flags = SQLite::OPEN_READWRITE | SQLite::OPEN_FULLMUTEX;
     if (create) flags |= SQLite::OPEN_CREATE;

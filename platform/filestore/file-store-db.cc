@@ -89,9 +89,8 @@ FileRow RowOf(SQLite::Statement& q) {
 }  // namespace
 
 int FileTable::Open(const std::string& path, bool create) {
-  if (!create && access(path.c_str(), F_OK) != 0) return db::kErrCannotOpen;
   // Made 0600 before SQLite sees it, so its -wal and -shm are 0600 too.
-  tpsys::PreparePrivateDatabase(path, create);
+  if (tpsys::PreparePrivateDatabase(path, create) < 0 && !create) return db::kErrCannotOpen;
   return Guard("open", [&] {
     const int flags = SQLite::OPEN_READWRITE | (create ? SQLite::OPEN_CREATE : 0);
     db_ = std::make_unique<SQLite::Database>(path, flags, 5000);

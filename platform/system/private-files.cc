@@ -35,10 +35,14 @@ int MakePrivateDir(const std::string& dir) {
     errno = EINVAL;
     return -1;
   }
-  for (size_t slash = dir.find('/', 1);; slash = dir.find('/', slash + 1)) {
-    const std::string part = dir.substr(0, slash);
-    if (mkdir(part.c_str(), kPrivateDirMode) != 0 && errno != EEXIST) return -1;
-    if (slash == std::string::npos) break;
+  // The folder nearly always exists already: one call, and the walk down
+  // from the top only when a parent is missing too.
+  if (mkdir(dir.c_str(), kPrivateDirMode) != 0 && errno == ENOENT) {
+    for (size_t slash = dir.find('/', 1);; slash = dir.find('/', slash + 1)) {
+      const std::string part = dir.substr(0, slash);
+      if (mkdir(part.c_str(), kPrivateDirMode) != 0 && errno != EEXIST) return -1;
+      if (slash == std::string::npos) break;
+    }
   }
   Narrow(dir, true, kPrivateDirMode);
   struct stat st;
@@ -51,16 +55,16 @@ int MakePrivateDir(const std::string& dir) {
 }
 
 int PreparePrivateDatabase(const std::string& path, bool create) {
-  if (create) {
-    const int fd =
-        open(path.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, kPrivateFileMode);
-    if (fd < 0) return -1;
-    close(fd);
-  } else if (access(path.c_str(), F_OK) != 0) {
-    return -1;
+  // One open and one fstat: requests open their databases every time.
+  const int flags = O_RDONLY | O_NOFOLLOW | O_CLOEXEC | (create ? O_CREAT : 0);
+  const int fd = open(path.c_str(), flags, kPrivateFileMode);
+  if (fd < 0) return -1;
+  struct stat st;
+  if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_uid == geteuid() &&
+      (st.st_mode & 07777) != kPrivateFileMode) {
+    (void)fchmod(fd, kPrivateFileMode);
   }
-  for (const char* suffix : {"", "-wal", "-shm", "-journal"})
-    Narrow(path + suffix, false, kPrivateFileMode);
+  close(fd);
   return 0;
 }
 

@@ -18,11 +18,11 @@ inline constexpr mode_t kPrivateFileMode = 0600;
 int MakePrivateDir(const std::string& dir);
 
 // Readies the SQLite database `path` before it is opened: with `create` a
-// missing file is made empty and private, so that SQLite, which gives its
-// -wal, -shm and -journal files the database's own mode, makes those
-// private too; an existing database and its companions of ours are
-// narrowed to 0600. 0, or -1 with errno set (ENOENT when missing and not
-// created).
+// missing file is made empty and private, and an existing one of ours is
+// narrowed to 0600, so that SQLite, which gives its -wal, -shm and -journal
+// files the database's own mode, makes those private too (companions left
+// wider by an older install are SecureRepository's). 0, or -1 with errno
+// set (ENOENT when missing and not created).
 int PreparePrivateDatabase(const std::string& path, bool create);
 
 // Narrows every folder and file of `repository` (not following links)

@@ -67,9 +67,8 @@ int RegularItem::PrepareImpl(const std::string& work_dir, const Target& target,
     // only a mount inside the destination makes it a copy that keeps the
     // attributes.
     rc = renameat(AT_FDCWD, staged.c_str(), target.dir_fd, target.name.c_str());
-    if (rc < 0 && errno == EXDEV) {
-      rc = (flags & PREPARE_MAC_ATTR) ? HVFileUtility::FSRenameWithEA(staged, target.Path(), true)
-                                      : rename(staged.c_str(), target.Path().c_str());
+    if (rc < 0 && errno == EXDEV && (flags & PREPARE_MAC_ATTR)) {
+      rc = HVFileUtility::FSRenameWithEA(staged, target.Path(), true);
     }
   }
   if (rc < 0) {

@@ -76,6 +76,16 @@ PendingProgress& Pending() {
   return pending;
 }
 
+// The pending progress of `task`, after writing out another task's.
+PendingProgress& PendingOf(HVOS::Task* task) {
+  PendingProgress& pending = Pending();
+  if (pending.task != task) {
+    (void)FlushProgress(pending.task);
+    pending = PendingProgress{task, 0, 0, {}};
+  }
+  return pending;
+}
+
 // The children of one folder go to the same place one after another: the
 // folder opened for the first serves the rest.
 struct LastDestDir {
@@ -161,27 +171,25 @@ std::string Item::DestName(const TaskActor& actor) const {
 }
 
 int Item::Restore(const TaskActor& actor, int flags) {
-  if (Place() < 0) return RC_GENERAL;
-  WorkDir work;
-  if (work.Create(view.RootFd()) < 0) return RC_GENERAL;
-  const std::string work_dir = work.Enter();
-  if (work_dir.empty()) return RC_GENERAL;
-  const int rc = Prepare(work_dir, view_folder, actor, flags);
+  const int rc = PrepareBeneath(view.RootFd(), true, actor, flags);
   if (rc < 0) return rc;
-  work.RemoveIfEmpty();
   (void)LogRestoreDone(actor);
   return RC_OK;
 }
 
 int Item::CopyTo(const std::string& /*dest*/, const TaskActor& actor, int flags) {
   // The destination is the folder the request opened and handed down as a
-  // descriptor; its path is only shown.
+  // descriptor; its path is only shown. A copy writes no log record.
+  return PrepareBeneath(actor.GetCopyRootFd(), false, actor, flags);
+}
+
+int Item::PrepareBeneath(int root_fd, bool in_place, const TaskActor& actor, int flags) {
   if (Place() < 0) return RC_GENERAL;
   WorkDir work;
-  if (work.Create(actor.GetCopyRootFd()) < 0) return RC_GENERAL;
+  if (work.Create(root_fd) < 0) return RC_GENERAL;
   const std::string work_dir = work.Enter();
   if (work_dir.empty()) return RC_GENERAL;
-  const int rc = Prepare(work_dir, "", actor, flags);
+  const int rc = Prepare(work_dir, in_place ? view_folder : "", actor, flags);
   if (rc < 0) return rc;
   work.RemoveIfEmpty();
   return RC_OK;
@@ -194,7 +202,7 @@ int Item::Prepare(const std::string& work_dir, const std::string& dest_dir, cons
   if ((rc = InitVersion()) < 0) return rc;
   Target target;
   target.name = DestName(actor);
-  if ((!target.name.empty() && !fsb::IsPlainName(target.name)) || !fsb::IsPlainRelative(dest_dir) ||
+  if ((!target.name.empty() && !fsb::IsPlainName(target.name)) ||
       !IsPathSafe(dest_dir + "/" + target.name)) {
     RESTORE_ERR("Target path name '%s/%s' is not safe", dest_dir.c_str(), target.name.c_str());
     return RC_GENERAL;
@@ -343,35 +351,41 @@ int Item::CreateDestDir(const std::string& dest_dir, const TaskActor& actor, Tar
   return 0;
 }
 
+int Item::ChooseVersion(db::ViewManager& vif, unsigned long long permanent_id,
+                        unsigned long long sync_id, db::Version& out) {
+  if (sync_id != 0) {
+    if (vif.OpenVersionByPermanentId(permanent_id, sync_id, out) < 0) {
+      RESTORE_ERR("OpenVersionByPermanentId(%llu, %llu) failed", permanent_id, sync_id);
+      return -1;
+    }
+    return 0;
+  }
+  std::vector<db::Version> versions;
+  if (vif.ListVersionByPermanentId(permanent_id, versions, db::ViewManager::kListVersionAll) < 0) {
+    RESTORE_ERR("ListVersionByPermanentId failed.\n");
+    return -1;
+  }
+  if (versions.empty()) {
+    RESTORE_ERR("versions empty.\n");
+    return -1;
+  }
+  if (versions.size() == 1 && versions.back().isRemoved()) {
+    RESTORE_ERR("Only deleted version.\n");
+    return -1;
+  }
+  // The newest entry of a deleted node is the deletion; the one before it
+  // is what was deleted.
+  out = versions.back().isRemoved() ? versions[versions.size() - 2] : versions.back();
+  return 0;
+}
+
 int Item::InitVersion() {
   db::ViewDBInterface& vif = view.GetVif();
   if (!vif) return -1;
   if (version_ready) return 0;
-  if (sync_id != 0) {
-    if (vif->OpenVersionByPermanentId(permanent_id, sync_id, version) < 0) {
-      RESTORE_ERR("OpenVersionByPermanentId(%llu, %llu) failed", permanent_id, sync_id);
-      return -1;
-    }
-  } else {
-    std::vector<db::Version> versions;
-    if (vif->ListVersionByPermanentId(permanent_id, versions, db::ViewManager::kListVersionAll) <
-        0) {
-      RESTORE_ERR("ListVersionByPermanentId failed.\n");
-      return -1;
-    }
-    if (versions.empty()) {
-      RESTORE_ERR("versions empty.\n");
-      return -1;
-    }
-    if (versions.size() == 1 && versions.back().isRemoved()) {
-      RESTORE_ERR("Only deleted version.\n");
-      return -1;
-    }
-    // The newest entry of a deleted node is the deletion; the one before it
-    // is what was deleted.
-    version = versions.back().isRemoved() ? versions[versions.size() - 2] : versions.back();
+  if (ChooseVersion(*vif.get(), permanent_id, sync_id, version) < 0 || VersionCheck() < 0) {
+    return -1;
   }
-  if (VersionCheck() < 0) return -1;
   version_ready = true;
   return 0;
 }
@@ -541,11 +555,7 @@ int Item::IsDestUnderTidepool(const std::string& path) {
 
 int Item::IncProg() {
   if (task == nullptr) return 0;
-  PendingProgress& pending = Pending();
-  if (pending.task != task) {
-    (void)FlushProgress(pending.task);
-    pending = PendingProgress{task, 0, 0, {}};
-  }
+  PendingProgress& pending = PendingOf(task);
   ++pending.steps;
   if (std::chrono::steady_clock::now() - pending.written < kProgressInterval) return 0;
   return FlushProgress(task);
@@ -556,11 +566,7 @@ int Item::SkipProg(int flags) {
   if (Count(units, (flags & PREPARE_INCLUDE_REMOVED) != 0) < 0) units = 1;
   RESTORE_INFO("Skipped %llu node(s) the caller may not have: %s", units, InfoString().c_str());
   if (task == nullptr) return RC_OK;
-  PendingProgress& pending = Pending();
-  if (pending.task != task) {
-    (void)FlushProgress(pending.task);
-    pending = PendingProgress{task, 0, 0, {}};
-  }
+  PendingProgress& pending = PendingOf(task);
   pending.steps += units;
   pending.skipped += units;
   return RC_OK;

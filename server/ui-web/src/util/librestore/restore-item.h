@@ -96,6 +96,10 @@ class Item {
                                            const std::string& name, const std::string& path,
                                            const DecryptMap& decrypt_map, HVOS::Task* task);
 
+  // The version `sync_id` of the node, or with 0 the newest that is not a
+  // deletion. 0, or -1 (logged).
+  static int ChooseVersion(db::ViewManager& vif, unsigned long long permanent_id,
+                           unsigned long long sync_id, db::Version& out);
   // "report.txt" seen before gives "report (2).txt", and so on.
   static std::string CalcAppendedName(const std::string& name, NameCount& seen);
   static std::string AppendNameIndex(const std::string& name, int index);
@@ -130,6 +134,9 @@ class Item {
   // Opens (making it if needed) the folder `dest_dir` below the root into
   // `target`.
   int CreateDestDir(const std::string& dest_dir, const TaskActor& actor, Target& target);
+  // The fixed sequence under a root: working folder, then Prepare into the
+  // node's own folder (in place) or the root itself (a copy).
+  int PrepareBeneath(int root_fd, bool in_place, const TaskActor& actor, int flags);
   int IncProg();
   // Counts this item's whole progress as skipped: the caller may not have it.
   int SkipProg(int flags);

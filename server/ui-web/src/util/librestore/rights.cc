@@ -9,6 +9,7 @@
 
 #include "db/errors.h"
 #include "platform-services.h"
+#include "restore-item.h"
 #include "utils.h"
 #include "view.h"
 
@@ -123,17 +124,7 @@ int JudgeNode(View& view, uint64_t permanent_id, uint64_t sync_id, uint64_t ctim
   db::ViewDBInterface& vif = view.GetVif();
   if (!vif) return -1;
   db::Version version;
-  if (sync_id != 0) {
-    if (vif->OpenVersionByPermanentId(permanent_id, sync_id, version) < 0) return -1;
-  } else {
-    std::vector<db::Version> versions;
-    if (vif->ListVersionByPermanentId(permanent_id, versions, db::ViewManager::kListVersionAll) <
-            0 ||
-        versions.empty() || (versions.size() == 1 && versions.back().isRemoved())) {
-      return -1;
-    }
-    version = versions.back().isRemoved() ? versions[versions.size() - 2] : versions.back();
-  }
+  if (Item::ChooseVersion(*vif.get(), permanent_id, sync_id, version) < 0) return -1;
   const Rights& rights = view.GetRights();
   ACL_API::ACL parents;
   std::string folder;

@@ -15,9 +15,10 @@ NodeRestoreFinishHandler::NodeRestoreFinishHandler() {
 
 int NodeRestoreFinishHandler::Handle(const RequestAuthentication& auth, BridgeRequest& /*request*/,
                                      BridgeResponse& /*response*/) {
-  // Someone else's record stays; the answer is the same as for none.
-  if (!MayUseRestoreRecord(auth)) return 0;
+  if (!HVOS::TaskUtil::checkTaskExists(kRestoreTaskOwner, kRestoreTaskName)) return 0;
   HVOS::Task task(kRestoreTaskOwner, kRestoreTaskName);
+  // Someone else's record stays; the answer is the same as for none.
+  if (!MayUseRestoreRecord(auth, task)) return 0;
   task.remove();
   return 0;
 }

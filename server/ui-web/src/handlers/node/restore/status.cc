@@ -16,11 +16,11 @@ NodeRestoreStatusHandler::NodeRestoreStatusHandler() {
 
 int NodeRestoreStatusHandler::Handle(const RequestAuthentication& auth, BridgeRequest& /*request*/,
                                      BridgeResponse& response) {
-  if (!MayUseRestoreRecord(auth)) {
+  HVOS::Task task(kRestoreTaskOwner, kRestoreTaskName);
+  if (!MayUseRestoreRecord(auth, task)) {
     LOG_ERROR("Wait for correct file format timeout\n");
     return RESPONSE_FAIL(response, 401, "malformed task information");
   }
-  HVOS::Task task(kRestoreTaskOwner, kRestoreTaskName);
   (void)task.waitForDataReady("data", 1000);
   if (task.hasProperty("error")) {
     const Json::Value error = task.getProperty("error");

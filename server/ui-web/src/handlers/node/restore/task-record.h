@@ -9,13 +9,11 @@ inline constexpr const char* kRestoreTaskName = "dftw_restore_progress";
 // A record whose progress is older than this is a dead task's.
 inline constexpr long kRestoreStaleSeconds = 11;
 
-// Whether `auth` may read or finish the restore record: only the user who
-// started the task, or an administrator. Everyone else is answered as if
+// Whether `auth` may read or finish the restore record `task`: only the user
+// who started the task, or an administrator. Everyone else is answered as if
 // there were no record.
-inline bool MayUseRestoreRecord(const RequestAuthentication& auth) {
-  if (!HVOS::TaskUtil::checkTaskExists(kRestoreTaskOwner, kRestoreTaskName)) return true;
+inline bool MayUseRestoreRecord(const RequestAuthentication& auth, const HVOS::Task& task) {
   if (auth.is_admin || auth.is_root) return true;
-  HVOS::Task task(kRestoreTaskOwner, kRestoreTaskName);
   const Json::Value owner = task.getProperty("owner");
   return owner.isObject() && owner["uid"].isUInt() && owner["uid"].asUInt() == auth.uid;
 }

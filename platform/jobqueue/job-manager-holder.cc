@@ -10,9 +10,9 @@
 
 namespace tidepool::db::job {
 
-struct JobManagerHolder::Impl {
-  std::unique_ptr<SQLite::Database> database;
-};
+namespace {
+std::unique_ptr<SQLite::Database> queue_database;
+}
 
 JobManagerHolder& JobManagerHolder::Instance() {
   static JobManagerHolder holder;
@@ -20,7 +20,7 @@ JobManagerHolder& JobManagerHolder::Instance() {
 }
 
 int JobManagerHolder::Initialize() {
-  if (impl_ != nullptr) return 0;
+  if (queue_database) return 0;
   SyncConfigMgr config;
   if (SyncGetConf(config) < 0) return -1;
   // Made 0600 before SQLite sees it, so its -wal and -shm are 0600 too.
@@ -35,7 +35,7 @@ int JobManagerHolder::Initialize() {
         "CREATE TABLE IF NOT EXISTS jobs (id INTEGER PRIMARY KEY, name TEXT NOT NULL, "
         "payload TEXT NOT NULL, not_before INTEGER NOT NULL DEFAULT 0, "
         "state INTEGER NOT NULL DEFAULT 0)");
-    impl_ = new Impl{std::move(database)};
+    queue_database = std::move(database);
     return 0;
   } catch (const SQLite::Exception& e) {
     LOG_ERROR("cannot open the job queue: %s\n", e.what());
@@ -44,10 +44,9 @@ int JobManagerHolder::Initialize() {
 }
 
 void JobManagerHolder::Destroy() {
-  delete impl_;
-  impl_ = nullptr;
+  queue_database.reset();
 }
 
-bool JobManagerHolder::IsInitialized() const { return impl_ != nullptr; }
+bool JobManagerHolder::IsInitialized() const { return queue_database != nullptr; }
 
 }  // namespace tidepool::db::job

@@ -60,6 +60,11 @@ class ViewManager {
   virtual int SetRotateDays(int days) = 0;
   virtual int SetRotatePolicy(const std::string& policy) = 0;
 
+  // Which of `file_ids`, content of the store `uuid`, a version of this
+  // view still names (as content or as Mac attributes).
+  virtual int ContentInUse(const std::string& uuid, const std::vector<uint64_t>& file_ids,
+                           std::vector<uint64_t>& in_use) = 0;
+
   virtual int GetNodeDeltaSizeSum(unsigned long long& size) = 0;
   virtual int GetMacAttrSizeSum(unsigned long long& size) = 0;
   virtual int GetSignatureSizeSum(unsigned long long& size) = 0;

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -36,6 +37,11 @@ struct NewVersion {
   bool encrypted = false;
 };
 
+struct PurgedNode {
+  uint64_t node_id = 0;
+  std::string path;
+};
+
 class ViewWriter {
  public:
   virtual ~ViewWriter() = default;
@@ -53,6 +59,20 @@ class ViewWriter {
   // stays); fills the removed versions so the caller can release their
   // stored content.
   virtual int RotateVersions(uint64_t node_id, int keep, std::vector<Version>& removed) = 0;
+
+  // Purging. Nodes go with every version, and the stored content that
+  // their versions named is put in the view's release journal in the same
+  // transaction, so a crash never loses track of it. `purged` gets the
+  // nodes removed, each with the path it last had.
+  // `node_id` with its whole subtree, live or removed; kErrInvalid for the
+  // root, kErrNotFound for a node the view does not have.
+  virtual int PurgeNode(uint64_t node_id, std::vector<PurgedNode>& purged) = 0;
+  // Every removed node, with whatever lies below it.
+  virtual int PurgeRemoved(std::vector<PurgedNode>& purged) = 0;
+  // The journal: per store uuid, the file ids purged versions named.
+  virtual int PendingRelease(std::map<std::string, std::vector<uint64_t>>& out) = 0;
+  // Ends the journal entries of one store once its content was released.
+  virtual int ClearPendingRelease(const std::string& uuid) = 0;
 
   // Batching: changes between Begin and Commit land together.
   virtual int Begin() = 0;

@@ -57,6 +57,8 @@ class ViewDB final : public ViewManager, public ViewWriter {
   int SetRotateCount(int count) override;
   int SetRotateDays(int days) override;
   int SetRotatePolicy(const std::string& policy) override;
+  int ContentInUse(const std::string& uuid, const std::vector<uint64_t>& file_ids,
+                   std::vector<uint64_t>& in_use) override;
   int GetNodeDeltaSizeSum(unsigned long long& size) override;
   int GetMacAttrSizeSum(unsigned long long& size) override;
   int GetSignatureSizeSum(unsigned long long& size) override;
@@ -66,6 +68,10 @@ class ViewDB final : public ViewManager, public ViewWriter {
   int MoveNode(uint64_t node_id, const std::string& new_path, uint32_t ctime,
                const std::string& client_id) override;
   int RotateVersions(uint64_t node_id, int keep, std::vector<Version>& removed) override;
+  int PurgeNode(uint64_t node_id, std::vector<PurgedNode>& purged) override;
+  int PurgeRemoved(std::vector<PurgedNode>& purged) override;
+  int PendingRelease(std::map<std::string, std::vector<uint64_t>>& out) override;
+  int ClearPendingRelease(const std::string& uuid) override;
   int Begin() override;
   int Commit() override;
   int Rollback() override;
@@ -85,6 +91,8 @@ class ViewDB final : public ViewManager, public ViewWriter {
   int RunSearch(const SearchNodeFilter& filter, bool count_only, std::vector<Node>* rows,
                 unsigned long long* count);
   int SubtreeIds(uint64_t node_id, bool live_only, std::vector<uint64_t>& out);
+  // Purges the nodes in temp.purge_ids (see PurgeNode).
+  int PurgeMarked(std::vector<PurgedNode>& purged);
   int InsertVersionFrom(uint64_t node_id, uint64_t parent_id, const std::string& name,
                         uint32_t ctime, const std::string& client_id, bool removed);
 

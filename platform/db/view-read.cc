@@ -575,6 +575,50 @@ int ViewDB::GetMacAttrSizeSum(unsigned long long& size) {
   return kOk;
 }
 
+int ViewDB::ContentInUse(const std::string& uuid, const std::vector<uint64_t>& file_ids,
+                         std::vector<uint64_t>& in_use) {
+  in_use.clear();
+  return Guard("content in use", [&]() -> int {
+    // File ids grow as content is stored, so a view's versions name ids in
+    // one range: ids outside it need no lookup (most views, in a purge of
+    // another one).
+    struct Column {
+      const char* bounds;
+      const char* probe;
+    };
+    const Column columns[] = {
+        {"SELECT min(file_id), max(file_id) FROM versions WHERE file_id != 0",
+         "SELECT 1 FROM versions WHERE file_id = ?1 AND file_id != 0 AND file_uuid = ?2 LIMIT 1"},
+        {"SELECT min(mac_attr_file_id), max(mac_attr_file_id) FROM versions WHERE "
+         "mac_attr_file_id != 0",
+         "SELECT 1 FROM versions WHERE mac_attr_file_id = ?1 AND mac_attr_file_id != 0 AND "
+         "mac_attr_uuid = ?2 LIMIT 1"}};
+    std::vector<uint64_t> sorted(file_ids);
+    std::sort(sorted.begin(), sorted.end());
+    std::vector<bool> used(sorted.size(), false);
+    for (const Column& column : columns) {
+      SQLite::Statement bounds(*db_, column.bounds);
+      if (!bounds.executeStep() || bounds.getColumn(0).isNull()) continue;
+      const auto low = static_cast<uint64_t>(bounds.getColumn(0).getInt64());
+      const auto high = static_cast<uint64_t>(bounds.getColumn(1).getInt64());
+      bounds.reset();
+      SQLite::Statement probe(*db_, column.probe);
+      auto it = std::lower_bound(sorted.begin(), sorted.end(), low);
+      for (; it != sorted.end() && *it <= high; ++it) {
+        const size_t i = static_cast<size_t>(it - sorted.begin());
+        if (used[i]) continue;
+        probe.reset();
+        probe.bind(1, static_cast<int64_t>(*it));
+        probe.bind(2, uuid);
+        if (probe.executeStep()) used[i] = true;
+      }
+    }
+    for (size_t i = 0; i < sorted.size(); ++i)
+      if (used[i]) in_use.push_back(sorted[i]);
+    return static_cast<int>(kOk);
+  });
+}
+
 int ViewDB::GetSignatureSizeSum(unsigned long long& size) {
   size = 0;  // signatures are not stored in the view
   return kOk;

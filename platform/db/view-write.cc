@@ -124,8 +124,19 @@ int Atomically(SQLite::Database& db, const char* what, F&& f) {
 
 }  // namespace
 
+// Purging: the journal of content that purged versions named, and indexes
+// that find the versions naming a piece of content.
+constexpr const char* kSchema2 = R"sql(
+CREATE TABLE release_pending(
+  file_uuid TEXT NOT NULL,
+  file_id INTEGER NOT NULL,
+  PRIMARY KEY(file_uuid, file_id)) WITHOUT ROWID;
+CREATE INDEX versions_by_file ON versions(file_id) WHERE file_id != 0;
+CREATE INDEX versions_by_mac ON versions(mac_attr_file_id) WHERE mac_attr_file_id != 0;
+)sql";
+
 const std::vector<const char*>& ViewMigrations() {
-  static const std::vector<const char*> list = {kSchema1};
+  static const std::vector<const char*> list = {kSchema1, kSchema2};
   return list;
 }
 
@@ -465,6 +476,90 @@ int ViewDB::RotateVersions(uint64_t node_id, int keep, std::vector<Version>& rem
   if (rc < 0) return rc;
   removed.assign(all.begin(), all.end() - static_cast<std::ptrdiff_t>(kept));
   return static_cast<int>(removed.size());
+}
+
+int ViewDB::PurgeNode(uint64_t node_id, std::vector<PurgedNode>& purged) {
+  purged.clear();
+  if (node_id == root_id_) return kErrInvalid;
+  return Atomically(*db_, "purge node", [&]() -> int {
+    SQLite::Statement known(*db_, "SELECT 1 FROM nodes WHERE node_id = ?");
+    known.bind(1, static_cast<int64_t>(node_id));
+    if (!known.executeStep()) return static_cast<int>(kErrNotFound);
+    known.reset();
+    db_->exec("CREATE TEMP TABLE IF NOT EXISTS purge_ids(id INTEGER PRIMARY KEY)");
+    db_->exec("DELETE FROM temp.purge_ids");
+    SQLite::Statement mark(*db_,
+                           "WITH RECURSIVE sub(id) AS (SELECT ?1 UNION SELECT n.node_id FROM nodes "
+                           "n JOIN sub ON n.parent_id = sub.id) INSERT INTO temp.purge_ids SELECT "
+                           "id FROM sub");
+    mark.bind(1, static_cast<int64_t>(node_id));
+    mark.exec();
+    return PurgeMarked(purged);
+  });
+}
+
+int ViewDB::PurgeRemoved(std::vector<PurgedNode>& purged) {
+  purged.clear();
+  return Atomically(*db_, "purge removed", [&]() -> int {
+    db_->exec("CREATE TEMP TABLE IF NOT EXISTS purge_ids(id INTEGER PRIMARY KEY)");
+    db_->exec("DELETE FROM temp.purge_ids");
+    // A removed folder's children are removed too; whatever still hangs
+    // below one goes with it rather than lose its parent.
+    db_->exec(
+        "WITH RECURSIVE sub(id) AS (SELECT node_id FROM nodes WHERE removed = 1 UNION SELECT "
+        "n.node_id FROM nodes n JOIN sub ON n.parent_id = sub.id) INSERT INTO temp.purge_ids "
+        "SELECT id FROM sub");
+    return PurgeMarked(purged);
+  });
+}
+
+int ViewDB::PurgeMarked(std::vector<PurgedNode>& purged) {
+  SQLite::Statement root(*db_, "DELETE FROM temp.purge_ids WHERE id = ?");
+  root.bind(1, static_cast<int64_t>(root_id_));
+  root.exec();
+  SQLite::Statement content(
+      *db_,
+      "INSERT OR IGNORE INTO release_pending(file_uuid, file_id) SELECT v.file_uuid, v.file_id "
+      "FROM temp.purge_ids p JOIN versions v ON v.node_id = p.id WHERE v.file_id != 0 AND "
+      "v.ver_type = ?");
+  content.bind(1, static_cast<int64_t>(kVerTypeStored));
+  content.exec();
+  db_->exec(
+      "INSERT OR IGNORE INTO release_pending(file_uuid, file_id) SELECT v.mac_attr_uuid, "
+      "v.mac_attr_file_id FROM temp.purge_ids p JOIN versions v ON v.node_id = p.id WHERE "
+      "v.mac_attr_file_id != 0");
+  SQLite::Statement list(*db_,
+                         "SELECT n.node_id, n.path FROM temp.purge_ids p JOIN nodes n ON "
+                         "n.node_id = p.id ORDER BY n.path");
+  while (list.executeStep())
+    purged.push_back(PurgedNode{static_cast<uint64_t>(list.getColumn(0).getInt64()),
+                                list.getColumn(1).getString()});
+  list.reset();
+  db_->exec("DELETE FROM versions WHERE node_id IN (SELECT id FROM temp.purge_ids)");
+  db_->exec("DELETE FROM nodes WHERE node_id IN (SELECT id FROM temp.purge_ids)");
+  db_->exec("DELETE FROM temp.purge_ids");
+  return static_cast<int>(purged.size());
+}
+
+int ViewDB::PendingRelease(std::map<std::string, std::vector<uint64_t>>& out) {
+  out.clear();
+  return Guard("pending release", [&]() -> int {
+    SQLite::Statement q(*db_,
+                        "SELECT file_uuid, file_id FROM release_pending ORDER BY file_uuid, "
+                        "file_id");
+    while (q.executeStep())
+      out[q.getColumn(0).getString()].push_back(static_cast<uint64_t>(q.getColumn(1).getInt64()));
+    return static_cast<int>(kOk);
+  });
+}
+
+int ViewDB::ClearPendingRelease(const std::string& uuid) {
+  return Guard("clear pending release", [&]() -> int {
+    SQLite::Statement q(*db_, "DELETE FROM release_pending WHERE file_uuid = ?");
+    q.bind(1, uuid);
+    q.exec();
+    return static_cast<int>(kOk);
+  });
 }
 
 int ViewDB::Begin() {

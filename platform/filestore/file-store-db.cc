@@ -19,7 +19,7 @@
 namespace filestore {
 namespace {
 
-constexpr int kSchemaVersion = 2;
+constexpr int kSchemaVersion = 3;
 
 const char* const kSchema = R"(
 CREATE TABLE IF NOT EXISTS meta(key TEXT PRIMARY KEY, value TEXT NOT NULL);
@@ -32,9 +32,16 @@ CREATE TABLE IF NOT EXISTS file(
   hash TEXT NOT NULL,
   has_signature INTEGER NOT NULL,
   released INTEGER NOT NULL DEFAULT 0,
-  encrypted INTEGER NOT NULL DEFAULT 0);
+  encrypted INTEGER NOT NULL DEFAULT 0,
+  dropping INTEGER NOT NULL DEFAULT 0);
 CREATE INDEX IF NOT EXISTS file_base ON file(base_id);
+CREATE INDEX IF NOT EXISTS file_dropping ON file(dropping) WHERE dropping != 0;
 )";
+
+// Pieces marked for removal: the signature alone, or the row with all its
+// pieces. Marks commit before any file is removed.
+constexpr int kDropSignature = 1;
+constexpr int kDropRow = 2;
 
 int ResultOf(const std::exception& e) {
   const auto* se = dynamic_cast<const SQLite::Exception*>(&e);
@@ -83,6 +90,7 @@ FileRow RowOf(SQLite::Statement& q) {
   r.has_signature = q.getColumn(6).getInt() != 0;
   r.released = q.getColumn(7).getInt() != 0;
   r.encrypted = q.getColumn(8).getInt() != 0;
+  if (q.getColumnCount() > 9) r.dropping = q.getColumn(9).getInt();
   return r;
 }
 
@@ -128,6 +136,12 @@ int FileTable::Open(const std::string& path, bool create) {
       db_->exec("UPDATE meta SET value = '2' WHERE key = 'schema_version'");
       version = 2;
     }
+    if (version == 2 && db_->tableExists("file")) {
+      db_->exec("ALTER TABLE file ADD COLUMN dropping INTEGER NOT NULL DEFAULT 0");
+      db_->exec("CREATE INDEX file_dropping ON file(dropping) WHERE dropping != 0");
+      db_->exec("UPDATE meta SET value = '3' WHERE key = 'schema_version'");
+      version = 3;
+    }
     if (version != kSchemaVersion || uuid_.empty() || !db_->tableExists("file"))
       return static_cast<int>(db::kErrCorrupt);
     tx.commit();
@@ -141,7 +155,7 @@ int FileTable::Get(uint64_t file_id, FileRow& out) {
       get_ = std::make_unique<SQLite::Statement>(
           *db_,
           "SELECT file_id, base_id, depth, size, stored_size, hash, has_signature, released, "
-          "encrypted FROM file WHERE file_id = ?");
+          "encrypted, dropping FROM file WHERE file_id = ?");
     }
     SQLite::Statement& q = *get_;
     q.reset();
@@ -206,6 +220,77 @@ int FileTable::Delete(uint64_t file_id) {
     SQLite::Statement q(*db_, "DELETE FROM file WHERE file_id = ?");
     q.bind(1, static_cast<int64_t>(file_id));
     q.exec();
+    return static_cast<int>(db::kOk);
+  });
+}
+
+int FileTable::MarkReleased(const std::vector<uint64_t>& file_ids) {
+  return Guard("mark released", [&] {
+    SQLite::Statement release(*db_,
+                              "UPDATE file SET released = 1, has_signature = 0, dropping = "
+                              "max(dropping, ?2) WHERE file_id = ?1");
+    SQLite::Statement children(*db_,
+                               "SELECT 1 FROM file WHERE base_id = ? AND dropping != ? LIMIT 1");
+    SQLite::Statement doom(*db_, "UPDATE file SET dropping = ?2 WHERE file_id = ?1");
+    for (const uint64_t file_id : file_ids) {
+      release.reset();
+      release.bind(1, static_cast<int64_t>(file_id));
+      release.bind(2, kDropSignature);
+      if (release.exec() == 0) continue;  // unknown, or gone already
+      // A released piece goes once nothing builds on it, and then its base
+      // may follow: from the tip of the chain towards its origin.
+      uint64_t id = file_id;
+      while (id != 0) {
+        FileRow row;
+        const int rc = Get(id, row);
+        if (rc == db::kErrNotFound) break;
+        if (rc < 0) return rc;
+        if (!row.released || row.dropping == kDropRow) break;
+        children.reset();
+        children.bind(1, static_cast<int64_t>(id));
+        children.bind(2, kDropRow);
+        if (children.executeStep()) break;
+        doom.reset();
+        doom.bind(1, static_cast<int64_t>(id));
+        doom.bind(2, kDropRow);
+        doom.exec();
+        id = row.base_id;
+      }
+    }
+    return static_cast<int>(db::kOk);
+  });
+}
+
+int FileTable::Marked(std::vector<FileRow>& out) {
+  return Guard("marked", [&] {
+    SQLite::Statement q(*db_,
+                        "SELECT file_id, base_id, depth, size, stored_size, hash, has_signature, "
+                        "released, encrypted, dropping FROM file WHERE dropping != 0");
+    while (q.executeStep()) out.push_back(RowOf(q));
+    return static_cast<int>(db::kOk);
+  });
+}
+
+int FileTable::DropMarked(const std::vector<FileRow>& rows) {
+  return Guard("drop marked", [&] {
+    // A savepoint, so this also nests in an open batch.
+    db_->exec("SAVEPOINT drop_marked");
+    SQLite::Statement drop(*db_, "DELETE FROM file WHERE file_id = ? AND dropping = ?");
+    SQLite::Statement keep(*db_, "UPDATE file SET dropping = 0 WHERE file_id = ? AND dropping = ?");
+    for (const FileRow& row : rows) {
+      SQLite::Statement& q = row.dropping == kDropRow ? drop : keep;
+      q.reset();
+      q.bind(1, static_cast<int64_t>(row.file_id));
+      q.bind(2, row.dropping);
+      try {
+        q.exec();
+      } catch (...) {
+        db_->exec("ROLLBACK TO drop_marked");
+        db_->exec("RELEASE drop_marked");
+        throw;
+      }
+    }
+    db_->exec("RELEASE drop_marked");
     return static_cast<int>(db::kOk);
   });
 }

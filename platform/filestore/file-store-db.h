@@ -22,6 +22,7 @@ struct FileRow {
   bool has_signature = false;
   bool released = false;
   bool encrypted = false;  // pieces sealed under the share key
+  int dropping = 0;        // marked for removal: 1 the signature, 2 the row and its pieces
 };
 
 class FileTable {
@@ -36,6 +37,13 @@ class FileTable {
   int SetReleased(uint64_t file_id);
   int HasChildren(uint64_t file_id);  // 1 yes, 0 no, negative
   int Delete(uint64_t file_id);
+  // Releases the ids in the current transaction and marks what may go: the
+  // signature of each, and every released row nothing builds on any more,
+  // following chains towards their origins. Unknown ids are skipped.
+  int MarkReleased(const std::vector<uint64_t>& file_ids);
+  // The marked rows, and their removal once their pieces are gone.
+  int Marked(std::vector<FileRow>& out);
+  int DropMarked(const std::vector<FileRow>& rows);
   int SizeSum(bool deltas, unsigned long long& out);
 
   // Savepoints nest inside a batch or stand alone.

@@ -10,10 +10,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -197,22 +199,44 @@ class FileStoreImpl final : public FileStore {
   }
 
   int Release(uint64_t file_id) override {
-    int rc = table_.SetReleased(file_id);
+    FileRow row;
+    int rc = table_.Get(file_id, row);
+    if (rc >= 0) rc = ReleaseMany({file_id});
+    return rc < 0 ? rc : db::kOk;
+  }
+
+  int ReleaseMany(const std::vector<uint64_t>& file_ids) override {
+    if (file_ids.empty()) return FinishReleases();
+    int rc = table_.Savepoint();
     if (rc < 0) return rc;
-    unlink(SignaturePath(folder_, file_id).c_str());
-    // Drop released pieces from the tip of a chain towards its origin; a
-    // piece stays while a later delta still needs it.
-    uint64_t id = file_id;
-    while (id != 0) {
-      FileRow row;
-      if ((rc = table_.Get(id, row)) < 0) return rc == db::kErrNotFound ? db::kOk : rc;
-      if (!row.released) break;
-      if ((rc = table_.HasChildren(id)) != 0) return rc < 0 ? rc : db::kOk;
-      if ((rc = table_.Delete(id)) < 0) return rc;
-      unlink(ContentPath(folder_, row).c_str());
-      id = row.base_id;
+    if ((rc = table_.MarkReleased(file_ids)) < 0) {
+      table_.RollbackSavepoint();
+      return rc;
     }
-    return db::kOk;
+    if ((rc = table_.ReleaseSavepoint()) < 0) return rc;
+    // Inside a batch the marks are not committed yet: their pieces go when
+    // the batch commits, never before.
+    return in_batch_ ? db::kOk : FinishReleases();
+  }
+
+  int FinishReleases() override {
+    std::vector<FileRow> marked;
+    int rc = table_.Marked(marked);
+    if (rc < 0 || marked.empty()) return rc;
+    int removed = 0;
+    for (const FileRow& row : marked) {
+      if (unlink(SignaturePath(folder_, row.file_id).c_str()) == 0) ++removed;
+      if (row.dropping == 2 && unlink(ContentPath(folder_, row).c_str()) == 0) ++removed;
+    }
+    if (TEST_after_unlink_) TEST_after_unlink_();
+    // Only now do the rows go: a crash before this leaves them marked, and
+    // the next call removes what is left.
+    rc = table_.DropMarked(marked);
+    return rc < 0 ? rc : removed;
+  }
+
+  void TEST_SetAfterUnlinkHook(std::function<void()> hook) override {
+    TEST_after_unlink_ = std::move(hook);
   }
 
   int Rebuild(uint64_t file_id, const std::string& out_path) override {
@@ -253,8 +277,17 @@ class FileStoreImpl final : public FileStore {
     return CheckRebuilt(row, patches.empty() ? origin : std::string(), out_path);
   }
 
-  int BeginBatch() override { return table_.BeginBatch(); }
-  int CommitBatch() override { return table_.CommitBatch(); }
+  int BeginBatch() override {
+    const int rc = table_.BeginBatch();
+    if (rc >= 0) in_batch_ = true;
+    return rc;
+  }
+  int CommitBatch() override {
+    const bool was = in_batch_;
+    in_batch_ = false;
+    const int rc = table_.CommitBatch();
+    return rc < 0 || !was ? rc : std::min(FinishReleases(), 0);
+  }
 
  private:
   bool IsLive(uint64_t size) const {
@@ -426,6 +459,8 @@ class FileStoreImpl final : public FileStore {
   Options options_;
   FileTable table_;
   std::unique_ptr<patch::CipherKey> key_;
+  bool in_batch_ = false;
+  std::function<void()> TEST_after_unlink_;
 };
 
 // librsync reports to stderr unless told otherwise; its words belong in

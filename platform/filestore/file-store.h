@@ -16,6 +16,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -88,6 +89,17 @@ class FileStore : public db::FileManager {
   // The version of this file id was rotated away: its content is dropped
   // once no later delta is built on it. Unknown ids give kErrNotFound.
   virtual int Release(uint64_t file_id) = 0;
+  // Releases many file ids at once (a purge); unknown ids are skipped. The
+  // rows change in one transaction before any piece is removed, so a crash
+  // never leaves a row without its piece; pieces whose removal was cut short
+  // stay marked and go with the next call (or FinishReleases). Inside a
+  // batch, pieces go when the batch commits. The number of pieces removed,
+  // or negative.
+  virtual int ReleaseMany(const std::vector<uint64_t>& file_ids) = 0;
+  virtual int FinishReleases() = 0;
+  // Runs after the pieces are removed and before their rows go: the moment
+  // a crash must survive.
+  virtual void TEST_SetAfterUnlinkHook(std::function<void()> hook) = 0;
 
   // Writes the content of `file_id` to `out_path` (origin plus deltas), and
   // checks its size and hash. kErrCorrupt when a piece is missing or bad.

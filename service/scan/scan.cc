@@ -19,6 +19,7 @@
 #include "scan-state.h"
 #include "sync-service.h"
 #include "user-manager.h"
+#include "view-lock.h"
 #include "view-scan.h"
 
 namespace scan {
@@ -162,6 +163,11 @@ int ScanAll(const SyncConfigMgr& config, const ScanOptions& given, ScanSummary& 
     KeyScope key_scope(*store, key);
     if (key_scope.Set() < 0) {
       LOG_ERROR("scan: the key of %s is not usable; skipped\n", target.owner.c_str());
+      ++summary.failed;
+      continue;
+    }
+    ViewLock lock;
+    if (lock.Acquire(config.GetDbConnectParam(), target.view_id) < 0) {
       ++summary.failed;
       continue;
     }

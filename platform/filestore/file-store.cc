@@ -264,6 +264,7 @@ class FileStoreImpl final : public FileStore {
   int CheckPieces(uint64_t file_id, std::string& problem) override {
     return filestore::CheckPieces(table_, folder_, file_id, problem);
   }
+  int GetRow(uint64_t file_id, FileRow& out) override { return table_.Get(file_id, out); }
   int ForEachRow(const std::function<int(const FileRow&)>& visit) override {
     return table_.ForEach(visit);
   }

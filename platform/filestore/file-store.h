@@ -114,6 +114,8 @@ class FileStore : public db::FileManager {
   // Only that every piece `file_id` needs is on disk, without opening any:
   // for sealed content whose key is not at hand. Results as Verify.
   virtual int CheckPieces(uint64_t file_id, std::string& problem) = 0;
+  // The row of `file_id`; kErrNotFound when there is none.
+  virtual int GetRow(uint64_t file_id, FileRow& out) = 0;
   // Every row in file id order, one at a time (see FileTable::ForEach).
   virtual int ForEachRow(const std::function<int(const FileRow&)>& visit) = 0;
 };

@@ -5,6 +5,8 @@
 #include <SQLiteCpp/Database.h>
 #include <gtest/gtest.h>
 
+#include <sys/xattr.h>
+
 #include <filesystem>
 #include <functional>
 #include <map>
@@ -97,6 +99,10 @@ class CheckTest : public ::testing::Test {
       tptest::WriteFile("/volume1/Vault/secret.bin", secret);
       if (round == 0) {
         tptest::WriteFile(kHome + "/notes.txt", "a small note");
+        const std::string tag = "bplist00 tide";
+        ASSERT_EQ(lsetxattr((kHome + "/notes.txt").c_str(), "user.com.apple.FinderInfo", tag.data(),
+                            tag.size(), 0),
+                  0);
         tptest::WriteFile("/volume1/Docs/report.bin", tptest::RandomBytes(20 << 10, 3));
       }
       Scan(1700000000 + round * 100);
@@ -118,15 +124,18 @@ class CheckTest : public ::testing::Test {
     }
     return info.view_id;
   }
-  // The file id of the `index`-th version (oldest first) of `path`.
-  static uint64_t FileId(const std::string& owner, const std::string& path, size_t index) {
+  // The file id of the `index`-th version (oldest first) of `path`, or of
+  // its Mac attributes.
+  static uint64_t FileId(const std::string& owner, const std::string& path, size_t index,
+                         bool mac = false) {
     db::ViewDBInterface view;
     EXPECT_GE(db::Manager::GetViewDB(ViewOf(owner), view), 0);
     db::Node node;
     std::vector<db::Version> versions;
     EXPECT_GE(view->QueryNode(path, node, db::ViewManager::kQueryAny), 0);
     EXPECT_GE(view->ListVersion(node.getNodeId(), versions, db::ViewManager::kListVersionAll), 0);
-    return index < versions.size() ? versions[index].getFileId() : 0;
+    if (index >= versions.size()) return 0;
+    return mac ? versions[index].getMacAttributeFileId() : versions[index].getFileId();
   }
   static filestore::FileRow Row(uint64_t file_id) {
     std::unique_ptr<filestore::FileStore> store;
@@ -207,6 +216,9 @@ TEST_F(CheckTest, FaultsAreNamedAndASoundRepositoryPasses) {
               [](std::string& b) { b = "<removed>"; }),
       OnPiece("origin truncated", "/projects/plan.txt", "", OriginPiece(plan_tip),
               [](std::string& b) { b.resize(b.size() / 2); }),
+      OnPiece("Mac attributes removed", "/notes.txt", "Mac attributes: piece",
+              Piece(FileId("alice", "/notes.txt", 0, true)),
+              [](std::string& b) { b = "<removed>"; }),
       OnPiece("byte flipped", "/report.bin", "does not match its hash", Piece(report_id),
               flip(12345)),
       OnPiece("sealed delta flipped", "/secret.bin", "does not open", Piece(secret_tip), flip(40)),

@@ -45,6 +45,12 @@ class Manager {
   // Records (or replaces) a volume's file database: its uuid and folder.
   static int RegisterVolume(const std::string& volume, const std::string& uuid,
                             const std::string& folder);
+
+  // Like Initialize, for a process that must leave the repository as it
+  // is (a check): nothing is created or migrated, views open read-only, and
+  // the calls that would write or create fail with kErrInvalid.
+  // kErrCannotOpen when the service database does not exist.
+  static int InitializeReadOnly(const std::string& connect_param, const std::string& backend);
 };
 
 }  // namespace db

@@ -3,6 +3,7 @@
 // node that does not exist.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -68,6 +69,12 @@ class ViewManager {
   virtual int GetNodeDeltaSizeSum(unsigned long long& size) = 0;
   virtual int GetMacAttrSizeSum(unsigned long long& size) = 0;
   virtual int GetSignatureSizeSum(unsigned long long& size) = 0;
+
+  // Hands every version of the view (deletion markers too) to `visit`, in
+  // sync id order, one row at a time: a view may hold millions. A negative
+  // answer from `visit` stops the walk and is returned; otherwise the number
+  // of versions visited, or negative when the view cannot be read.
+  virtual int ForEachVersion(const std::function<int(const Version&)>& visit) = 0;
 };
 
 void ViewDBDelete(ViewManager* view);

@@ -31,6 +31,7 @@ CREATE TABLE usage(
 struct State {
   std::unique_ptr<SQLite::Database> handle;
   std::string connect;
+  bool read_only = false;
 };
 
 State& Current() {
@@ -83,6 +84,7 @@ int Manager::Initialize(const std::string& /*repo_location*/, const std::string&
 void Manager::Destroy() {
   Current().handle.reset();
   Current().connect.clear();
+  Current().read_only = false;
 }
 
 bool Manager::IsInitialized() { return Current().handle != nullptr; }
@@ -92,21 +94,22 @@ int Manager::GetViewDB(uint64_t view_id, ViewDBInterface& out) {
   if (!IsInitialized()) return kErrInvalid;
   if (view_id == 0) return kErrCannotOpen;
   std::unique_ptr<internal::ViewDB> view;
-  int rc = internal::ViewDB::Open(ViewPath(view_id), view_id, false, view);
+  int rc = Current().read_only ? internal::ViewDB::OpenReadOnly(ViewPath(view_id), view_id, view)
+                               : internal::ViewDB::Open(ViewPath(view_id), view_id, false, view);
   if (rc < 0) return rc;
   out.reset(view.release());
   return kOk;
 }
 
 int Manager::CreateView(uint64_t view_id) {
-  if (!IsInitialized()) return kErrInvalid;
+  if (!IsInitialized() || Current().read_only) return kErrInvalid;
   if (view_id == 0) return kErrInvalid;
   return internal::ViewDB::Create(ViewPath(view_id), view_id);
 }
 
 int Manager::GetViewWriter(uint64_t view_id, std::unique_ptr<ViewWriter>& out) {
   out.reset();
-  if (!IsInitialized()) return kErrInvalid;
+  if (!IsInitialized() || Current().read_only) return kErrInvalid;
   if (view_id == 0) return kErrCannotOpen;
   std::unique_ptr<internal::ViewDB> view;
   int rc = internal::ViewDB::Open(ViewPath(view_id), view_id, true, view);
@@ -118,6 +121,7 @@ int Manager::GetViewWriter(uint64_t view_id, std::unique_ptr<ViewWriter>& out) {
 int Manager::GetFileDB(const std::string& uuid, FileDBInterface& out, bool create,
                        const std::string& volume) {
   out.reset();
+  if (create && Current().read_only) return kErrInvalid;
   std::string folder;
   int rc = FolderOf(uuid, folder);
   if (rc == kErrCannotOpen && create && !volume.empty()) {
@@ -144,7 +148,7 @@ std::string Manager::GetFilePath(const std::string& uuid, uint64_t file_id) {
 
 int Manager::RegisterVolume(const std::string& volume, const std::string& uuid,
                             const std::string& folder) {
-  if (!IsInitialized()) return kErrInvalid;
+  if (!IsInitialized() || Current().read_only) return kErrInvalid;
   if (volume.empty() || uuid.empty() || folder.empty() || folder[0] != '/') return kErrInvalid;
   return internal::Guard("register volume", [&]() -> int {
     SQLite::Statement q(*Current().handle,
@@ -214,6 +218,20 @@ int Manager::GetLogDBFileSize(unsigned long long& size) {
   size = 0;
   if (!IsInitialized()) return kErrInvalid;
   return FileSize(Current().connect + "/log-db.sqlite", size);
+}
+
+int Manager::InitializeReadOnly(const std::string& connect_param, const std::string& backend) {
+  static const std::vector<const char*> migrations = {kSchema1};
+  if (backend != "sqlite") return kErrInvalid;
+  if (IsInitialized()) return Current().read_only ? kOk : kErrInvalid;
+  int rc = kOk;
+  auto database = internal::OpenDatabase(connect_param + "/" + kFileName, false, &rc, true);
+  if (!database) return rc;
+  if ((rc = internal::CheckSchema(*database, migrations)) < 0) return rc;
+  Current().handle = std::move(database);
+  Current().connect = connect_param;
+  Current().read_only = true;
+  return kOk;
 }
 
 }  // namespace db

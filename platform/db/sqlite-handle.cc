@@ -64,6 +64,41 @@ int FromSqliteCode(int code) {
   }
 }
 
+// The schema version recorded in `meta`; 0 for an empty file, -1 for a
+// file that is not ours.
+long long SchemaVersionOf(SQLite::Database& db) {
+  if (!db.tableExists("meta")) {
+    // Any other table means a file that is not ours.
+    SQLite::Statement q(db, "SELECT count(*) FROM sqlite_master");
+    q.executeStep();
+    return q.getColumn(0).getInt() == 0 ? 0 : -1;
+  }
+  std::string text = GetMeta(db, "schema_version", "");
+  char* end = nullptr;
+  long long v = std::strtoll(text.c_str(), &end, 10);
+  return (text.empty() || *end != '\0' || v < 0) ? -1 : v;
+}
+
+// No pragma that writes and no file made or narrowed: a checker must leave
+// the repository exactly as it found it.
+std::unique_ptr<SQLite::Database> OpenReadOnly(const std::string& path, int* result) {
+  struct stat st;
+  if (stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) {
+    if (result) *result = kErrCannotOpen;
+    return nullptr;
+  }
+  try {
+    auto database =
+        std::make_unique<SQLite::Database>(path, SQLite::OPEN_READONLY | SQLite::OPEN_FULLMUTEX);
+    database->setBusyTimeout(5000);
+    return database;
+  } catch (const std::exception& e) {
+    LOG_ERROR("cannot open database '%s': %s\n", path.c_str(), e.what());
+    if (result) *result = kErrCannotOpen;
+    return nullptr;
+  }
+}
+
 }  // namespace
 
 int ErrorOf(const std::exception& e) {
@@ -77,8 +112,10 @@ void LogFailure(const char* what, const std::exception& e) {
   LOG_ERROR("%s: %s\n", what, e.what());
 }
 
-std::unique_ptr<SQLite::Database> OpenDatabase(const std::string& path, bool create, int* result) {
+std::unique_ptr<SQLite::Database> OpenDatabase(const std::string& path, bool create, int* result,
+                                               bool read_only) {
   if (result) *result = kOk;
+  if (read_only) return OpenReadOnly(path, result);
   // Made 0600 before SQLite sees it, so its -wal and -shm are 0600 too.
   if (tpsys::PreparePrivateDatabase(path, create) < 0 && !create) {
     if (result) *result = kErrCannotOpen;
@@ -136,20 +173,24 @@ void SetMeta(SQLite::Database& db, const char* key, const std::string& value) {
   q.exec();
 }
 
+int CheckSchema(SQLite::Database& db, const std::vector<const char*>& migrations) {
+  return Guard("schema", [&]() -> int {
+    const long long current = SchemaVersionOf(db);
+    const auto newest = static_cast<long long>(migrations.size());
+    if (current < 0) return static_cast<int>(kErrCorrupt);
+    if (current > newest) return static_cast<int>(kErrNewerSchema);
+    if (current < newest) {
+      LOG_ERROR("database schema %lld is older than %lld; the service brings it up to date\n",
+                current, newest);
+      return static_cast<int>(kErrCannotOpen);
+    }
+    return static_cast<int>(kOk);
+  });
+}
+
 int Migrate(SQLite::Database& db, const std::vector<const char*>& migrations) {
   return Guard("schema", [&]() -> int {
-    auto version_of = [&]() -> long long {
-      if (!db.tableExists("meta")) {
-        // Any other table means a file that is not ours.
-        SQLite::Statement q(db, "SELECT count(*) FROM sqlite_master");
-        q.executeStep();
-        return q.getColumn(0).getInt() == 0 ? 0 : -1;
-      }
-      std::string text = GetMeta(db, "schema_version", "");
-      char* end = nullptr;
-      long long v = std::strtoll(text.c_str(), &end, 10);
-      return (text.empty() || *end != '\0' || v < 0) ? -1 : v;
-    };
+    auto version_of = [&] { return SchemaVersionOf(db); };
     long long current = version_of();
     if (current < 0) return static_cast<int>(kErrCorrupt);
     const auto newest = static_cast<long long>(migrations.size());

@@ -77,6 +77,10 @@ class ViewDB final : public ViewManager, public ViewWriter {
   int Rollback() override;
   ViewManager& Reader() override { return *this; }
 
+  int ForEachVersion(const std::function<int(const Version&)>& visit) override;
+  // Opens an existing view file read-only, without migrating it.
+  static int OpenReadOnly(const std::string& path, uint64_t view_id, std::unique_ptr<ViewDB>& out);
+
  private:
   int LoadRoot();
   int Rekey();

@@ -624,4 +624,33 @@ int ViewDB::GetSignatureSizeSum(unsigned long long& size) {
   return kOk;
 }
 
+int ViewDB::ForEachVersion(const std::function<int(const Version&)>& visit) {
+  return Guard("each version", [&]() -> int {
+    // Sync id order is the table's own: no sort, whatever the view's size.
+    SQLite::Statement q(*db_, std::string("SELECT ") + kVersionColumns +
+                                  " FROM versions v JOIN nodes n ON n.node_id = v.node_id "
+                                  "ORDER BY v.sync_id");
+    int count = 0;
+    while (q.executeStep()) {
+      Version v;
+      int rc = VersionFromRow(q, v);
+      if (rc < 0) return rc;
+      if ((rc = visit(v)) < 0) return rc;
+      if (count < INT_MAX) ++count;
+    }
+    return count;
+  });
+}
+
+int ViewDB::OpenReadOnly(const std::string& path, uint64_t view_id, std::unique_ptr<ViewDB>& out) {
+  int rc = kOk;
+  auto database = OpenDatabase(path, false, &rc, true);
+  if (!database) return rc;
+  if ((rc = CheckSchema(*database, ViewMigrations())) < 0) return rc;
+  auto view = std::make_unique<ViewDB>(view_id, std::move(database));
+  if ((rc = view->LoadRoot()) < 0) return rc;
+  out = std::move(view);
+  return kOk;
+}
+
 }  // namespace db::internal

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <climits>
 #include <cstdio>
 
 #include <filesystem>
@@ -146,6 +147,43 @@ int FileTable::Open(const std::string& path, bool create) {
       return static_cast<int>(db::kErrCorrupt);
     tx.commit();
     return static_cast<int>(db::kOk);
+  });
+}
+
+int FileTable::OpenReadOnly(const std::string& path) {
+  struct stat st;
+  if (stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return db::kErrCannotOpen;
+  return Guard("open read-only", [&] {
+    db_ = std::make_unique<SQLite::Database>(path, SQLite::OPEN_READONLY, 5000);
+    if (!db_->tableExists("meta") || !db_->tableExists("file"))
+      return static_cast<int>(db::kErrCorrupt);
+    SQLite::Statement get(*db_,
+                          "SELECT key, value FROM meta WHERE key IN ('schema_version','uuid')");
+    int version = 0;
+    while (get.executeStep()) {
+      const std::string key = get.getColumn(0).getString();
+      if (key == "uuid") uuid_ = get.getColumn(1).getString();
+      if (key == "schema_version") version = std::atoi(get.getColumn(1).getString().c_str());
+    }
+    if (version > kSchemaVersion) return static_cast<int>(db::kErrNewerSchema);
+    // An older table needs the service to bring it up to date first.
+    if (version != kSchemaVersion) return static_cast<int>(db::kErrCannotOpen);
+    return static_cast<int>(uuid_.empty() ? db::kErrCorrupt : db::kOk);
+  });
+}
+
+int FileTable::ForEach(const std::function<int(const FileRow&)>& visit) {
+  return Guard("each row", [&] {
+    SQLite::Statement q(*db_,
+                        "SELECT file_id, base_id, depth, size, stored_size, hash, has_signature, "
+                        "released, encrypted FROM file ORDER BY file_id");
+    int count = 0;
+    while (q.executeStep()) {
+      const int rc = visit(RowOf(q));
+      if (rc < 0) return rc;
+      if (count < INT_MAX) ++count;
+    }
+    return count;
   });
 }
 

@@ -6,6 +6,7 @@
 #include <SQLiteCpp/Statement.h>
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -29,6 +30,9 @@ class FileTable {
  public:
   // kErrCannotOpen, kErrCorrupt or kErrNewerSchema on failure.
   int Open(const std::string& path, bool create);
+  // An existing table, read-only: nothing is created or migrated, and
+  // every call that writes fails.
+  int OpenReadOnly(const std::string& path);
   const std::string& uuid() const { return uuid_; }
 
   int Get(uint64_t file_id, FileRow& out);  // kErrNotFound when absent
@@ -45,6 +49,9 @@ class FileTable {
   int Marked(std::vector<FileRow>& out);
   int DropMarked(const std::vector<FileRow>& rows);
   int SizeSum(bool deltas, unsigned long long& out);
+  // Every row in file id order, one at a time; a negative answer from
+  // `visit` stops the walk and is returned. The number of rows, or negative.
+  int ForEach(const std::function<int(const FileRow&)>& visit);
 
   // Savepoints nest inside a batch or stand alone.
   int Savepoint();

@@ -23,6 +23,7 @@
 #include "content-pass.h"
 #include "db/errors.h"
 #include "file-store-db.h"
+#include "file-verify.h"
 #include "keyvalue-file.h"
 #include "logger.h"
 #include "private-files.h"
@@ -289,6 +290,18 @@ class FileStoreImpl final : public FileStore {
     return rc < 0 || !was ? rc : std::min(FinishReleases(), 0);
   }
 
+  int OpenReadOnly() { return table_.OpenReadOnly(folder_ + "/" + kDatabaseName); }
+  int Verify(uint64_t file_id, std::string& problem) override {
+    return VerifyContent(table_, folder_, key_.get(), file_id, problem);
+  }
+  int CheckPieces(uint64_t file_id, std::string& problem) override {
+    return filestore::CheckPieces(table_, folder_, file_id, problem);
+  }
+  int GetRow(uint64_t file_id, FileRow& out) override { return table_.Get(file_id, out); }
+  int ForEachRow(const std::function<int(const FileRow&)>& visit) override {
+    return table_.ForEach(visit);
+  }
+
  private:
   bool IsLive(uint64_t size) const {
     return options_.live_version_min_size > 0 && size >= options_.live_version_min_size;
@@ -518,6 +531,14 @@ int FileStore::Open(const std::string& folder, bool create, const Options& optio
   std::call_once(trace_once, [] { rs_trace_to(RsyncTrace); });
   auto store = std::make_unique<FileStoreImpl>(folder, options);
   const int rc = store->Open(create);
+  if (rc < 0) return rc;
+  out = std::move(store);
+  return db::kOk;
+}
+
+int FileStore::OpenReadOnly(const std::string& folder, std::unique_ptr<FileStore>& out) {
+  auto store = std::make_unique<FileStoreImpl>(folder, Options{});
+  const int rc = store->OpenReadOnly();
   if (rc < 0) return rc;
   out = std::move(store);
   return db::kOk;

@@ -23,6 +23,7 @@
 
 #include "db/file-manager.h"
 #include "db/types.h"
+#include "file-store-db.h"
 
 namespace filestore {
 
@@ -109,6 +110,25 @@ class FileStore : public db::FileManager {
   // call still succeeds or fails on its own.
   virtual int BeginBatch() = 0;
   virtual int CommitBatch() = 0;
+
+  // The store in `folder`, read-only: nothing is created, migrated or
+  // written, and the store calls above fail. For a check of the repository.
+  static int OpenReadOnly(const std::string& folder, std::unique_ptr<FileStore>& out);
+
+  // Reads the content of `file_id` (origin plus deltas, opened with the key
+  // when sealed) and checks its size and hash, writing no result anywhere.
+  // kErrNotFound for an unknown or released id, kErrInvalid for sealed
+  // content and no key, kErrCorrupt for a broken chain, a missing or
+  // damaged piece or content that does not match; `problem` then says
+  // which in a few words ("piece delta/0b/11 is missing").
+  virtual int Verify(uint64_t file_id, std::string& problem) = 0;
+  // Only that every piece `file_id` needs is on disk, without opening any:
+  // for sealed content whose key is not at hand. Results as Verify.
+  virtual int CheckPieces(uint64_t file_id, std::string& problem) = 0;
+  // The row of `file_id`; kErrNotFound when there is none.
+  virtual int GetRow(uint64_t file_id, FileRow& out) = 0;
+  // Every row in file id order, one at a time (see FileTable::ForEach).
+  virtual int ForEachRow(const std::function<int(const FileRow&)>& visit) = 0;
 };
 
 }  // namespace filestore

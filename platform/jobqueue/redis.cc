@@ -82,6 +82,13 @@ Reply Connector::Raw(const std::vector<std::string>& args) {
 }
 
 Reply Connector::Command(const std::vector<std::string>& args) {
+  if (context_) {
+    // Between commands the server has nothing to say: a readable socket is
+    // one it closed (it restarted, or dropped an idle client). Connecting
+    // again before sending is safe, since nothing was sent.
+    pollfd p = {context_->fd, POLLIN, 0};
+    if (poll(&p, 1, 0) != 0) Close();
+  }
   if (Connect() < 0) return nullptr;
   return Raw(args);
 }

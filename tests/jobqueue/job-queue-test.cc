@@ -284,8 +284,19 @@ TEST(RedisQueue, AServerThatIsDownRefusesPushesAndLosesNothingOnRestart) {
   ASSERT_TRUE(server.Start());
   JobQueueClient client(server.Location() + "/2");
   EXPECT_EQ(client.PushJob(std::make_shared<jobs::UnlinkJob>("/kept"), {}), kPushDone);
+  std::unique_ptr<JobStore> store;
+
+  ASSERT_EQ(OpenJobStore(server.Location() + "/2", store), 0);
+  const int listening = store->WakeFd();
+  ASSERT_GE(listening, 0);
 
   server.Stop();
+  // The worker's descriptor wakes it when the server goes away, and it
+  // listens again once the server is back.
+  pollfd gone = {listening, POLLIN, 0};
+  EXPECT_EQ(poll(&gone, 1, 30000), 1);
+  store->AckWake();
+  EXPECT_EQ(store->WakeFd(), -1);
   EXPECT_LT(client.PushJob(std::make_shared<jobs::UnlinkJob>("/refused"), {}), 0);
   long long count = -1;
   EXPECT_LT(client.CountJob(count, {}), 0);
@@ -293,8 +304,8 @@ TEST(RedisQueue, AServerThatIsDownRefusesPushesAndLosesNothingOnRestart) {
   EXPECT_LT(fresh.PushJob(std::make_shared<jobs::UnlinkJob>("/refused"), {}), 0);
 
   ASSERT_TRUE(server.Start());
-  std::unique_ptr<JobStore> store;
-  ASSERT_EQ(OpenJobStore(server.Location() + "/2", store), 0);
+  const int again = store->WakeFd();
+  ASSERT_GE(again, 0);
   std::vector<JobRecord> jobs;
   ASSERT_EQ(store->List(jobs), 0);
   ASSERT_EQ(jobs.size(), 1u);
@@ -303,6 +314,8 @@ TEST(RedisQueue, AServerThatIsDownRefusesPushesAndLosesNothingOnRestart) {
   EXPECT_EQ(client.PushJob(std::make_shared<jobs::UnlinkJob>("/refused"), {}), kPushDone);
   ASSERT_EQ(client.CountJob(count, {}), 0);
   EXPECT_EQ(count, 2);
+  pollfd woken = {again, POLLIN, 0};
+  EXPECT_EQ(poll(&woken, 1, 30000), 1);
   // Another database of the same server is another queue.
   ASSERT_EQ(OpenJobStore(server.Location(), store), 0);
   ASSERT_EQ(store->List(jobs), 0);

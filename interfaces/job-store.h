@@ -22,7 +22,7 @@ struct JobRecord {
   std::string user;
   uint32_t uid = 0;
   JobState state = JobState::kWaiting;
-  int64_t due = 0;      // seconds since the epoch
+  int64_t due = 0;      // seconds since the epoch; of a failed job, when it gave up
   int64_t created = 0;  // seconds since the epoch
   int tries = 0;        // runs started so far
   int max_tries = 0;
@@ -75,7 +75,11 @@ class JobStore {
 
   // A descriptor that becomes readable when a job may have been pushed, so
   // that an idle worker sleeps without polling; -1 when it cannot be had.
-  // AckWake() consumes what woke it.
+  // AckWake() consumes what woke it. A worker asks for WakeFd() before each
+  // sleep (the descriptor may change once a lost connection is made again),
+  // polls it until NextDue() or, when it is -1, for a short while, then
+  // calls AckWake() and claims until nothing is due: a wake can be missed
+  // while the descriptor is being made, never a job.
   virtual int WakeFd() = 0;
   virtual void AckWake() = 0;
 };

@@ -6,6 +6,8 @@
 #include "handlers/check-user.h"
 #include "handlers/get-status.h"
 #include "handlers/node/activity.h"
+#include "handlers/node/delete/start.h"
+#include "handlers/node/delete/status.h"
 #include "handlers/node/list-parent.h"
 #include "handlers/node/list-version.h"
 #include "handlers/node/list.h"
@@ -92,6 +94,8 @@ void Process(KSTX::APIRequest* request, KSTX::APIResponse* response) {
   bridge.AddHandler(new NodeRestoreStartHandler);
   bridge.AddHandler(new NodeRestoreStatusHandler);
   bridge.AddHandler(new NodeRestoreFinishHandler);
+  bridge.AddHandler(new NodeDeleteStartHandler);
+  bridge.AddHandler(new NodeDeleteStatusHandler);
   bridge.Process();
 }
 

@@ -1,0 +1,147 @@
+// Node.Delete start, in order: take root; without a target only an
+// administrator may clean up everything; a target must be a home or a
+// mounted share; switch to the view's user when `view_role` names one; the
+// caller must be allowed to purge there; resolve the view; read every node
+// id before queueing any; queue one job per node, or one for the view, or
+// one for everything. Each job is a purge of its own: those queued before a
+// refusal stay queued.
+#include "start.h"
+
+#include <ctime>
+#include <memory>
+#include <vector>
+
+#include "bridge/run-as.h"
+#include "handlers/node/node-params.h"
+#include "job-queue.h"
+#include "logger.h"
+#include "sdk-path.h"
+#include "sync-target.h"
+#include "util/librestore/utils.h"
+#include "util/webapi-util.h"
+
+using tidepool::core::job_queue::Job;
+using tidepool::core::job_queue::JobQueueClient;
+using tidepool::core::job_queue::kPushAlreadyWaiting;
+using tidepool::core::job_queue::kPushDone;
+using tidepool::core::job_queue::jobs::DeleteNodeJob;
+
+namespace {
+
+bool MayWriteShare(const std::string& share, const std::string& user) {
+  const int level = SDK::GetSharePrivilege(share, user);
+  return level == SDK::kShareFull || level == SDK::kShareReadWrite;
+}
+
+// Node ids come from the client: only plain decimal texts within 64 bits
+// count, so that nothing but the number written reaches the worker. False
+// at the first entry that is not such an object.
+bool ReadNodeIds(const Json::Value& fileinfo, std::vector<uint64_t>& out) {
+  if (!fileinfo.isArray()) return false;
+  out.reserve(fileinfo.size());
+  for (const Json::Value& entry : fileinfo) {
+    uint64_t id = 0;
+    if (!entry.isObject() || !entry["node_id"].isString() ||
+        !tidepool::restore::ParseNodeId(entry["node_id"], id)) {
+      return false;
+    }
+    out.push_back(id);
+  }
+  return true;
+}
+
+// The job runs in the name of `auth`, the caller, whichever view it purges.
+int Push(const RequestAuthentication& auth, BridgeResponse& response, std::shared_ptr<Job> job,
+         const JobQueueClient::PushOption& option) {
+  job->SetUserInfo(auth.user, auth.uid);
+  const int result = JobQueueClient::Instance().PushJob(std::move(job), option);
+  if (result == kPushDone) return 0;
+  if (result == kPushAlreadyWaiting) {
+    return RESPONSE_FAIL(response, 407, "another delete task is running");
+  }
+  LOG_ERROR("Job Enqueue failed.\n");
+  return RESPONSE_FAIL(response, 401, "job enqueue failed");
+}
+
+}  // namespace
+
+NodeDeleteStartHandler::NodeDeleteStartHandler() {
+  SetRequiredDatabase(kUserDatabase | kDataDatabase);
+  SetAccountOption(3);
+  SetRequiredAccessPrivilege(kAccessEnabledUser);
+  SetStatusOption(3);
+  SetAllowDemoMode(false);
+  SetRequestMethod(kRequestMethodWrite);
+  SetAPI("KSTX.Tidepool.Node.Delete", "start", 0, 0);
+}
+
+int NodeDeleteStartHandler::Handle(const RequestAuthentication& auth, BridgeRequest& request,
+                                   BridgeResponse& response) {
+  const std::string target = node_params::String(request, "target");
+  IF_RUN_AS(0, 0) {
+    if (!request.HasParam("target")) {
+      if (!auth.is_admin) {
+        LOG_ERROR("non-admin wannt cleanup\n");
+        return RESPONSE_FAIL(response, 105, "no permission");
+      }
+    } else if (!IsValidTarget(target)) {
+      // An empty target is a target too: it is not a clean-up of everything.
+      LOG_ERROR("Share is not mounted\n");
+      return RESPONSE_FAIL(response, 603, "share is not mounted");
+    }
+    return DoDelete(auth, request, response);
+  }
+  LOG_ERROR("Fail to run as root\n");
+  return RESPONSE_FAIL(response, 401, "failed to switch to root");
+}
+
+bool NodeDeleteStartHandler::MayPurgeIn(const RequestAuthentication& auth,
+                                        const RequestAuthentication& local_auth,
+                                        const std::string& target) const {
+  if (auth.is_admin) return true;
+  // Rights are the caller's own, whoever's view is shown.
+  if (SyncIsShareReq(target)) return MayWriteShare(SyncTargetNameGet(target), auth.user);
+  // A home target is the home of whoever the request acts as.
+  return local_auth.uid == auth.uid;
+}
+
+int NodeDeleteStartHandler::DoDelete(const RequestAuthentication& auth, BridgeRequest& request,
+                                     BridgeResponse& response) {
+  JobQueueClient::PushOption option;
+  option.start_at = time(nullptr);
+  if (!request.HasParam("target")) {
+    return Push(auth, response, std::make_shared<DeleteNodeJob>(), option);
+  }
+  const std::string target = node_params::String(request, "target");
+  const std::string view_role = node_params::String(request, "view_role");
+  RequestAuthentication local_auth = auth;
+  if (!view_role.empty() && SwitchAuth(auth, view_role, local_auth) < 0) {
+    LOG_ERROR("Failed to switch auth for user %s\n", view_role.c_str());
+    return RESPONSE_FAIL(response, 105, "Failed to switch auth for user");
+  }
+  // Judged before the view is looked up, so that a refused caller learns
+  // nothing about the share.
+  if (!MayPurgeIn(auth, local_auth, target)) {
+    LOG_ERROR("User '%s' may not purge in '%s'\n", auth.user.c_str(), target.c_str());
+    return RESPONSE_FAIL(response, 105, "no permission");
+  }
+  uint64_t view_id = 0;
+  if (GetDatabaseViewId(local_auth, response, target, view_id, true) < 0) {
+    LOG_ERROR("Failed to get view_id\n");
+    return -1;
+  }
+  if (!request.HasParam("fileinfo")) {
+    return Push(auth, response, std::make_shared<DeleteNodeJob>(view_id), option);
+  }
+  std::vector<uint64_t> node_ids;
+  if (!ReadNodeIds(request.GetParamRef("fileinfo", Json::Value()), node_ids)) {
+    LOG_ERROR("Malformed fileinfo\n");
+    return RESPONSE_FAIL(response, 401, "invalid node_id");
+  }
+  for (const uint64_t node_id : node_ids) {
+    if (Push(auth, response, std::make_shared<DeleteNodeJob>(view_id, node_id), option) < 0) {
+      return -1;
+    }
+  }
+  return 0;
+}

@@ -16,9 +16,4 @@ class NodeDeleteStartHandler : public RequestHandler {
 
  private:
   int DoDelete(const RequestAuthentication& auth, BridgeRequest& request, BridgeResponse& response);
-  // Whether the caller may purge in `target` as `local_auth` resolves it:
-  // administrators anywhere, anyone else in their own home or in a share
-  // they may write.
-  bool MayPurgeIn(const RequestAuthentication& auth, const RequestAuthentication& local_auth,
-                  const std::string& target) const;
 };

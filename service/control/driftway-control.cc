@@ -5,10 +5,14 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "daemon-control.h"
+#include "job-queue.h"
+#include "job-store.h"
+#include "job-text.h"
 #include "scan.h"
 #include "service-ops.h"
 #include "sync-service.h"
@@ -24,7 +28,8 @@ int Usage() {
           "usage: driftway-control service --start | --stop | --restart | --status\n"
           "       driftway-control user --enable NAME [NAME...] | --disable NAME [NAME...]\n"
           "       driftway-control share --enable NAME | --disable NAME\n"
-          "       driftway-control scan [--at TIMESTAMP]\n");
+          "       driftway-control scan [--at TIMESTAMP]\n"
+          "       driftway-control jobs\n");
   return kExitUsage;
 }
 
@@ -126,6 +131,27 @@ int ScanCommand(const std::vector<std::string>& args) {
   return s.failed == 0 ? 0 : kExitFailed;
 }
 
+// Lists every job of the queue, waiting, running and failed, one line each;
+// the store is read directly, so this works without the daemon.
+int JobsCommand(const std::vector<std::string>& args) {
+  namespace jq = tidepool::core::job_queue;
+  if (!args.empty()) return Usage();
+  const std::string location = jq::ConfiguredQueueLocation();
+  std::unique_ptr<jq::JobStore> store;
+  if (location.empty() || jq::OpenJobStore(location, store) < 0 || !store) {
+    fprintf(stderr, "driftway-control: cannot open the job queue '%s'\n",
+            driftway::Printable(location).c_str());
+    return kExitFailed;
+  }
+  std::vector<jq::JobRecord> jobs;
+  if (store->List(jobs) < 0) {
+    fprintf(stderr, "driftway-control: cannot read the job queue\n");
+    return kExitFailed;
+  }
+  for (const auto& job : jobs) printf("%s\n", driftway::JobListLine(job).c_str());
+  return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -136,5 +162,6 @@ int main(int argc, char** argv) {
   if (command == "user") return UserCommand(args);
   if (command == "share") return ShareCommand(args);
   if (command == "scan") return ScanCommand(args);
+  if (command == "jobs") return JobsCommand(args);
   return Usage();
 }

@@ -3,10 +3,12 @@
 // folder is swapped for a link between the look and the make.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 #include <filesystem>
 #include <string>
 
@@ -91,3 +93,49 @@ TEST_F(BeneathTest, AFolderSwappedForALinkMidWayIsRefused) {
 }
 
 }  // namespace
+
+// Removal of a whole tree from its parent: what links point at survives,
+// a link on the way to the tree refuses the removal, and another file
+// system mounted inside is not entered.
+TEST_F(BeneathTest, RemovalNeverLeavesTheTree) {
+  const std::string tree = "/tmp/beneath/tree";
+  stdfs::create_directories(tree + "/deep/er/still");
+  tptest::WriteFile(tree + "/deep/er/still/file", "x");
+  tptest::WriteFile(kOutside + "/keep", "outside");
+  stdfs::create_symlink(kOutside, tree + "/deep/to-dir");
+  stdfs::create_symlink(kOutside + "/keep", tree + "/to-file");
+  ASSERT_EQ(fsb::RemovePathNoSymlinks(tree), 0) << strerror(errno);
+  EXPECT_FALSE(stdfs::exists(stdfs::symlink_status(tree)));
+  EXPECT_EQ(tptest::ReadFile(kOutside + "/keep"), "outside");
+
+  // The link itself is an entry like any other and goes as a link.
+  stdfs::create_symlink(kOutside, "/tmp/beneath/link");
+  ASSERT_EQ(fsb::RemovePathNoSymlinks("/tmp/beneath/link"), 0);
+  EXPECT_EQ(tptest::ReadFile(kOutside + "/keep"), "outside");
+
+  // Through a linked parent nothing happens.
+  EXPECT_EQ(fsb::RemovePathNoSymlinks(kRoot + "/out/keep"), -1);
+  EXPECT_EQ(errno, ELOOP);
+  EXPECT_EQ(tptest::ReadFile(kOutside + "/keep"), "outside");
+
+  EXPECT_EQ(fsb::RemovePathNoSymlinks("/tmp/beneath/missing"), -1);
+  EXPECT_EQ(errno, ENOENT);
+  for (const char* bad : {"relative/x", "/tmp/beneath/", "/tmp/beneath/.."}) {
+    EXPECT_EQ(fsb::RemovePathNoSymlinks(bad), -1) << bad;
+  }
+  EXPECT_TRUE(stdfs::exists(kRoot));
+}
+
+TEST_F(BeneathTest, RemovalStopsAtAMountPoint) {
+  const std::string tree = "/tmp/beneath/mounted";
+  stdfs::create_directories(tree + "/mnt");
+  if (mount("tidepool-test", (tree + "/mnt").c_str(), "tmpfs", 0, nullptr) != 0) {
+    GTEST_SKIP() << "cannot mount a tmpfs here: " << strerror(errno);
+  }
+  tptest::WriteFile(tree + "/mnt/kept", "x");
+  EXPECT_EQ(fsb::RemovePathNoSymlinks(tree), -1);
+  EXPECT_EQ(errno, EXDEV);
+  EXPECT_EQ(tptest::ReadFile(tree + "/mnt/kept"), "x");
+  umount2((tree + "/mnt").c_str(), MNT_DETACH);
+  EXPECT_EQ(fsb::RemovePathNoSymlinks(tree), 0);
+}

@@ -10,6 +10,10 @@
 #include <optional>
 #include <string>
 
+namespace tidepool::db::job {
+class JobManagerHolder;
+}
+
 namespace tidepool::core::job_queue {
 
 class JobStore;
@@ -108,6 +112,8 @@ class JobQueueClient {
   int CountJob(long long& count, const QueryOperation& operation);
 
  private:
+  // The holder opens and closes the process-wide client's connection.
+  friend class tidepool::db::job::JobManagerHolder;
   int Connect();
   std::string location_;
   std::unique_ptr<JobStore> store_;

@@ -22,7 +22,7 @@ struct JobRecord {
   std::string user;
   uint32_t uid = 0;
   JobState state = JobState::kWaiting;
-  int64_t due = 0;      // seconds since the epoch
+  int64_t due = 0;      // seconds since the epoch; of a failed job, when it gave up
   int64_t created = 0;  // seconds since the epoch
   int tries = 0;        // runs started so far
   int max_tries = 0;

@@ -21,6 +21,9 @@ class SyncConfigMgr {
   std::string GetDbConnectParam() const { return GetSystemRepoLocation(); }
   std::string GetDBBackendString() const { return backend_; }  // "sqlite"
   std::string GetWorkingDirPath() const;                       // "/volume1/@tidepool/@tmp"
+  // The `job_queue` value: "redis://..." or a SQLite file; empty means the
+  // SQLite file in the repository.
+  std::string GetJobQueueLocation() const { return job_queue_; }
 
   bool enable_vmtouch = false;
   bool enable_mlock = false;
@@ -36,6 +39,7 @@ class SyncConfigMgr {
   bool loaded_ = false;
   std::string repo_volume_;
   std::string backend_ = "sqlite";
+  std::string job_queue_;
 };
 
 int SyncGetConf(SyncConfigMgr& config);

@@ -50,6 +50,7 @@ bool SyncConfigMgr::Load() {
   if (volume.empty() || volume[0] != '/') return false;
   repo_volume_ = volume;
   if (!values["db_backend"].empty()) backend_ = values["db_backend"];
+  job_queue_ = values["job_queue"];
   enable_vmtouch = values["enable_vmtouch"] == "yes";
   enable_mlock = values["enable_mlock"] == "yes";
   long reserve = 0;

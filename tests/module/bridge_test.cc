@@ -175,19 +175,23 @@ namespace auto_remove {
 namespace jq = tidepool::core::job_queue;
 namespace stdfs = std::filesystem;
 
-// What the bridge leaves behind once it is gone.
+// A request whose JSON answer marked `paths` as temporary, to its end.
 void RunBridgeRemoving(const std::vector<std::string>& paths) {
   KSTX::APIRequest api_request = MakeRequest("list", 1);
   KSTX::APIResponse api_response;
   WebAPIBridge bridge(&api_request, &api_response);
-  bridge.auto_remove_paths = paths;
+  BridgeResponse response;
+  for (const auto& path : paths) response.AddAutoRemovePath(path);
+  bridge.SetResponse(response);
 }
 
 std::vector<jq::JobRecord> QueuedJobs() {
   std::unique_ptr<jq::JobStore> store;
   std::vector<jq::JobRecord> jobs;
   EXPECT_GE(jq::OpenJobStore(jq::ConfiguredQueueLocation(), store), 0);
-  if (store) EXPECT_GE(store->List(jobs), 0);
+  if (store) {
+    EXPECT_GE(store->List(jobs), 0);
+  }
   return jobs;
 }
 
@@ -217,13 +221,15 @@ TEST(BridgeTest, AutoRemovePathsGoToTheQueueElseAtOnce) {
   EXPECT_EQ(QueuedJobs().size(), 2u);
 
   // Without a queue, at once too, and confined: a link inside the tree goes
-  // as a link.
+  // as a link, and a path through a link removes nothing.
   stdfs::remove("/var/packages/Tidepool/etc/setting.conf");
   tptest::WriteFile("/volume2/keep/victim", "precious");
   tptest::WriteFile("/tmp/bridge/tree/a/b.txt", "x");
   stdfs::create_symlink("/volume2/keep", "/tmp/bridge/tree/a/link");
-  RunBridgeRemoving({"/tmp/bridge/tree", "/tmp/bridge/never-was"});
+  stdfs::create_symlink("/volume2/keep", "/tmp/bridge/link");
+  RunBridgeRemoving({"/tmp/bridge/link/victim", "/tmp/bridge/tree", "/tmp/bridge/never-was"});
   EXPECT_FALSE(stdfs::exists(stdfs::symlink_status("/tmp/bridge/tree")));
+  EXPECT_TRUE(stdfs::is_symlink("/tmp/bridge/link"));
   EXPECT_EQ(tptest::ReadFile("/volume2/keep/victim"), "precious");
 }
 

@@ -22,8 +22,8 @@ namespace jq = tidepool::core::job_queue;
 namespace {
 
 constexpr int64_t kMaxRetryDelay = 3600;
-constexpr int kFirstOpenBackoffMs = 1000;
-constexpr int kMaxOpenBackoffMs = 60 * 1000;
+constexpr int kFirstBackoffMs = 1000;
+constexpr int kMaxBackoffMs = 60 * 1000;
 // A job due in a day is looked at again then; poll() takes an int.
 constexpr int64_t kMaxSleepMs = 24 * 3600 * 1000;
 // Never spin when the store says a job is due but will not hand it out.
@@ -53,6 +53,8 @@ void JobWorker::Register(const std::string& name, JobRunner runner) {
 int JobWorker::Start() {
   if (stop_fd_ < 0 || thread_.joinable()) return -1;
   stopping_ = false;
+  uint64_t pending = 0;  // a wake-up left by an earlier Stop()
+  if (read(stop_fd_, &pending, sizeof pending) < 0 && errno != EAGAIN) return -1;
   try {
     thread_ = std::thread([this] {
       pthread_setname_np(pthread_self(), "jobs");
@@ -77,64 +79,74 @@ void JobWorker::Stop() {
 
 void JobWorker::Loop() {
   while (!stopping_) {
-    if (!store_ && !OpenStore()) {
-      Sleep(open_backoff_ms_);
-      continue;
+    if (!store_) {
+      if (backoff_ms_ > 0) Sleep(backoff_ms_);
+      if (stopping_) break;
+      if (!OpenStore()) {
+        Trouble("cannot open the job queue; trying again");
+        continue;
+      }
     }
     JobRecord job;
     const int claimed = store_->Claim(NowSeconds(), job);
-    if (claimed > 0) {
-      if (!RunOne(job)) CloseStore();
+    if (claimed < 0) {
+      Trouble("cannot take jobs from the job queue; opening it again");
       continue;
     }
-    const int timeout = claimed < 0 ? -2 : MillisUntilNextDue();
+    if (claimed > 0) {
+      if (RunOne(job)) {
+        Healthy();
+      } else {
+        Trouble("cannot record the end of a job; opening the job queue again");
+      }
+      continue;
+    }
+    const int timeout = MillisUntilNextDue();
     if (timeout == -2) {
-      LOG_ERROR("the job queue failed; opening it again\n");
-      CloseStore();
+      Trouble("cannot read the job queue; opening it again");
       continue;
     }
     // Without a wake descriptor a push would go unnoticed: look again after
     // the back-off, through a store opened afresh.
     if (store_->WakeFd() < 0) {
-      Sleep(timeout < 0 ? open_backoff_ms_ : std::min(timeout, open_backoff_ms_));
-      CloseStore();
+      Trouble("the job queue gives no wake-up; looking at it now and then");
       continue;
     }
+    Healthy();
     Sleep(timeout);
   }
-  CloseStore();
+  store_.reset();
 }
 
 bool JobWorker::OpenStore() {
   const std::string location = jq::ConfiguredQueueLocation();
   std::unique_ptr<JobStore> store;
-  if (location.empty() || jq::OpenJobStore(location, store) < 0 || !store) {
-    if (!open_failure_logged_) {
-      LOG_ERROR("cannot open the job queue '%s'; trying again\n", Printable(location).c_str());
-      open_failure_logged_ = true;
-    }
-    open_backoff_ms_ = std::clamp(open_backoff_ms_ * 2, kFirstOpenBackoffMs, kMaxOpenBackoffMs);
-    return false;
-  }
+  if (location.empty() || jq::OpenJobStore(location, store) < 0 || !store) return false;
   // This daemon is the queue's only worker and runs nothing yet, so every
   // running job was left by one that died: it runs again.
   const int reset = store->ResetRunning();
+  if (reset < 0) return false;
   if (reset > 0) LOG_WARNING("%d interrupted jobs wait again\n", reset);
-  if (store->WakeFd() < 0) {
-    if (!open_failure_logged_) {
-      LOG_ERROR("the job queue gives no wake-up; looking at it now and then\n");
-      open_failure_logged_ = true;
-    }
-    open_backoff_ms_ = std::clamp(open_backoff_ms_ * 2, kFirstOpenBackoffMs, kMaxOpenBackoffMs);
-  } else {
-    open_backoff_ms_ = 0;
-    open_failure_logged_ = false;
-  }
   store_ = std::move(store);
   return true;
 }
 
-void JobWorker::CloseStore() { store_.reset(); }
+void JobWorker::Trouble(const char* what) {
+  // Logged once until the queue works again, so a queue that stays away
+  // does not fill the log.
+  if (!trouble_logged_) {
+    LOG_ERROR("%s\n", what);
+    trouble_logged_ = true;
+  }
+  backoff_ms_ = std::clamp(backoff_ms_ * 2, kFirstBackoffMs, kMaxBackoffMs);
+  store_.reset();
+}
+
+void JobWorker::Healthy() {
+  if (trouble_logged_) LOG_WARNING("the job queue works again\n");
+  trouble_logged_ = false;
+  backoff_ms_ = 0;
+}
 
 JobOutcome JobWorker::Dispatch(const JobRecord& job, std::string& error) {
   const auto runner = runners_.find(job.name);

@@ -60,7 +60,10 @@ class JobWorker {
 
   void Loop();
   bool OpenStore();
-  void CloseStore();
+  // The store failed or cannot be had: close it and back off before the
+  // next open. Healthy() ends the back-off.
+  void Trouble(const char* what);
+  void Healthy();
   // One claimed job; false when the store failed under it.
   bool RunOne(const JobRecord& job);
   JobOutcome Dispatch(const JobRecord& job, std::string& error);
@@ -76,8 +79,8 @@ class JobWorker {
   std::thread thread_;
   std::atomic<bool> stopping_{false};
   int64_t retry_delay_ = 30;
-  int open_backoff_ms_ = 0;  // after a failed open, grows to a bound
-  bool open_failure_logged_ = false;
+  int backoff_ms_ = 0;  // before the next open; grows to a bound
+  bool trouble_logged_ = false;
 };
 
 }  // namespace driftway

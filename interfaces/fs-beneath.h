@@ -54,6 +54,14 @@ int MakeDirsBeneath(int root_fd, const std::string& rel, uid_t uid, gid_t gid, m
 // paths: "/proc/self/fd/N". Followed by "/" and one name, it reaches that
 // entry of an open folder without resolving anything a user could change.
 std::string FdPath(int fd);
+// Removes the entry `name` of the folder `dir_fd` with everything it
+// holds. A link is removed as a link, never followed, and a folder on
+// another file system (a mount point) is not entered (EXDEV). 0, or -1 with
+// errno (ENOENT when nothing was there).
+int RemoveTreeAt(int dir_fd, const std::string& name);
+// Removes the absolute `path` as RemoveTreeAt does, from its parent opened
+// with no symbolic link on the way (ELOOP when there is one).
+int RemovePathNoSymlinks(const std::string& path);
 // True when `name` is one plain path component: not empty, not "." or
 // "..", without "/" or NUL.
 bool IsPlainName(const std::string& name);

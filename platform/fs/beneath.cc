@@ -9,7 +9,10 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <dirent.h>
+
 #include <cstring>
+#include <vector>
 
 #include "fs-beneath.h"
 
@@ -129,6 +132,90 @@ int MakeDirsBeneath(int root_fd, const std::string& rel, uid_t uid, gid_t gid, m
     dir.reset(next);
   }
   return dir.release();
+}
+
+namespace {
+
+// Each level holds one descriptor while its children go.
+constexpr int kMaxRemoveDepth = 256;
+
+// The names a folder holds, read before any is removed: removing while
+// reading may make readdir skip entries.
+int ListNames(int dir_fd, std::vector<std::string>& names) {
+  const int copy = fcntl(dir_fd, F_DUPFD_CLOEXEC, 0);
+  if (copy < 0) return -1;
+  DIR* dir = fdopendir(copy);
+  if (dir == nullptr) {
+    close(copy);
+    return -1;
+  }
+  errno = 0;
+  while (const dirent* entry = readdir(dir)) {
+    if (IsPlainName(entry->d_name)) names.emplace_back(entry->d_name);
+  }
+  const int err = errno;
+  closedir(dir);
+  errno = err;
+  return err == 0 ? 0 : -1;
+}
+
+int RemoveTreeAtDepth(int dir_fd, const std::string& name, dev_t device, int depth) {
+  // A folder swapped for a link between the two calls below is met again
+  // as a link and unlinked; the loop is bounded in case it keeps changing.
+  for (int attempt = 0; attempt < 3; ++attempt) {
+    if (unlinkat(dir_fd, name.c_str(), 0) == 0) return 0;
+    if (errno != EISDIR) return -1;
+    UniqueFd dir(openat(dir_fd, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!dir.valid()) {
+      if (errno == ELOOP || errno == ENOTDIR) continue;
+      return -1;
+    }
+    struct stat st {};
+    if (fstat(dir.get(), &st) != 0) return -1;
+    if (st.st_dev != device) {
+      errno = EXDEV;
+      return -1;
+    }
+    if (depth >= kMaxRemoveDepth) {
+      errno = ENAMETOOLONG;
+      return -1;
+    }
+    std::vector<std::string> names;
+    if (ListNames(dir.get(), names) < 0) return -1;
+    for (const auto& child : names) {
+      if (RemoveTreeAtDepth(dir.get(), child, device, depth + 1) < 0 && errno != ENOENT) {
+        return -1;
+      }
+    }
+    if (unlinkat(dir_fd, name.c_str(), AT_REMOVEDIR) == 0) return 0;
+    if (errno != ENOTDIR) return -1;
+  }
+  errno = EAGAIN;
+  return -1;
+}
+
+}  // namespace
+
+int RemoveTreeAt(int dir_fd, const std::string& name) {
+  if (!IsPlainName(name)) {
+    errno = EINVAL;
+    return -1;
+  }
+  struct stat st {};
+  if (fstat(dir_fd, &st) != 0) return -1;
+  return RemoveTreeAtDepth(dir_fd, name, st.st_dev, 0);
+}
+
+int RemovePathNoSymlinks(const std::string& path) {
+  const size_t slash = path.rfind('/');
+  if (path.empty() || path[0] != '/' || slash == std::string::npos) {
+    errno = EINVAL;
+    return -1;
+  }
+  const std::string parent = slash == 0 ? "/" : path.substr(0, slash);
+  UniqueFd dir(OpenNoSymlinks(parent, O_RDONLY | O_DIRECTORY));
+  if (!dir.valid()) return -1;
+  return RemoveTreeAt(dir.get(), path.substr(slash + 1));
 }
 
 std::string FdPath(int fd) { return "/proc/self/fd/" + std::to_string(fd); }

@@ -6,12 +6,16 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "check.h"
 #include "daemon-control.h"
 #include "db/errors.h"
+#include "job-queue.h"
+#include "job-store.h"
+#include "job-text.h"
 #include "scan.h"
 #include "service-ops.h"
 #include "sync-service.h"
@@ -28,7 +32,8 @@ int Usage() {
           "       driftway-control user --enable NAME [NAME...] | --disable NAME [NAME...]\n"
           "       driftway-control share --enable NAME | --disable NAME\n"
           "       driftway-control scan [--at TIMESTAMP]\n"
-          "       driftway-control check [--view ID]\n");
+          "       driftway-control check [--view ID]\n"
+          "       driftway-control jobs\n");
   return kExitUsage;
 }
 
@@ -159,6 +164,27 @@ int CheckCommand(const std::vector<std::string>& args) {
   return report.ok() ? 0 : kExitFailed;
 }
 
+// Lists every job of the queue, waiting, running and failed, one line each;
+// the store is read directly, so this works without the daemon.
+int JobsCommand(const std::vector<std::string>& args) {
+  namespace jq = tidepool::core::job_queue;
+  if (!args.empty()) return Usage();
+  const std::string location = jq::ConfiguredQueueLocation();
+  std::unique_ptr<jq::JobStore> store;
+  if (location.empty() || jq::OpenJobStore(location, store) < 0 || !store) {
+    fprintf(stderr, "driftway-control: cannot open the job queue '%s'\n",
+            driftway::Printable(location).c_str());
+    return kExitFailed;
+  }
+  std::vector<jq::JobRecord> jobs;
+  if (store->List(jobs) < 0) {
+    fprintf(stderr, "driftway-control: cannot read the job queue\n");
+    return kExitFailed;
+  }
+  for (const auto& job : jobs) printf("%s\n", driftway::JobListLine(job).c_str());
+  return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -170,5 +196,6 @@ int main(int argc, char** argv) {
   if (command == "share") return ShareCommand(args);
   if (command == "scan") return ScanCommand(args);
   if (command == "check") return CheckCommand(args);
+  if (command == "jobs") return JobsCommand(args);
   return Usage();
 }

@@ -11,17 +11,22 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <stdexcept>
 #include <string>
 
 #include "control-server.h"
 #include "driftway-protocol.h"
 #include "event-loop.h"
+#include "job-queue.h"
+#include "job-worker.h"
 #include "logger.h"
 #include "private-files.h"
 #include "requests.h"
 #include "sync-service.h"
+#include "unlink-job.h"
 #include "user-manager.h"
 
 namespace {
@@ -89,6 +94,24 @@ int WatchSignals(driftway::EventLoop& loop) {
   });
 }
 
+// Every job the daemon knows, by name. A job of a name not listed here
+// fails with "unknown job" until its tries run out.
+void RegisterJobRunners(driftway::JobWorker& worker) {
+  worker.Register(tidepool::core::job_queue::jobs::UnlinkJob::kName, driftway::RunUnlinkJob);
+}
+
+// For the daemon's tests, which run it as a process: failed jobs wait no
+// time before their next try, and "test.throw" is a runner that throws.
+void ApplyTestHooks(driftway::JobWorker& worker) {
+  const char* hooks = getenv("DRIFTWAY_TEST_HOOKS");
+  if (hooks == nullptr || strcmp(hooks, "1") != 0) return;
+  LOG_WARNING("test hooks are on\n");
+  worker.TEST_SetRetryDelay(0);
+  worker.Register("test.throw", [](const auto&, std::string&) -> driftway::JobOutcome {
+    throw std::runtime_error("thrown by the test runner");
+  });
+}
+
 int Run() {
   PidFile pidfile;
   if (pidfile.Acquire(driftway::kPidFile) < 0) return 1;
@@ -117,9 +140,19 @@ int Run() {
     fprintf(stderr, "driftway: cannot listen on %s\n", driftway::kSocketPath);
     return 1;
   }
+  // The worker runs jobs on its own thread, so the socket never waits for
+  // one; it stops (letting a running job finish) before the databases close.
+  driftway::JobWorker worker;
+  RegisterJobRunners(worker);
+  ApplyTestHooks(worker);
+  if (worker.Start() < 0) {
+    LOG_ERROR("cannot start the job worker\n");
+    return 1;
+  }
   LOG_INFO("driftway started, pid %d\n", static_cast<int>(getpid()));
   const int rc = loop.Run();
   server.Shutdown();
+  worker.Stop();
   UserManager::Destroy();
   LOG_INFO("driftway stopped\n");
   return rc < 0 ? 1 : 0;

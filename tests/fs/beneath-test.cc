@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 #include <filesystem>
 #include <string>
 
@@ -88,6 +89,37 @@ TEST_F(BeneathTest, AFolderSwappedForALinkMidWayIsRefused) {
   EXPECT_LT(fsb::MakeDirsBeneath(root_.get(), "a/x/y", 0, 0, 0755), 0);
   EXPECT_TRUE(stdfs::is_empty(kOutside));
   EXPECT_TRUE(stdfs::is_symlink(kRoot + "/a/x"));
+}
+
+// Removal of a whole tree from its parent: what links point at survives,
+// and a link on the way to the tree refuses the removal.
+TEST_F(BeneathTest, RemovalNeverLeavesTheTree) {
+  const std::string tree = "/tmp/beneath/tree";
+  stdfs::create_directories(tree + "/deep/er/still");
+  tptest::WriteFile(tree + "/deep/er/still/file", "x");
+  tptest::WriteFile(kOutside + "/keep", "outside");
+  stdfs::create_symlink(kOutside, tree + "/deep/to-dir");
+  stdfs::create_symlink(kOutside + "/keep", tree + "/to-file");
+  ASSERT_EQ(fsb::RemovePathNoSymlinks(tree), 0) << strerror(errno);
+  EXPECT_FALSE(stdfs::exists(stdfs::symlink_status(tree)));
+  EXPECT_EQ(tptest::ReadFile(kOutside + "/keep"), "outside");
+
+  // The link itself is an entry like any other and goes as a link.
+  stdfs::create_symlink(kOutside, "/tmp/beneath/link");
+  ASSERT_EQ(fsb::RemovePathNoSymlinks("/tmp/beneath/link"), 0);
+  EXPECT_EQ(tptest::ReadFile(kOutside + "/keep"), "outside");
+
+  // Through a linked parent nothing happens.
+  EXPECT_EQ(fsb::RemovePathNoSymlinks(kRoot + "/out/keep"), -1);
+  EXPECT_EQ(errno, ELOOP);
+  EXPECT_EQ(tptest::ReadFile(kOutside + "/keep"), "outside");
+
+  EXPECT_EQ(fsb::RemovePathNoSymlinks("/tmp/beneath/missing"), -1);
+  EXPECT_EQ(errno, ENOENT);
+  for (const char* bad : {"relative/x", "/tmp/beneath/", "/tmp/beneath/.."}) {
+    EXPECT_EQ(fsb::RemovePathNoSymlinks(bad), -1) << bad;
+  }
+  EXPECT_TRUE(stdfs::exists(kRoot));
 }
 
 }  // namespace

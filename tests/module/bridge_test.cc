@@ -4,8 +4,15 @@
 #include <json/writer.h>
 #include <kstx/webapi.h>
 
+#include <ctime>
+#include <filesystem>
+#include <memory>
+
 #include "fake-request.h"
+#include "job-queue.h"
+#include "job-store.h"
 #include "request-handler.h"
+#include "sandbox.h"
 #include "webapi-bridge.h"
 #include "webapi-request.h"
 
@@ -162,3 +169,68 @@ TEST(BridgeTest, IdentityFromTheRuntime) {
 }
 
 }  // namespace
+
+namespace auto_remove {
+
+namespace jq = tidepool::core::job_queue;
+namespace stdfs = std::filesystem;
+
+// A request whose JSON answer marked `paths` as temporary, to its end.
+void RunBridgeRemoving(const std::vector<std::string>& paths) {
+  KSTX::APIRequest api_request = MakeRequest("list", 1);
+  KSTX::APIResponse api_response;
+  WebAPIBridge bridge(&api_request, &api_response);
+  BridgeResponse response;
+  for (const auto& path : paths) response.AddAutoRemovePath(path);
+  bridge.SetResponse(response);
+}
+
+std::vector<jq::JobRecord> QueuedJobs() {
+  std::unique_ptr<jq::JobStore> store;
+  std::vector<jq::JobRecord> jobs;
+  EXPECT_GE(jq::OpenJobStore(jq::ConfiguredQueueLocation(), store), 0);
+  if (store) {
+    EXPECT_GE(store->List(jobs), 0);
+  }
+  return jobs;
+}
+
+TEST(BridgeTest, AutoRemovePathsGoToTheQueueElseAtOnce) {
+  tptest::ResetSandboxData();
+  tptest::WriteFile("/var/packages/Tidepool/etc/setting.conf", "repo_volume=\"/volume1\"\n");
+  stdfs::create_directories("/volume1/@tidepool");
+  tptest::WriteFile("/tmp/bridge/answer.zip", "x");
+  tptest::WriteFile("/tmp/bridge/other.zip", "x");
+
+  // Queued for the daemon a minute from now: the file stays for the client.
+  const long long now = time(nullptr);
+  RunBridgeRemoving({"/tmp/bridge/answer.zip", "/tmp/bridge/other.zip"});
+  EXPECT_TRUE(stdfs::exists("/tmp/bridge/answer.zip"));
+  const auto jobs = QueuedJobs();
+  ASSERT_EQ(jobs.size(), 2u);
+  EXPECT_EQ(jobs[0].name, jq::jobs::UnlinkJob::kName);
+  EXPECT_EQ(jobs[0].payload, jq::jobs::UnlinkJob("/tmp/bridge/answer.zip").Payload());
+  EXPECT_EQ(jobs[1].payload, jq::jobs::UnlinkJob("/tmp/bridge/other.zip").Payload());
+  EXPECT_GE(jobs[0].due, now + 60);
+  EXPECT_LE(jobs[0].due, time(nullptr) + 60);
+
+  // A job for the path waits already: the queue refuses a second one, so
+  // the path goes at once.
+  RunBridgeRemoving({"/tmp/bridge/answer.zip"});
+  EXPECT_FALSE(stdfs::exists("/tmp/bridge/answer.zip"));
+  EXPECT_EQ(QueuedJobs().size(), 2u);
+
+  // Without a queue, at once too, and confined: a link inside the tree goes
+  // as a link, and a path through a link removes nothing.
+  stdfs::remove("/var/packages/Tidepool/etc/setting.conf");
+  tptest::WriteFile("/volume2/keep/victim", "precious");
+  tptest::WriteFile("/tmp/bridge/tree/a/b.txt", "x");
+  stdfs::create_symlink("/volume2/keep", "/tmp/bridge/tree/a/link");
+  stdfs::create_symlink("/volume2/keep", "/tmp/bridge/link");
+  RunBridgeRemoving({"/tmp/bridge/link/victim", "/tmp/bridge/tree", "/tmp/bridge/never-was"});
+  EXPECT_FALSE(stdfs::exists(stdfs::symlink_status("/tmp/bridge/tree")));
+  EXPECT_TRUE(stdfs::is_symlink("/tmp/bridge/link"));
+  EXPECT_EQ(tptest::ReadFile("/volume2/keep/victim"), "precious");
+}
+
+}  // namespace auto_remove

@@ -3,9 +3,12 @@
 #include <json/writer.h>
 #include <kstx/webapi.h>
 
+#include <cerrno>
 #include <cstdio>
-#include <filesystem>
+#include <cstring>
+#include <memory>
 
+#include "fs-beneath.h"
 #include "job-queue.h"
 #include "logger.h"
 #include "request-handler.h"
@@ -122,12 +125,19 @@ void WebAPIBridge::WriteDownloadError(const BridgeResponse& response) {
 }
 
 void WebAPIBridge::HandleAutoRemove() {
+  using tidepool::core::job_queue::JobQueueClient;
   for (const auto& path : auto_remove_paths) {
     IF_RUN_AS(0, 0) {
-      // The job queue's worker takes removals off the request once it runs;
-      // until then the path is removed here, after the answer is out.
-      std::error_code ec;
-      std::filesystem::remove_all(path, ec);
+      // The daemon's worker removes the path a minute from now, when a
+      // slow client has surely read it; a queue that cannot take the job
+      // leaves the removal to this process, now.
+      JobQueueClient client;
+      const JobQueueClient::PushOption option{0, 60, 0};
+      if (client.PushJob(std::make_shared<tidepool::core::job_queue::jobs::UnlinkJob>(path),
+                         option) != 0 &&
+          fsb::RemovePathNoSymlinks(path) < 0 && errno != ENOENT) {
+        LOG_ERROR("cannot remove %s: %s\n", path.c_str(), strerror(errno));
+      }
     }
     else {
       LOG_ERROR("Failed to get privilege.\n");

@@ -9,6 +9,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace tidepool::db::job {
 class JobManagerHolder;
@@ -108,6 +109,10 @@ class JobQueueClient {
   // kPushDone, kPushAlreadyWaiting, or negative when the queue cannot be
   // reached (then nothing was queued).
   int PushJob(std::shared_ptr<Job> job, const PushOption& option);
+  // Pushes in order and stops at the first job that is not queued, with its
+  // result; `pushed` counts those queued before it, which stay queued.
+  int PushJobs(const std::vector<std::shared_ptr<Job>>& jobs, const PushOption& option,
+               size_t& pushed);
   // The waiting and running jobs that match; 0 or negative.
   int CountJob(long long& count, const QueryOperation& operation);
 

@@ -48,6 +48,19 @@ class JobStore {
   // Queues `job` unless a job of the same name and payload waits: 0 queued,
   // 4 already waiting. Decided atomically.
   virtual int Push(const NewJob& job) = 0;
+  // Pushes `jobs` in order and stops at the first that is not queued: 0 all
+  // queued, 4 one already waits, negative on failure. `pushed` counts the
+  // jobs queued before the stop; they stay queued. A store may do it in one
+  // transaction (a purge of a thousand nodes is one request).
+  virtual int PushMany(const std::vector<NewJob>& jobs, size_t& pushed) {
+    pushed = 0;
+    for (const NewJob& job : jobs) {
+      const int rc = Push(job);
+      if (rc != 0) return rc;
+      ++pushed;
+    }
+    return 0;
+  }
   // Waiting and running jobs whose name (and payload) match; empty filters
   // match all.
   virtual int Count(const std::optional<std::string>& name,

@@ -53,19 +53,40 @@ int JobQueueClient::Connect() {
   return OpenJobStore(location_, store_);
 }
 
-int JobQueueClient::PushJob(std::shared_ptr<Job> job, const PushOption& option) {
-  if (!job) return -1;
-  if (Connect() < 0) return -1;
-  const long long now = time(nullptr);
+namespace {
+
+NewJob Queued(const Job& job, const JobQueueClient::PushOption& option, long long now) {
   NewJob queued;
-  queued.name = job->Name();
-  queued.payload = job->Payload();
-  queued.user = job->user();
-  queued.uid = job->uid();
+  queued.name = job.Name();
+  queued.payload = job.Payload();
+  queued.user = job.user();
+  queued.uid = job.uid();
   queued.due = std::max(option.start_at, now) + std::max(0LL, option.delay);
   queued.max_tries = option.max_tries > 0 ? static_cast<int>(std::min(option.max_tries, 1000LL))
                                           : kDefaultMaxTries;
-  return store_->Push(queued);
+  return queued;
+}
+
+}  // namespace
+
+int JobQueueClient::PushJob(std::shared_ptr<Job> job, const PushOption& option) {
+  if (!job) return -1;
+  if (Connect() < 0) return -1;
+  return store_->Push(Queued(*job, option, time(nullptr)));
+}
+
+int JobQueueClient::PushJobs(const std::vector<std::shared_ptr<Job>>& jobs,
+                             const PushOption& option, size_t& pushed) {
+  pushed = 0;
+  if (Connect() < 0) return -1;
+  const long long now = time(nullptr);
+  std::vector<NewJob> queued;
+  queued.reserve(jobs.size());
+  for (const auto& job : jobs) {
+    if (!job) return -1;
+    queued.push_back(Queued(*job, option, now));
+  }
+  return store_->PushMany(queued, pushed);
 }
 
 int JobQueueClient::CountJob(long long& count, const QueryOperation& operation) {

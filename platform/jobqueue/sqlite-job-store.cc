@@ -81,6 +81,41 @@ class SQLiteJobStore final : public JobStore {
     return 0;
   }
 
+  int PushMany(const std::vector<NewJob>& jobs, size_t& pushed) override {
+    pushed = 0;
+    int rc = 0;
+    try {
+      // One transaction, so one sync of the log for the whole list; what
+      // was queued before a stop is committed all the same.
+      SQLite::Transaction tx(*db_, SQLite::TransactionBehavior::IMMEDIATE);
+      SQLite::Statement insert(*db_,
+                               "INSERT INTO jobs (name, payload, user, uid, state, due, created, "
+                               "max_tries) VALUES (?, ?, ?, ?, 0, ?, ?, ?) ON CONFLICT DO NOTHING");
+      const int64_t now = time(nullptr);
+      for (const NewJob& job : jobs) {
+        insert.reset();
+        insert.bind(1, job.name);
+        insert.bind(2, job.payload);
+        insert.bind(3, job.user);
+        insert.bind(4, static_cast<int64_t>(job.uid));
+        insert.bind(5, static_cast<int64_t>(job.due));
+        insert.bind(6, now);
+        insert.bind(7, job.max_tries);
+        if (insert.exec() == 0) {
+          rc = 4;
+          break;
+        }
+        ++pushed;
+      }
+      tx.commit();
+    } catch (const std::exception& e) {
+      pushed = 0;
+      return Failed("push", e);
+    }
+    if (pushed > 0) (void)bell_.Ring();
+    return rc;
+  }
+
   int Count(const std::optional<std::string>& name, const std::optional<std::string>& payload,
             long long& count) override {
     try {

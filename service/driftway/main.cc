@@ -24,6 +24,7 @@
 #include "job-worker.h"
 #include "logger.h"
 #include "private-files.h"
+#include "purge-job.h"
 #include "requests.h"
 #include "sync-service.h"
 #include "unlink-job.h"
@@ -98,6 +99,8 @@ int WatchSignals(driftway::EventLoop& loop) {
 // fails with "unknown job" until its tries run out.
 void RegisterJobRunners(driftway::JobWorker& worker) {
   worker.Register(tidepool::core::job_queue::jobs::UnlinkJob::kName, driftway::RunUnlinkJob);
+  worker.Register(tidepool::core::job_queue::jobs::DeleteNodeJob::kName,
+                  driftway::RunDeleteNodeJob);
 }
 
 // For the daemon's tests, which run it as a process: failed jobs wait no
@@ -143,6 +146,9 @@ int Run() {
   // The worker runs jobs on its own thread, so the socket never waits for
   // one; it stops (letting a running job finish) before the databases close.
   driftway::JobWorker worker;
+  // Only the worker's thread uses them; a purge tried while they cannot
+  // be opened waits for another try.
+  driftway::OpenPurgeDatabases(config);
   RegisterJobRunners(worker);
   ApplyTestHooks(worker);
   if (worker.Start() < 0) {
@@ -153,6 +159,7 @@ int Run() {
   const int rc = loop.Run();
   server.Shutdown();
   worker.Stop();
+  driftway::ClosePurgeDatabases();
   UserManager::Destroy();
   LOG_INFO("driftway stopped\n");
   return rc < 0 ? 1 : 0;

@@ -254,6 +254,21 @@ TEST_P(JobQueueTest, ClientPushesRequestJobsWithTheirDueTimeAndCountsThem) {
   EXPECT_EQ(queued[1].name, jobs::UnlinkJob::kName);
   EXPECT_GE(queued[1].due, before + 60);
   EXPECT_LE(queued[1].due, after + 60);
+
+  // A list stops at the job that already waits; those before it stay.
+  std::vector<std::shared_ptr<Job>> list = {std::make_shared<jobs::DeleteNodeJob>(7, 41),
+                                            std::make_shared<jobs::DeleteNodeJob>(7, 42),
+                                            std::make_shared<jobs::DeleteNodeJob>(7, 43)};
+  size_t pushed = 9;
+  EXPECT_EQ(client.PushJobs(list, {}, pushed), kPushAlreadyWaiting);
+  EXPECT_EQ(pushed, 1u);
+  ASSERT_EQ(client.CountJob(count, {jobs::DeleteNodeJob::kName, std::nullopt}), 0);
+  EXPECT_EQ(count, 2);
+  list.erase(list.begin(), list.begin() + 2);
+  EXPECT_EQ(client.PushJobs(list, {}, pushed), kPushDone);
+  EXPECT_EQ(pushed, 1u);
+  EXPECT_EQ(client.PushJobs({}, {}, pushed), kPushDone);
+  EXPECT_EQ(pushed, 0u);
 }
 
 INSTANTIATE_TEST_SUITE_P(Stores, JobQueueTest, ::testing::Values("sqlite", "redis"),

@@ -45,17 +45,20 @@ bool ReadNodeIds(const Json::Value& fileinfo, std::vector<uint64_t>& out) {
   return true;
 }
 
-// The job runs in the name of `auth`, the caller, whichever view it purges.
-int Push(const RequestAuthentication& auth, BridgeResponse& response, std::shared_ptr<Job> job,
-         const JobQueueClient::PushOption& option) {
-  job->SetUserInfo(auth.user, auth.uid);
-  const int result = JobQueueClient::Instance().PushJob(std::move(job), option);
+int Answer(BridgeResponse& response, int result) {
   if (result == kPushDone) return 0;
   if (result == kPushAlreadyWaiting) {
     return RESPONSE_FAIL(response, 407, "another delete task is running");
   }
   LOG_ERROR("Job Enqueue failed.\n");
   return RESPONSE_FAIL(response, 401, "job enqueue failed");
+}
+
+// The job runs in the name of `auth`, the caller, whichever view it purges.
+int Push(const RequestAuthentication& auth, BridgeResponse& response, std::shared_ptr<Job> job,
+         const JobQueueClient::PushOption& option) {
+  job->SetUserInfo(auth.user, auth.uid);
+  return Answer(response, JobQueueClient::Instance().PushJob(std::move(job), option));
 }
 
 }  // namespace
@@ -119,10 +122,14 @@ int NodeDeleteStartHandler::DoDelete(const RequestAuthentication& auth, BridgeRe
     LOG_ERROR("Malformed fileinfo\n");
     return RESPONSE_FAIL(response, 401, "invalid node_id");
   }
+  // One push for the whole list: the queue stops at a job that already
+  // waits, and the jobs before it stay queued.
+  std::vector<std::shared_ptr<Job>> jobs;
+  jobs.reserve(node_ids.size());
   for (const uint64_t node_id : node_ids) {
-    if (Push(auth, response, std::make_shared<DeleteNodeJob>(view_id, node_id), option) < 0) {
-      return -1;
-    }
+    jobs.push_back(std::make_shared<DeleteNodeJob>(view_id, node_id));
+    jobs.back()->SetUserInfo(auth.user, auth.uid);
   }
-  return 0;
+  size_t pushed = 0;
+  return Answer(response, JobQueueClient::Instance().PushJobs(jobs, option, pushed));
 }

@@ -25,6 +25,7 @@
 #include "logger.h"
 #include "private-files.h"
 #include "purge-job.h"
+#include "purge.h"
 #include "requests.h"
 #include "sync-service.h"
 #include "unlink-job.h"
@@ -110,6 +111,12 @@ void ApplyTestHooks(driftway::JobWorker& worker) {
   if (hooks == nullptr || strcmp(hooks, "1") != 0) return;
   LOG_WARNING("test hooks are on\n");
   worker.TEST_SetRetryDelay(0);
+  // The daemon dies at a chosen moment of a purge, as a crash would.
+  const char* kill_in_purge = getenv("DRIFTWAY_TEST_KILL_IN_PURGE");
+  const std::string moment = kill_in_purge ? kill_in_purge : "";
+  auto die = [] { raise(SIGKILL); };
+  if (moment == "commit") purge::TEST_SetHooks(die, nullptr);
+  if (moment == "unlink") purge::TEST_SetHooks(nullptr, die);
   worker.Register("test.throw", [](const auto&, std::string&) -> driftway::JobOutcome {
     throw std::runtime_error("thrown by the test runner");
   });

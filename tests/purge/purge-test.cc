@@ -186,6 +186,12 @@ class PurgeTest : public ::testing::Test {
     }
   }
 
+  // The repository as a user checks it after a crash.
+  static void ExpectCheckPasses() {
+    const auto r = Control({"check"});
+    EXPECT_EQ(r.exit_status, 0) << r.out << r.err;
+  }
+
   std::string StoreUuid() {
     std::unique_ptr<filestore::FileStore> store;
     EXPECT_EQ(filestore::FileStore::Open(kStore, false, {}, store), 0);
@@ -303,6 +309,7 @@ TEST_F(PurgeTest, PurgesRemoveExactlyTheirNodesAndReleaseWhatNothingNeeds) {
     EXPECT_EQ(History(home_), home_before);
     EXPECT_EQ(History(share_), share_before);
     ExpectOnlyNeededPieces();
+    ExpectCheckPasses();
     EXPECT_LT(DiskUsage(), du_before);
     const auto records = PurgeRecords();
     ASSERT_FALSE(records.empty());
@@ -404,12 +411,14 @@ TEST_F(PurgeTest, APurgeCutShortIsFinishedByTheNext) {
     ASSERT_TRUE(WIFEXITED(status));
     ASSERT_EQ(WEXITSTATUS(status), 9);
     OpenDatabases();
+    ExpectCheckPasses();
     EXPECT_FALSE(Known(home_, "/doomed/a.bin"));
     EXPECT_EQ(History(home_)["/kept.bin"], kept.at("/kept.bin"));
 
     ASSERT_EQ(Purge(What::kTrash), 0);
     EXPECT_EQ(History(home_)["/kept.bin"], kept.at("/kept.bin"));
     ExpectOnlyNeededPieces();
+    ExpectCheckPasses();
   }
 }
 

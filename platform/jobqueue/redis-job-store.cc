@@ -152,7 +152,10 @@ redis.call('ZADD', P .. 'failed', now, id)
 return 0
 )lua";
 
-// ARGV: prune_before. The number of running jobs that wait again.
+constexpr const char* kStoppedWhileRunning = "the worker stopped while it ran";
+
+// ARGV: prune_before now error. The number of running jobs that wait again; one
+// whose tries are spent fails instead (it may be what stopped the worker).
 constexpr const char* kReset = R"lua(
 for _, id in ipairs(redis.call('ZRANGEBYSCORE', P .. 'failed', '-inf', '(' .. ARGV[1])) do
   forget(id)
@@ -160,9 +163,13 @@ end
 local n = 0
 for _, id in ipairs(redis.call('SMEMBERS', P .. 'running')) do
   local jk = P .. 'job:' .. id
-  local f = redis.call('HMGET', jk, 'name', 'payload', 'due')
+  local f = redis.call('HMGET', jk, 'name', 'payload', 'due', 'tries', 'max_tries')
   redis.call('SREM', P .. 'running', id)
-  if f[1] and f[2] then
+  if f[1] and f[2] and (tonumber(f[4]) or 0) >= (tonumber(f[5]) or 0) then
+    count(f[1], f[2], -1)
+    redis.call('HSET', jk, 'state', '2', 'due', ARGV[2], 'last_error', ARGV[3])
+    redis.call('ZADD', P .. 'failed', ARGV[2], id)
+  elseif f[1] and f[2] then
     local k = twin_key(f[1], f[2])
     if redis.call('HEXISTS', P .. 'waiting-key', k) == 1 then
       count(f[1], f[2], -1)
@@ -339,7 +346,8 @@ class RedisJobStore final : public JobStore {
 
   int ResetRunning() override {
     auto reply = scripts_.Run(connector_, kResetScript,
-                              {std::to_string(time(nullptr) - kFailedJobLifetime)});
+                              {std::to_string(time(nullptr) - kFailedJobLifetime),
+                               std::to_string(time(nullptr)), kStoppedWhileRunning});
     if (redis::IsError(reply, "reset") || reply->type != REDIS_REPLY_INTEGER) return -1;
     return static_cast<int>(reply->integer);
   }

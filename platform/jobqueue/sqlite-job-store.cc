@@ -199,6 +199,13 @@ class SQLiteJobStore final : public JobStore {
       SQLite::Statement prune(*db_, "DELETE FROM jobs WHERE state = 2 AND due < ?");
       prune.bind(1, static_cast<int64_t>(time(nullptr)) - kFailedJobLifetime);
       prune.exec();
+      // A job whose tries are spent fails rather than run again: it may be
+      // what stopped the worker.
+      SQLite::Statement spent(*db_,
+                              "UPDATE jobs SET state = 2, due = ?, last_error = 'the worker "
+                              "stopped while it ran' WHERE state = 1 AND tries >= max_tries");
+      spent.bind(1, static_cast<int64_t>(time(nullptr)));
+      spent.exec();
       // A running job whose twin waits already would break the unique
       // index: OR IGNORE leaves it running, and the DELETE below removes it.
       count += db_->exec("UPDATE OR IGNORE jobs SET state = 0 WHERE state = 1");

@@ -205,6 +205,20 @@ TEST_P(JobQueueTest, FailOrResetOfAJobThatWaitsAgainLeavesOneWaitingCopy) {
   EXPECT_EQ(store_->ResetRunning(), 0);
 }
 
+// A job that stops the worker each time it runs does not run forever.
+TEST_P(JobQueueTest, AJobLeftRunningWithItsTriesSpentFails) {
+  EXPECT_EQ(Push(kA, "crashes", 0, 2), 0);
+  for (int run = 1; run <= 2; ++run) {
+    ASSERT_EQ(Claim(now_), "test.job-a crashes");
+    EXPECT_EQ(store_->ResetRunning(), run == 1 ? 1 : 0);
+  }
+  EXPECT_EQ(Listing(), std::vector<std::string>{"test.job-a crashes 2 2"});
+  std::vector<JobRecord> jobs;
+  ASSERT_EQ(store_->List(jobs), 0);
+  EXPECT_EQ(jobs[0].last_error, "the worker stopped while it ran");
+  EXPECT_EQ(Count(kA), 0);
+}
+
 TEST_P(JobQueueTest, WakeFdTurnsReadableOnAPushFromAnotherClientUntilAcknowledged) {
   const int fd = store_->WakeFd();
   ASSERT_GE(fd, 0);

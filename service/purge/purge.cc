@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <json/json.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <ctime>
@@ -89,6 +90,13 @@ class Purger {
       : connect_(connect), request_(request), summary_(summary) {}
 
   int PurgeView(uint64_t view_id, bool explicit_view) {
+    // A view that was never made is nothing to purge (and gets no lock file).
+    struct stat st;
+    if (lstat((connect_ + "/views/" + std::to_string(view_id) + ".sqlite").c_str(), &st) != 0) {
+      LOG_WARNING("purge: there is no view %llu; dropped\n",
+                  static_cast<unsigned long long>(view_id));
+      return db::kErrNotFound;
+    }
     scan::ViewLock lock;
     if (lock.Acquire(connect_, view_id) < 0) return db::kErrCannotOpen;
     std::unique_ptr<db::ViewWriter> view;

@@ -346,7 +346,7 @@ TEST_F(PurgeTest, TheRootAndNodesTheViewDoesNotHaveAreNotPurged) {
   }
   purge::Request missing_view;
   missing_view.view_id = 424242;
-  EXPECT_LT(purge::Run(kRepo, missing_view, summary), 0);
+  EXPECT_EQ(purge::Run(kRepo, missing_view, summary), db::kErrNotFound);
   EXPECT_EQ(History(home_), home);
   EXPECT_TRUE(Known(share_, "/c/d/e.txt"));
 }

@@ -122,14 +122,7 @@ int FileTable::Open(const std::string& path, bool create) {
       put.bind(2, NewUuid());
       put.exec();
     }
-    SQLite::Statement get(*db_,
-                          "SELECT key, value FROM meta WHERE key IN ('schema_version','uuid')");
-    int version = 0;
-    while (get.executeStep()) {
-      const std::string key = get.getColumn(0).getString();
-      if (key == "uuid") uuid_ = get.getColumn(1).getString();
-      if (key == "schema_version") version = std::atoi(get.getColumn(1).getString().c_str());
-    }
+    int version = ReadMeta();
     if (version > kSchemaVersion) return static_cast<int>(db::kErrNewerSchema);
     if (version == 1 && db_->tableExists("file")) {
       // Stores made before sealed pieces existed hold plain ones only.
@@ -150,6 +143,17 @@ int FileTable::Open(const std::string& path, bool create) {
   });
 }
 
+int FileTable::ReadMeta() {
+  SQLite::Statement get(*db_, "SELECT key, value FROM meta WHERE key IN ('schema_version','uuid')");
+  int version = 0;
+  while (get.executeStep()) {
+    const std::string key = get.getColumn(0).getString();
+    if (key == "uuid") uuid_ = get.getColumn(1).getString();
+    if (key == "schema_version") version = std::atoi(get.getColumn(1).getString().c_str());
+  }
+  return version;
+}
+
 int FileTable::OpenReadOnly(const std::string& path) {
   struct stat st;
   if (stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return db::kErrCannotOpen;
@@ -157,14 +161,7 @@ int FileTable::OpenReadOnly(const std::string& path) {
     db_ = std::make_unique<SQLite::Database>(path, SQLite::OPEN_READONLY, 5000);
     if (!db_->tableExists("meta") || !db_->tableExists("file"))
       return static_cast<int>(db::kErrCorrupt);
-    SQLite::Statement get(*db_,
-                          "SELECT key, value FROM meta WHERE key IN ('schema_version','uuid')");
-    int version = 0;
-    while (get.executeStep()) {
-      const std::string key = get.getColumn(0).getString();
-      if (key == "uuid") uuid_ = get.getColumn(1).getString();
-      if (key == "schema_version") version = std::atoi(get.getColumn(1).getString().c_str());
-    }
+    int version = ReadMeta();
     if (version > kSchemaVersion) return static_cast<int>(db::kErrNewerSchema);
     // An older table needs the service to bring it up to date first.
     if (version != kSchemaVersion) return static_cast<int>(db::kErrCannotOpen);
@@ -264,12 +261,20 @@ int FileTable::Delete(uint64_t file_id) {
 
 int FileTable::MarkReleased(const std::vector<uint64_t>& file_ids) {
   return Guard("mark released", [&] {
-    SQLite::Statement release(*db_,
-                              "UPDATE file SET released = 1, has_signature = 0, dropping = "
-                              "max(dropping, ?2) WHERE file_id = ?1");
-    SQLite::Statement children(*db_,
-                               "SELECT 1 FROM file WHERE base_id = ? AND dropping != ? LIMIT 1");
-    SQLite::Statement doom(*db_, "UPDATE file SET dropping = ?2 WHERE file_id = ?1");
+    // Prepared once: a scan releases a rotated version at a time.
+    if (!release_) {
+      release_ = std::make_unique<SQLite::Statement>(
+          *db_,
+          "UPDATE file SET released = 1, has_signature = 0, dropping = max(dropping, ?2) WHERE "
+          "file_id = ?1");
+      children_ = std::make_unique<SQLite::Statement>(
+          *db_, "SELECT 1 FROM file WHERE base_id = ? AND dropping != ? LIMIT 1");
+      doom_ = std::make_unique<SQLite::Statement>(
+          *db_, "UPDATE file SET dropping = ?2 WHERE file_id = ?1");
+    }
+    SQLite::Statement& release = *release_;
+    SQLite::Statement& children = *children_;
+    SQLite::Statement& doom = *doom_;
     for (const uint64_t file_id : file_ids) {
       release.reset();
       release.bind(1, static_cast<int64_t>(file_id));
@@ -287,7 +292,9 @@ int FileTable::MarkReleased(const std::vector<uint64_t>& file_ids) {
         children.reset();
         children.bind(1, static_cast<int64_t>(id));
         children.bind(2, kDropRow);
-        if (children.executeStep()) break;
+        const bool built_on = children.executeStep();
+        children.reset();
+        if (built_on) break;
         doom.reset();
         doom.bind(1, static_cast<int64_t>(id));
         doom.bind(2, kDropRow);

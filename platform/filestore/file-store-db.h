@@ -61,12 +61,15 @@ class FileTable {
   int CommitBatch();
 
  private:
+  // The schema version and uuid from the meta table.
+  int ReadMeta();
   std::unique_ptr<SQLite::Database> db_;
   std::string uuid_;
   bool batch_ = false;
   // Prepared once: a restore looks up thousands of rows. Finalized before
   // the database closes, being declared after it.
   std::unique_ptr<SQLite::Statement> get_;
+  std::unique_ptr<SQLite::Statement> release_, children_, doom_;
 };
 
 // Where the pieces of a file id lie inside the store's folder, fanned out

@@ -19,34 +19,14 @@
 #include "content-pass.h"
 #include "db/errors.h"
 #include "delta-chain.h"
+#include "fs-beneath.h"
 
 namespace filestore {
 namespace {
 
 constexpr size_t kHashBlock = 1 << 20;
 
-class Fd {
- public:
-  explicit Fd(int fd = -1) : fd_(fd) {}
-  Fd(Fd&& other) noexcept : fd_(other.fd_) { other.fd_ = -1; }
-  Fd& operator=(Fd&&) = delete;
-  ~Fd() {
-    if (fd_ >= 0) close(fd_);
-  }
-  int get() const { return fd_; }
-  void reset(int fd) {
-    if (fd_ >= 0) close(fd_);
-    fd_ = fd;
-  }
-  int release() {
-    const int fd = fd_;
-    fd_ = -1;
-    return fd;
-  }
-
- private:
-  int fd_;
-};
+using Fd = fsb::UniqueFd;
 
 int Fail(int rc, std::string& problem, std::string text) {
   problem = std::move(text);

@@ -21,18 +21,11 @@ namespace jq = tidepool::core::job_queue;
 
 namespace {
 
+using tptest::Eventually;
+
 const std::string kHome = "/volume1/homes/alice/Tidepool";
 using scantest::Control;
 using scantest::Scan;
-
-bool Eventually(const std::function<bool()>& done) {
-  const auto limit = std::chrono::steady_clock::now() + std::chrono::minutes(1);
-  while (!done()) {
-    if (std::chrono::steady_clock::now() > limit) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  }
-  return true;
-}
 
 long long Purges() {
   jq::JobQueueClient client;
@@ -47,8 +40,8 @@ long long Purges() {
 size_t Pieces() {
   size_t n = 0;
   for (const char* sub : {"/repo", "/delta", "/node_delta"})
-    for (const auto& e : fs::recursive_directory_iterator("/volume1/@tidepool/@sync" +
-                                                          std::string(sub)))
+    for (const auto& e :
+         fs::recursive_directory_iterator("/volume1/@tidepool/@sync" + std::string(sub)))
       n += e.is_regular_file() ? 1 : 0;
   return n;
 }
@@ -118,7 +111,6 @@ TEST_F(PurgeDaemonTest, TheWorkerPurgesAndAPurgeKilledMidwayRunsAgainAtStart) {
   EXPECT_LT(Pieces(), before);
   const auto listed = Control({"jobs"});
   EXPECT_EQ(listed.out, "") << "finished jobs leave the queue";
-
 }
 
 }  // namespace

@@ -102,11 +102,13 @@ class PurgeTest : public ::testing::Test {
     }
   }
 
-  // Every version of every node of a view: path -> contents, oldest first.
-  std::map<std::string, std::vector<std::string>> History(uint64_t view_id) {
-    std::map<std::string, std::vector<std::string>> out;
+  // Every node of a view but its root, removed ones included, each with
+  // its versions oldest first.
+  std::vector<std::pair<db::Node, std::vector<db::Version>>> Nodes(uint64_t view_id) {
+    std::vector<std::pair<db::Node, std::vector<db::Version>>> out;
     db::ViewDBInterface view;
     EXPECT_GE(db::Manager::GetViewDB(view_id, view), 0);
+    if (!view) return out;
     db::SearchNodeFilter filter;
     filter.node_id = view->getRootNodeId();
     filter.recursive = true;
@@ -114,12 +116,21 @@ class PurgeTest : public ::testing::Test {
     filter.file_type = -1;
     std::vector<db::Node> nodes;
     EXPECT_GE(view->SearchNode(filter, nodes), 0);
-    std::unique_ptr<filestore::FileStore> store;
-    EXPECT_EQ(filestore::FileStore::Open(kStore, false, {}, store), 0);
     for (const db::Node& node : nodes) {
       if (node.getNodeId() == view->getRootNodeId()) continue;
       std::vector<db::Version> versions;
       EXPECT_GE(view->ListVersion(node.getNodeId(), versions, db::ViewManager::kListVersionAll), 0);
+      out.emplace_back(node, std::move(versions));
+    }
+    return out;
+  }
+
+  // Every version of every node of a view: path -> contents, oldest first.
+  std::map<std::string, std::vector<std::string>> History(uint64_t view_id) {
+    std::map<std::string, std::vector<std::string>> out;
+    std::unique_ptr<filestore::FileStore> store;
+    EXPECT_EQ(filestore::FileStore::Open(kStore, false, {}, store), 0);
+    for (const auto& [node, versions] : Nodes(view_id)) {
       auto& contents = out[node.getPath()];
       for (const db::Version& v : versions) {
         if (v.getFileId() == 0) {
@@ -150,19 +161,7 @@ class PurgeTest : public ::testing::Test {
     db::FileDBInterface files;
     ASSERT_GE(db::Manager::GetFileDB(StoreUuid(), files, false, ""), 0);
     for (const uint64_t view_id : {home_, share_}) {
-      db::ViewDBInterface view;
-      ASSERT_GE(db::Manager::GetViewDB(view_id, view), 0);
-      db::SearchNodeFilter filter;
-      filter.node_id = view->getRootNodeId();
-      filter.recursive = true;
-      filter.removed_mode = 3;
-      filter.file_type = -1;
-      std::vector<db::Node> nodes;
-      ASSERT_GE(view->SearchNode(filter, nodes), 0);
-      for (const db::Node& node : nodes) {
-        std::vector<db::Version> versions;
-        ASSERT_GE(view->ListVersion(node.getNodeId(), versions, db::ViewManager::kListVersionAll),
-                  0);
+      for (const auto& [node, versions] : Nodes(view_id)) {
         for (const db::Version& v : versions) {
           if (v.getFileId() == 0) continue;
           ids.insert(v.getFileId());

@@ -26,6 +26,8 @@
 
 namespace {
 
+using tptest::Eventually;
+
 namespace jq = tidepool::core::job_queue;
 namespace stdfs = std::filesystem;
 using tptest::ReadFile;
@@ -56,17 +58,6 @@ std::vector<Listed> ListJobs() {
     jobs.push_back({f[0], f[1], f[2], f[3], f[4], f[5], f[6], f[7]});
   }
   return jobs;
-}
-
-// Whether what the daemon does in its own time happens; the limit only
-// keeps a broken daemon from hanging the test.
-bool Eventually(const std::function<bool()>& done) {
-  const auto limit = std::chrono::steady_clock::now() + std::chrono::minutes(1);
-  while (!done()) {
-    if (std::chrono::steady_clock::now() > limit) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  }
-  return true;
 }
 
 bool QueueEmpty() { return ListJobs().empty(); }

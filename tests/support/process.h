@@ -2,6 +2,7 @@
 // printed.
 #pragma once
 
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -21,5 +22,10 @@ struct ProcessResult {
 ProcessResult RunProcess(const std::vector<std::string>& argv,
                          const std::map<std::string, std::string>& env = {},
                          const std::string& input = "", int as_uid = -1);
+
+// Whether what another process does in its own time happens: `done` is
+// asked every 100 ms; the minute's limit only keeps a broken program from
+// hanging the test.
+bool Eventually(const std::function<bool()>& done);
 
 }  // namespace tptest

@@ -19,11 +19,13 @@ int HLIBCProcForkChildNoWait();
 // Run `path` with the arguments that follow (argv[0] is `path`), ended by a
 // null pointer. HLIBCExec waits and returns the exit status (negative when the
 // program could not be run); HLIBCBackgroundExec starts it detached and
-// returns 0 once it runs.
+// returns 0 once it runs. Their programs read /dev/null and write their
+// standard output there: a request's own standard output is its answer.
 int HLIBCExec(const char* path, ...);
 int HLIBCBackgroundExec(const char* path, ...);
 // A read ("r") or write ("w") stream on the program's standard output or
-// input; null on failure. HLIBCPclose waits and returns the exit status.
+// input (the other one is /dev/null); null on failure. HLIBCPclose waits and
+// returns the exit status.
 FILE* HLIBCPopen(const char* path, const char* mode, ...);
 int HLIBCPclose(FILE* stream);
 

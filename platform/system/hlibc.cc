@@ -39,6 +39,13 @@ void RedirectStdioToNull() {
   if (fd > STDERR_FILENO) close(fd);
 }
 
+// Points the child's standard input and/or output at /dev/null. A request's
+// standard output is its answer: no program it runs may write into it.
+void QuietStdio(posix_spawn_file_actions_t& actions, bool input, bool output) {
+  if (input) posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+  if (output) posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+}
+
 // The exit code, 128 + signal for a killed program, -1 when waiting failed.
 int WaitFor(pid_t pid) {
   int status = 0;
@@ -108,8 +115,13 @@ int HLIBCExec(const char* path, ...) {
   va_start(args, path);
   std::vector<char*> argv = CollectArgs(path, args);
   va_end(args);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  QuietStdio(actions, true, true);
   pid_t pid = 0;
-  if (posix_spawn(&pid, path, nullptr, nullptr, argv.data(), environ) != 0) return -1;
+  const int rc = posix_spawn(&pid, path, &actions, nullptr, argv.data(), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  if (rc != 0) return -1;
   return WaitFor(pid);
 }
 
@@ -148,6 +160,9 @@ FILE* HLIBCPopen(const char* path, const char* mode, ...) {
   const int child_end = reading ? fds[1] : fds[0];
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
+  // The end the caller does not use is /dev/null: the program's output
+  // never reaches this process's standard output, which may be an answer.
+  QuietStdio(actions, !reading, reading);
   posix_spawn_file_actions_adddup2(&actions, child_end, reading ? STDOUT_FILENO : STDIN_FILENO);
   pid_t pid = 0;
   const int rc = posix_spawn(&pid, path, &actions, nullptr, argv.data(), environ);

@@ -3,6 +3,7 @@
 #include "hlibc.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -145,14 +146,15 @@ int HLIBCBackgroundExec(const char* path, ...) {
   return WaitFor(middle) == 0 ? 0 : -1;
 }
 
-FILE* HLIBCPopen(const char* path, const char* mode, ...) {
+namespace {
+
+// `options` null: the plain HLIBCPopen, whose child inherits everything else.
+FILE* PopenWith(const HLIBCPopenOptions* options, const char* path, const char* mode,
+                va_list args) {
   if (path == nullptr || mode == nullptr) return nullptr;
   const bool reading = mode[0] == 'r';
   if (!reading && mode[0] != 'w') return nullptr;
-  va_list args;
-  va_start(args, mode);
   std::vector<char*> argv = CollectArgs(path, args);
-  va_end(args);
 
   int fds[2];
   if (pipe2(fds, O_CLOEXEC) != 0) return nullptr;
@@ -164,8 +166,36 @@ FILE* HLIBCPopen(const char* path, const char* mode, ...) {
   // never reaches this process's standard output, which may be an answer.
   QuietStdio(actions, !reading, reading);
   posix_spawn_file_actions_adddup2(&actions, child_end, reading ? STDOUT_FILENO : STDIN_FILENO);
+  posix_spawnattr_t attr;
+  posix_spawnattr_init(&attr);
+  if (options != nullptr) {
+    posix_spawn_file_actions_addopen(&actions, reading ? STDIN_FILENO : STDOUT_FILENO, "/dev/null",
+                                     O_RDWR, 0);
+    if (reading && options->stdout_fd >= 0) {
+      posix_spawn_file_actions_adddup2(&actions, options->stdout_fd, STDOUT_FILENO);
+    }
+    if (options->stderr_fd >= 0) {
+      posix_spawn_file_actions_adddup2(&actions, options->stderr_fd, STDERR_FILENO);
+    } else {
+      posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_RDWR, 0);
+    }
+    // The folder's descriptor, not its path: the child starts in exactly the
+    // folder the caller opened, whatever was renamed since.
+    if (options->dir_fd >= 0) posix_spawn_file_actions_addfchdir_np(&actions, options->dir_fd);
+    sigset_t none;
+    sigemptyset(&none);
+    sigset_t pipe_only;
+    sigemptyset(&pipe_only);
+    sigaddset(&pipe_only, SIGPIPE);
+    posix_spawnattr_setsigmask(&attr, &none);
+    posix_spawnattr_setsigdefault(&attr, &pipe_only);
+    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+  }
   pid_t pid = 0;
-  const int rc = posix_spawn(&pid, path, &actions, nullptr, argv.data(), environ);
+  const int rc =
+      posix_spawn(&pid, path, &actions, &attr, argv.data(),
+                  options != nullptr && options->envp != nullptr ? options->envp : environ);
+  posix_spawnattr_destroy(&attr);
   posix_spawn_file_actions_destroy(&actions);
   close(child_end);
   if (rc != 0) {
@@ -178,8 +208,28 @@ FILE* HLIBCPopen(const char* path, const char* mode, ...) {
     WaitFor(pid);
     return nullptr;
   }
+  if (options != nullptr && options->pid != nullptr) *options->pid = pid;
   std::lock_guard<std::mutex> lock(g_popen_mutex);
   PopenChildren()[stream] = pid;
+  return stream;
+}
+
+}  // namespace
+
+FILE* HLIBCPopen(const char* path, const char* mode, ...) {
+  va_list args;
+  va_start(args, mode);
+  FILE* stream = PopenWith(nullptr, path, mode, args);
+  va_end(args);
+  return stream;
+}
+
+FILE* HLIBCPopenEx(const HLIBCPopenOptions* options, const char* path, const char* mode, ...) {
+  const HLIBCPopenOptions defaults;
+  va_list args;
+  va_start(args, mode);
+  FILE* stream = PopenWith(options != nullptr ? options : &defaults, path, mode, args);
+  va_end(args);
   return stream;
 }
 

@@ -169,8 +169,6 @@ FILE* PopenWith(const HLIBCPopenOptions* options, const char* path, const char* 
   posix_spawnattr_t attr;
   posix_spawnattr_init(&attr);
   if (options != nullptr) {
-    posix_spawn_file_actions_addopen(&actions, reading ? STDIN_FILENO : STDOUT_FILENO, "/dev/null",
-                                     O_RDWR, 0);
     if (reading && options->stdout_fd >= 0) {
       posix_spawn_file_actions_adddup2(&actions, options->stdout_fd, STDOUT_FILENO);
     }

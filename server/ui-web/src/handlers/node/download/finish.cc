@@ -48,12 +48,17 @@ bool IsDownloadFolder(const std::string& path) {
   return fsb::IsPlainName(name) && name.compare(0, 9, "Tidepool.") == 0;
 }
 
+// The folder is root's and private.
 bool IsRegularIn(const std::string& folder, const std::string& name) {
   if (!fsb::IsPlainName(name)) return false;
-  const fsb::UniqueFd dir(fsb::OpenNoSymlinks(folder, O_DIRECTORY | O_RDONLY));
-  struct stat st {};
-  return dir.valid() && fstatat(dir.get(), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
-         S_ISREG(st.st_mode);
+  IF_RUN_AS(0, 0) {
+    const fsb::UniqueFd dir(fsb::OpenNoSymlinks(folder, O_DIRECTORY | O_RDONLY));
+    struct stat st {};
+    return dir.valid() && fstatat(dir.get(), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
+           S_ISREG(st.st_mode);
+  }
+  LOG_ERROR("Fail to switch to root\n");
+  return false;
 }
 
 }  // namespace

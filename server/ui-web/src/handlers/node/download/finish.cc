@@ -17,7 +17,6 @@
 #include "handlers/node/node-params.h"
 #include "hvos-task.h"
 #include "logger.h"
-#include "sync-service.h"
 #include "task-record.h"
 #include "util/librestore/restore-item.h"
 
@@ -36,16 +35,6 @@ bool WaitUntilDone(HVOS::Task& task) {
     if (std::chrono::steady_clock::now() >= deadline) return false;
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
-}
-
-// Only a folder that start made is sent and removed as root.
-bool IsDownloadFolder(const std::string& path) {
-  SyncConfigMgr config;
-  if (SyncGetConf(config) < 0) return false;
-  const std::string base = config.GetSysShareBin() + "/@tmp/";
-  if (path.compare(0, base.size(), base) != 0) return false;
-  const std::string name = path.substr(base.size());
-  return fsb::IsPlainName(name) && name.compare(0, 9, "Tidepool.") == 0;
 }
 
 // The folder is root's and private.
@@ -73,17 +62,7 @@ NodeDownloadFinishHandler::NodeDownloadFinishHandler() {
   SetAPI("KSTX.Tidepool.Node.Download", "finish", 0, 0);
 }
 
-NodeDownloadFinishHandler::~NodeDownloadFinishHandler() {
-  if (temp_folder.empty()) return;
-  IF_RUN_AS(0, 0) {
-    if (fsb::RemovePathNoSymlinks(temp_folder) < 0 && errno != ENOENT) {
-      LOG_ERROR("cannot remove %s: %s\n", temp_folder.c_str(), strerror(errno));
-    }
-  }
-  else {
-    LOG_ERROR("Failed to run as root\n");
-  }
-}
+NodeDownloadFinishHandler::~NodeDownloadFinishHandler() { RemoveDownloadFolder(temp_folder); }
 
 std::string NodeDownloadFinishHandler::OutputFileName(const std::string& outname,
                                                       const std::string& name) {

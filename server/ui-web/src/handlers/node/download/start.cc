@@ -54,6 +54,8 @@ namespace {
 
 constexpr useconds_t kWatchIntervalUs = 200000;
 
+void (*g_worker_hook)() = nullptr;
+
 bool DownloadRunning(const std::string& owner) {
   if (!HVOS::TaskUtil::checkTaskExists(owner, kDownloadTaskName)) return false;
   HVOS::Task task(owner, kDownloadTaskName);
@@ -98,12 +100,6 @@ int CreateDownloadFolder(std::string& folder) {
   return 0;
 }
 
-void RemoveFolder(const std::string& folder) {
-  if (!folder.empty() && fsb::RemovePathNoSymlinks(folder) < 0 && errno != ENOENT) {
-    LOG_ERROR("cannot remove %s: %s\n", folder.c_str(), strerror(errno));
-  }
-}
-
 // True while the record is this task's: a stop removes it, a new start
 // replaces it.
 bool RecordIsOurs(const std::string& owner, int32_t task_id) {
@@ -127,6 +123,8 @@ void NameFromVersions(View& view, std::vector<TaskDesc>& descs) {
 }
 
 }  // namespace
+
+void NodeDownloadStartHandler::TEST_SetWorkerHook(void (*hook)()) { g_worker_hook = hook; }
 
 NodeDownloadStartHandler::NodeDownloadStartHandler() {
   SetRequiredDatabase(kUserDatabase | kLogDatabase | kDataDatabase);
@@ -209,7 +207,7 @@ int NodeDownloadStartHandler::Handle(const RequestAuthentication& auth, BridgeRe
     HVOS::Task task(auth.user, kDownloadTaskName);
     auto undo = [&] {
       task.remove();
-      RemoveFolder(temp_folder);
+      RemoveDownloadFolder(temp_folder);
     };
     // Drawn as a 32-bit number and kept signed: finish reads it as an int.
     const int32_t task_id = static_cast<int32_t>(GetRandomInt());
@@ -296,6 +294,7 @@ void NodeDownloadStartHandler::RunDownload(const RequestAuthentication& auth, in
       // The folder is the destination and the working folder at once.
       if (began && root.valid() && fstat(root.get(), &st) == 0 && st.st_uid == 0 &&
           fchdir(root.get()) == 0) {
+        if (g_worker_hook != nullptr) g_worker_hook();
         TaskActor actor(TaskActor::ACTION_DOWNLOAD, auth.user, auth.uid);
         actor.SetCopyRoot(root.get(), temp_folder);
         int flags = tidepool::restore::PREPARE_IGNORE_INVALID_DECRYPT;
@@ -333,7 +332,7 @@ void NodeDownloadStartHandler::RunDownload(const RequestAuthentication& auth, in
       kill(worker, SIGKILL);
       while (waitpid(worker, &status, 0) < 0 && errno == EINTR) {
       }
-      IF_RUN_AS(0, 0) { RemoveFolder(temp_folder); }
+      RemoveDownloadFolder(temp_folder);
       return;
     }
     usleep(kWatchIntervalUs);
@@ -344,4 +343,7 @@ void NodeDownloadStartHandler::RunDownload(const RequestAuthentication& auth, in
     if (!task.hasProperty("error")) task.setProperty("error", Json::Value());
   }
   task.finish(false);
+  // A stop that came before the record said finished found a child to
+  // clean up: this one.
+  if (!RecordIsOurs(auth.user, task_id)) RemoveDownloadFolder(temp_folder);
 }

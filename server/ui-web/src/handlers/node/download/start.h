@@ -19,6 +19,9 @@ class NodeDownloadStartHandler : public RequestHandler {
   int Handle(const RequestAuthentication& auth, BridgeRequest& request,
              BridgeResponse& response) override;
 
+  // Runs in the worker just before it rebuilds the nodes.
+  static void TEST_SetWorkerHook(void (*hook)());
+
  private:
   // The child: watches the record while a worker rebuilds the nodes, and
   // stops the worker and removes the folder when the record goes away.

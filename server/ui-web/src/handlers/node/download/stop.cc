@@ -15,8 +15,14 @@ NodeDownloadStopHandler::NodeDownloadStopHandler() {
 
 int NodeDownloadStopHandler::Handle(const RequestAuthentication& auth, BridgeRequest& /*request*/,
                                     BridgeResponse& /*response*/) {
-  if (!HVOS::TaskUtil::checkTaskExists(auth.user, kDownloadTaskName)) return 0;
+  Json::Value properties;
+  bool finished = false;
+  if (!HVOS::TaskUtil::peekTask(auth.user, kDownloadTaskName, properties, &finished)) return 0;
   HVOS::Task task(auth.user, kDownloadTaskName);
   task.remove();
+  // A running child sees its record go and cleans up itself; a finished
+  // one has left nobody to remove the folder.
+  const Json::Value& folder = properties["data"]["temp_folder"];
+  if (finished && folder.isString()) RemoveDownloadFolder(folder.asString());
   return 0;
 }

@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "content.h"
+#include "db/manager.h"
 #include "job-queue.h"
 #include "job-store.h"
 #include "process.h"
@@ -310,6 +311,55 @@ TEST_F(DownloadTest, OnlyWhatTheCallerMayReadLeaves) {
   ASSERT_TRUE(
       Call(kApi, "start", {{"target", "mine"}, {"nodes", Array({report})}}, alice_).success());
   EXPECT_EQ(Call(kApi, "status", {}, bob).code(), 401);
+}
+
+// Versions of an encrypted share arrive decrypted; a version whose delta
+// is missing fails the task with its code, and finish sends no archive.
+TEST_F(DownloadTest, EncryptedVersionsArriveDecryptedAndBrokenOnesNotAtAll) {
+  const auto run = [](std::vector<std::string> argv) {
+    const auto r = tptest::RunProcess(argv);
+    ASSERT_EQ(r.exit_status, 0) << argv[1] << ": " << r.out << r.err;
+  };
+  run({"/usr/kstx/bin/kstx-admin", "share", "add", "vault2", "--volume", "/volume1", "--encrypted",
+       "--passphrase", "slack water"});
+  run({"/usr/kstx/bin/kstx-admin", "share", "perm", "vault2", "alice", "rw"});
+  MakeDir("/volume1/vault2", "alice", 0775);
+  run({"/var/packages/Tidepool/target/bin/driftway-control", "share", "--enable", "vault2"});
+  if (HasFatalFailure()) return;
+  const std::string v0 = tptest::RandomBytes(256 << 10, 31);
+  std::string v1 = v0;
+  v1.replace(64 << 10, 4096, tptest::RandomBytes(4096, 32));
+  BuildHistory("/volume1/vault2", {{kT0, {Entry("a.bin", v0), Entry("b.txt", "plain words\n")}, {}},
+                                   {kT1, {Entry("a.bin", v1)}, {}}});
+  const std::string admin = LoginAs("admin");
+  const Json::Value a_then = BrowseVersion(admin, "@vault2", "/a.bin", 1);
+  const Json::Value a_now = BrowseVersion(admin, "@vault2", "/a.bin", 0);
+  const Json::Value b = Browse(admin, "@vault2", "/b.txt");
+  const Download d = RunDownload(alice_, "@vault2", {a_then, b});
+  EXPECT_EQ(Extract(d.finish.body, "unzip"), (Tree{{"a.bin", tptest::Sha256Hex(v0)},
+                                                   {"b.txt", tptest::Sha256Hex("plain words\n")}}));
+  EXPECT_EQ(RunDownload(alice_, "@vault2", {a_now}).finish.body, v1);
+
+  // The newest version is a delta on the first: without it, nothing.
+  db::ViewDBInterface view;
+  ASSERT_GE(db::Manager::GetViewDB(ShareViewOf("vault2"), view), 0);
+  db::Node node;
+  ASSERT_EQ(view->QueryNode("/a.bin", node, db::ViewManager::kQueryAny), 0);
+  std::vector<db::Version> versions;
+  ASSERT_GE(view->ListVersion(node.getNodeId(), versions, db::ViewManager::kListVersionAll), 0);
+  db::FileDBInterface files;
+  ASSERT_GE(db::Manager::GetFileDB(versions.back().getFileUuid(), files, false, ""), 0);
+  std::string origin;
+  std::vector<std::string> patches;
+  ASSERT_GE(files->GetPatchFiles(versions.back().getFileId(), origin, patches), 0);
+  ASSERT_FALSE(patches.empty());
+  ASSERT_TRUE(fs::remove(patches.back()));
+  const Download broken = RunDownload(alice_, "@vault2", {b, a_now});
+  EXPECT_EQ(broken.status_error, 401);
+  EXPECT_EQ(Header(broken.finish, "X-KSTX-WEBAPI-DOWNLOAD-ERROR-CODE"), "401")
+      << broken.finish.headers;
+  EXPECT_TRUE(broken.finish.body.empty());
+  EXPECT_FALSE(fs::exists(kRecord));
 }
 
 }  // namespace

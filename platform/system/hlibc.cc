@@ -164,7 +164,7 @@ FILE* PopenWith(const HLIBCPopenOptions* options, const char* path, const char* 
   posix_spawn_file_actions_init(&actions);
   // The end the caller does not use is /dev/null: the program's output
   // never reaches this process's standard output, which may be an answer.
-  QuietStdio(actions, !reading, reading);
+  QuietStdio(actions, reading, !reading);
   posix_spawn_file_actions_adddup2(&actions, child_end, reading ? STDOUT_FILENO : STDIN_FILENO);
   posix_spawnattr_t attr;
   posix_spawnattr_init(&attr);

@@ -192,6 +192,41 @@ TEST_F(SystemTest, ProgramsRunWithoutAShell) {
   EXPECT_FALSE(ReadFile("/tmp/bg").empty());
 }
 
+// A request's standard output is its answer: nothing a program run from it
+// prints may land there, and none may wait on the request's input.
+TEST_F(SystemTest, ProgramsNeverWriteIntoTheCallersOutput) {
+  fflush(stdout);
+  const int saved_out = dup(STDOUT_FILENO);
+  const int saved_in = dup(STDIN_FILENO);
+  FILE* capture = fopen("/tmp/answer", "w+");
+  int input[2];
+  ASSERT_EQ(pipe(input), 0);
+  dup2(fileno(capture), STDOUT_FILENO);
+  dup2(input[0], STDIN_FILENO);
+  // With the caller's input still open, a program reading it would hang.
+  const int status = HLIBCExec("/bin/sh", "-c", "echo leaked; cat; echo leaked again", nullptr);
+  FILE* reading = HLIBCPopen("/bin/sh", "r", "-c", "cat; echo through the pipe", nullptr);
+  char line[64] = {};
+  const bool got = reading != nullptr && fgets(line, sizeof line, reading) != nullptr;
+  FILE* writing = HLIBCPopen("/bin/sh", "w", "-c", "cat > /dev/null; echo leaked", nullptr);
+  if (writing != nullptr) fputs("x\n", writing);
+  const int written = HLIBCPclose(writing);
+  const int read_status = HLIBCPclose(reading);
+  dup2(saved_out, STDOUT_FILENO);
+  dup2(saved_in, STDIN_FILENO);
+  close(saved_out);
+  close(saved_in);
+  close(input[0]);
+  close(input[1]);
+  fclose(capture);
+  EXPECT_EQ(status, 0);
+  EXPECT_TRUE(got);
+  EXPECT_STREQ(line, "through the pipe\n");
+  EXPECT_EQ(read_status, 0);
+  EXPECT_EQ(written, 0);
+  EXPECT_EQ(ReadFile("/tmp/answer"), "");
+}
+
 TEST_F(SystemTest, ForkedChildrenAreDetachedAsAsked) {
   int channel[2];
   ASSERT_EQ(pipe(channel), 0);

@@ -105,11 +105,12 @@ exec {tick}<>/tmp/bench-tick
 # 10 ms without starting a process (a status call is a CGI process that would
 # compete with the preparation for the cores); status then confirms.
 prepare() {
-  local body answer id t0 t1 text rec current=-1 total=-2 looks=0
+  local body answer id t0 ta t1 text rec current=-1 total=-2 looks=0
   body=$(jq -cn --argjson n "$1" '{target: "mine", nodes: ($n | map(del(.hash)))}')
   sync
   t0=$(now)
   answer=$(call Node.Download start "$body")
+  ta=$(now)
   [[ $answer =~ \"task_id\":(-?[0-9]+) ]] || { echo "start answered no task_id: $answer" >&2; return 1; }
   id=${BASH_REMATCH[1]}
   while :; do
@@ -131,7 +132,8 @@ prepare() {
   answer=$(call Node.Download status '{}')
   [ "$(jq '.data.current == .data.total' <<<"$answer")" = true ] || {
     echo "status disagrees with the task record: $answer" >&2; return 1; }
-  echo "  prepared $current of $total progress units in $(secs "$t0" "$t1") s" >&2
+  echo "  prepared $current of $total progress units in $(secs "$t0" "$t1") s" \
+    "(start answered after $(secs "$t0" "$ta") s)" >&2
   echo "$id $(secs "$t0" "$t1")"
 }
 

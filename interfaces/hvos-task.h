@@ -49,6 +49,10 @@ class Task {
   void finish(bool keep_running);
   // Deletes the record; later writes through this object make it anew.
   void remove();
+  // From now on a change to a record that is gone is dropped instead of
+  // making the record anew: a worker must not bring back a task that was
+  // stopped under it.
+  void keepRemoved() { keep_removed_ = true; }
 
  private:
   // Both work in the owner's checked folder, given as a descriptor.
@@ -62,10 +66,16 @@ class Task {
   Json::Value properties_ = Json::Value(Json::objectValue);
   pid_t create_pid_ = 0;
   bool finished_ = false;
+  bool keep_removed_ = false;
+  bool gone_ = false;  // beginUpdate found no record and keepRemoved holds
 };
 
 struct TaskUtil {
   static bool checkTaskExists(const std::string& owner, const std::string& name);
+  // Reads a record's properties without making it when it is missing:
+  // true and `properties` filled when it exists and reads.
+  static bool peekTask(const std::string& owner, const std::string& name, Json::Value& properties,
+                       bool* finished = nullptr);
 };
 
 }  // namespace HVOS

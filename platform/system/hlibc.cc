@@ -3,6 +3,7 @@
 #include "hlibc.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -37,6 +38,13 @@ void RedirectStdioToNull() {
   dup2(fd, STDOUT_FILENO);
   dup2(fd, STDERR_FILENO);
   if (fd > STDERR_FILENO) close(fd);
+}
+
+// Points the child's standard input and/or output at /dev/null. A request's
+// standard output is its answer: no program it runs may write into it.
+void QuietStdio(posix_spawn_file_actions_t& actions, bool input, bool output) {
+  if (input) posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+  if (output) posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
 }
 
 // The exit code, 128 + signal for a killed program, -1 when waiting failed.
@@ -108,8 +116,13 @@ int HLIBCExec(const char* path, ...) {
   va_start(args, path);
   std::vector<char*> argv = CollectArgs(path, args);
   va_end(args);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  QuietStdio(actions, true, true);
   pid_t pid = 0;
-  if (posix_spawn(&pid, path, nullptr, nullptr, argv.data(), environ) != 0) return -1;
+  const int rc = posix_spawn(&pid, path, &actions, nullptr, argv.data(), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  if (rc != 0) return -1;
   return WaitFor(pid);
 }
 
@@ -133,14 +146,15 @@ int HLIBCBackgroundExec(const char* path, ...) {
   return WaitFor(middle) == 0 ? 0 : -1;
 }
 
-FILE* HLIBCPopen(const char* path, const char* mode, ...) {
+namespace {
+
+// `options` null: the plain HLIBCPopen, whose child inherits everything else.
+FILE* PopenWith(const HLIBCPopenOptions* options, const char* path, const char* mode,
+                va_list args) {
   if (path == nullptr || mode == nullptr) return nullptr;
   const bool reading = mode[0] == 'r';
   if (!reading && mode[0] != 'w') return nullptr;
-  va_list args;
-  va_start(args, mode);
   std::vector<char*> argv = CollectArgs(path, args);
-  va_end(args);
 
   int fds[2];
   if (pipe2(fds, O_CLOEXEC) != 0) return nullptr;
@@ -148,9 +162,38 @@ FILE* HLIBCPopen(const char* path, const char* mode, ...) {
   const int child_end = reading ? fds[1] : fds[0];
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
+  // The end the caller does not use is /dev/null: the program's output
+  // never reaches this process's standard output, which may be an answer.
+  QuietStdio(actions, !reading, reading);
   posix_spawn_file_actions_adddup2(&actions, child_end, reading ? STDOUT_FILENO : STDIN_FILENO);
+  posix_spawnattr_t attr;
+  posix_spawnattr_init(&attr);
+  if (options != nullptr) {
+    if (reading && options->stdout_fd >= 0) {
+      posix_spawn_file_actions_adddup2(&actions, options->stdout_fd, STDOUT_FILENO);
+    }
+    if (options->stderr_fd >= 0) {
+      posix_spawn_file_actions_adddup2(&actions, options->stderr_fd, STDERR_FILENO);
+    } else {
+      posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_RDWR, 0);
+    }
+    // The folder's descriptor, not its path: the child starts in exactly the
+    // folder the caller opened, whatever was renamed since.
+    if (options->dir_fd >= 0) posix_spawn_file_actions_addfchdir_np(&actions, options->dir_fd);
+    sigset_t none;
+    sigemptyset(&none);
+    sigset_t pipe_only;
+    sigemptyset(&pipe_only);
+    sigaddset(&pipe_only, SIGPIPE);
+    posix_spawnattr_setsigmask(&attr, &none);
+    posix_spawnattr_setsigdefault(&attr, &pipe_only);
+    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+  }
   pid_t pid = 0;
-  const int rc = posix_spawn(&pid, path, &actions, nullptr, argv.data(), environ);
+  const int rc =
+      posix_spawn(&pid, path, &actions, &attr, argv.data(),
+                  options != nullptr && options->envp != nullptr ? options->envp : environ);
+  posix_spawnattr_destroy(&attr);
   posix_spawn_file_actions_destroy(&actions);
   close(child_end);
   if (rc != 0) {
@@ -163,8 +206,28 @@ FILE* HLIBCPopen(const char* path, const char* mode, ...) {
     WaitFor(pid);
     return nullptr;
   }
+  if (options != nullptr && options->pid != nullptr) *options->pid = pid;
   std::lock_guard<std::mutex> lock(g_popen_mutex);
   PopenChildren()[stream] = pid;
+  return stream;
+}
+
+}  // namespace
+
+FILE* HLIBCPopen(const char* path, const char* mode, ...) {
+  va_list args;
+  va_start(args, mode);
+  FILE* stream = PopenWith(nullptr, path, mode, args);
+  va_end(args);
+  return stream;
+}
+
+FILE* HLIBCPopenEx(const HLIBCPopenOptions* options, const char* path, const char* mode, ...) {
+  const HLIBCPopenOptions defaults;
+  va_list args;
+  va_start(args, mode);
+  FILE* stream = PopenWith(options != nullptr ? options : &defaults, path, mode, args);
+  va_end(args);
   return stream;
 }
 

@@ -201,14 +201,15 @@ void Task::beginUpdate() {
   OwnerFolder folder(owner_, true);
   if (!folder.ok()) return;
   lock_fd_ = LockFile(folder.fd(), file_, LOCK_EX);
-  if (lock_fd_ >= 0) Load(folder.fd());
+  if (lock_fd_ >= 0) gone_ = !Load(folder.fd()) && keep_removed_;
 }
 
 int Task::endUpdate() {
   if (!valid_ || lock_fd_ < 0) return 0;
   RootForFiles root;
   OwnerFolder folder(owner_, false);
-  const bool stored = folder.ok() && Store(folder.fd());
+  const bool stored = !gone_ && folder.ok() && Store(folder.fd());
+  gone_ = false;
   Unlock(lock_fd_);
   lock_fd_ = -1;
   return stored ? 1 : 0;
@@ -316,6 +317,33 @@ bool Task::Store(int folder) {
     unlinkat(folder, temp.c_str(), 0);
     return false;
   }
+  return true;
+}
+
+bool TaskUtil::peekTask(const std::string& owner, const std::string& name, Json::Value& properties,
+                        bool* finished) {
+  if (!SafeComponent(owner) || !SafeComponent(name)) return false;
+  RootForFiles root;
+  OwnerFolder folder(owner, false);
+  if (!folder.ok()) return false;
+  const std::string file = name + ".json";
+  // Writers replace the record whole by rename: what an open descriptor
+  // reads is one complete record, without taking the lock.
+  Fd again(OpenRegular(folder.fd(), file, O_RDONLY));
+  if (again.get() < 0) return false;
+  std::string text;
+  char buffer[16384];
+  for (;;) {
+    const ssize_t n = read(again.get(), buffer, sizeof buffer);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    text.append(buffer, static_cast<size_t>(n));
+    if (text.size() > kMaxRecordBytes) return false;
+  }
+  TaskRecord record;
+  if (!ParseTaskRecord(text.data(), text.size(), record)) return false;
+  properties = std::move(record.properties);
+  if (finished != nullptr) *finished = record.finished;
   return true;
 }
 

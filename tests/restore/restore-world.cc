@@ -182,7 +182,8 @@ Tree TreeOf(const std::string& root) {
       it.disable_recursion_pending();
       continue;
     }
-    tree[fs::relative(it->path(), root).string()] = StateOf(*it);
+    // Lexically: a link must name itself, not what it points to.
+    tree[it->path().lexically_relative(root).string()] = StateOf(*it);
   }
   return tree;
 }

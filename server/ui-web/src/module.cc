@@ -8,6 +8,10 @@
 #include "handlers/node/activity.h"
 #include "handlers/node/delete/start.h"
 #include "handlers/node/delete/status.h"
+#include "handlers/node/download/finish.h"
+#include "handlers/node/download/start.h"
+#include "handlers/node/download/status.h"
+#include "handlers/node/download/stop.h"
 #include "handlers/node/list-parent.h"
 #include "handlers/node/list-version.h"
 #include "handlers/node/list.h"
@@ -96,6 +100,10 @@ void Process(KSTX::APIRequest* request, KSTX::APIResponse* response) {
   bridge.AddHandler(new NodeRestoreFinishHandler);
   bridge.AddHandler(new NodeDeleteStartHandler);
   bridge.AddHandler(new NodeDeleteStatusHandler);
+  bridge.AddHandler(new NodeDownloadStartHandler);
+  bridge.AddHandler(new NodeDownloadStatusHandler);
+  bridge.AddHandler(new NodeDownloadStopHandler);
+  bridge.AddHandler(new NodeDownloadFinishHandler);
   bridge.Process();
 }
 

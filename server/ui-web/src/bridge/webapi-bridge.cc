@@ -93,35 +93,24 @@ void WebAPIBridge::SetResponse(const BridgeResponse& response) {
       break;
     case BridgeResponse::kFile:
     case BridgeResponse::kArchive:
+      // From here on only this module writes the answer.
       api_response->SetEnableOutput(false);
       for (const auto& [name, value] : response.GetHeaders()) {
         printf("%s: %s\r\n", name.c_str(), value.c_str());
       }
-      // No handler answers with a file or an archive yet; until the senders
-      // exist such an answer can only be told as a download error.
-      WriteDownloadError(response);
+      if (response.IsErrorSet()) {
+        WriteDownloadError(response);
+      } else if (response.GetType() == BridgeResponse::kFile) {
+        // Headers may be out already: a failure can only be logged.
+        (void)SendFile(response.GetFileName(), response.GetFilePath(), response.IsForceDownload());
+      } else {
+        (void)SendArchive(response.GetArchiveName(), response.GetArchivePath(),
+                          ArchiveCodepage(response));
+      }
+      fflush(stdout);
       break;
   }
   for (const auto& path : response.GetAutoRemovePaths()) auto_remove_paths.push_back(path);
-}
-
-void WebAPIBridge::WriteDownloadError(const BridgeResponse& response) {
-  const int code = response.IsErrorSet() ? response.GetErrorCode() : 401;
-  if (!response.IsOutputJsonError()) {
-    printf("Cache-control: no-store\r\nX-KSTX-WEBAPI-DOWNLOAD-ERROR-CODE: %d\r\n", code);
-    printf("Status: 400 Bad Request\r\n\r\n");
-  } else {
-    Json::Value failure(Json::objectValue);
-    failure["success"] = false;
-    failure["error"]["code"] = code;
-    failure["error"]["errors"]["message"] = response.GetErrorMessage();
-    failure["error"]["errors"]["line"] = response.GetErrorLine();
-    Json::StreamWriterBuilder writer;
-    writer["indentation"] = "";
-    printf("Cache-control: no-store\r\nContent-Type: text/plain; charset=\"UTF-8\"\r\n");
-    printf("Status: 200 OK\r\n\r\n%s", Json::writeString(writer, failure).c_str());
-  }
-  fflush(stdout);
 }
 
 void WebAPIBridge::HandleAutoRemove() {

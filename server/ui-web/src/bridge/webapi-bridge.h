@@ -40,8 +40,25 @@ class WebAPIBridge {
   void HandleAutoRemove();
   void DestroyJobDB();
 
+  // Raw answers, written to standard output by the module itself.
+  // The file at `path` under the type its name suggests; HTML, scripts and
+  // SVG never go out under their own type. 0, or -1 (logged).
+  int SendFile(const std::string& name, const std::string& path, bool force_download);
+  // A zip of the contents of the folder `path`, always as an attachment.
+  int SendArchive(const std::string& name, const std::string& path, const std::string& codepage);
+  // The download options, disposition and ranges lines of a raw answer.
+  void PrintDownloadHeader(const std::string& name, bool force_download);
+  // True for a folder that holds nothing; false also when it cannot be read.
+  bool ArchiveFolderEmpty(const std::string& path);
+
  private:
+  // The error of a raw answer: a header block, and the failure object when
+  // the response asks for it.
   void WriteDownloadError(const BridgeResponse& response);
+  void WriteDownloadError(int code, const std::string& message, int line, bool as_json);
+  // The codepage of the archive's names: the response's, else the user's
+  // web settings', else "unicode".
+  std::string ArchiveCodepage(const BridgeResponse& response) const;
 
   std::map<std::string, std::map<unsigned, std::unique_ptr<RequestHandler>>> handlers;
   KSTX::APIRequest* api_request;

@@ -166,7 +166,9 @@ std::string Item::DestName(const TaskActor& actor) const {
   // A child's name was made unique within its folder from the database's
   // own names; a top-level node keeps the name it had.
   if (child) return name;
-  if (version.getNodeId() != view.GetVif()->getRootNodeId()) return version.record().name;
+  const bool is_root = version.getNodeId() == view.GetVif()->getRootNodeId();
+  if (actor.IsDownloading() && !name.empty()) return name;
+  if (!is_root) return version.record().name;
   return actor.IsCopying() ? view.GetName() : "";
 }
 

@@ -1,5 +1,6 @@
-// What a restore task does (put an item back where it lived, or copy it to
-// a place the client chose) and in whose name.
+// What a restore task does (put an item back where it lived, copy it to a
+// place the client chose, or copy it into a download's folder) and in whose
+// name.
 #pragma once
 
 #include <cstdint>
@@ -9,7 +10,7 @@ namespace tidepool::restore {
 
 class TaskActor {
  public:
-  enum ACTION { ACTION_NONE = 0, ACTION_RESTORE = 1, ACTION_COPY = 2 };
+  enum ACTION { ACTION_NONE = 0, ACTION_RESTORE = 1, ACTION_COPY = 2, ACTION_DOWNLOAD = 3 };
 
   TaskActor() : TaskActor(ACTION_NONE, "") {}
   TaskActor(ACTION action, const std::string& user)
@@ -19,7 +20,10 @@ class TaskActor {
   TaskActor(ACTION action, const std::string& user, unsigned int uid);
 
   bool IsRestoring() const { return action_ == ACTION_RESTORE; }
-  bool IsCopying() const { return action_ == ACTION_COPY; }
+  // A download is a copy whose top-level items keep the names their list
+  // made unique, so that two selected nodes of one name both arrive.
+  bool IsCopying() const { return action_ == ACTION_COPY || action_ == ACTION_DOWNLOAD; }
+  bool IsDownloading() const { return action_ == ACTION_DOWNLOAD; }
   void SetAction(ACTION action) { action_ = action; }
   ACTION GetAction() const { return action_; }
   const std::string& GetUser() const { return user_; }

@@ -33,6 +33,7 @@
 #include "util/librestore/file.h"
 #include "util/librestore/restore-item.h"
 #include "util/librestore/task-actor.h"
+#include "util/librestore/task-nodes.h"
 #include "util/librestore/view.h"
 #include "util/webapi-util.h"
 
@@ -165,16 +166,11 @@ int NodeRestoreStartHandler::Start(const RequestAuthentication& auth, BridgeRequ
       return RESPONSE_FAIL(response, 401, "failed to open view db");
     }
     std::vector<TaskDesc> requested;
-    for (const Json::Value& entry : nodes) {
-      if (!entry.isObject()) return RESPONSE_FAIL(response, 120, "invalid parameter");
-      TaskDesc desc;
-      std::string why;
-      if (tidepool::restore::ParseTaskDesc(entry, ctime_ub_default, desc, why) < 0) {
-        LOG_ERROR("Malformed node (%s): %s\n", why.c_str(), entry.toStyledString().c_str());
-        return RESPONSE_FAIL(response, 401, "invalid node: " + why);
-      }
-      desc.view_id = static_cast<uint32_t>(user_info.view_id);
-      requested.push_back(std::move(desc));
+    std::string why;
+    if (tidepool::restore::ParseTaskDescs(nodes, ctime_ub_default,
+                                          static_cast<uint32_t>(user_info.view_id), requested,
+                                          why) < 0) {
+      return RESPONSE_FAIL(response, 401, "invalid node: " + why);
     }
     // Rights are the caller's own, whoever's view is shown.
     fsb::UniqueFd copy_root;
@@ -193,24 +189,18 @@ int NodeRestoreStartHandler::Start(const RequestAuthentication& auth, BridgeRequ
       LOG_ERROR("User has no write permission on share '%s'\n", target.c_str());
       return RESPONSE_FAIL(response, 403, "no privilege");
     }
-    // Each node_id must name the node of its permanent_id: the rights are
-    // judged on what is restored, never on a node picked to pass.
+    std::vector<db::Node> claimed;
+    if (tidepool::restore::ResolveClaimedNodes(view, requested, claimed) < 0) {
+      return RESPONSE_FAIL(response, 403, "no privilege");
+    }
     std::vector<TaskDesc> descs;
-    for (TaskDesc& desc : requested) {
-      db::Node claimed, node;
-      if (view.GetVif()->QueryNode(desc.node_id, claimed, db::ViewManager::kQueryWithRemoved) !=
-              0 ||
-          view.GetVif()->QueryNodeByPermanentId(desc.permanent_id, node,
-                                                db::ViewManager::kQueryWithRemoved) < 0 ||
-          node.getNodeId() != claimed.getNodeId()) {
-        LOG_ERROR("node_id %llu does not name the node of permanent_id %llu\n",
-                  static_cast<unsigned long long>(desc.node_id),
-                  static_cast<unsigned long long>(desc.permanent_id));
-        return RESPONSE_FAIL(response, 403, "no privilege");
-      }
+    for (size_t i = 0; i < requested.size(); ++i) {
       // In place, the deletion itself has nothing to bring back.
-      if (copy_to.empty() && node.isRemoved() && node.getSyncId() == desc.sync_id) continue;
-      descs.push_back(std::move(desc));
+      if (copy_to.empty() && claimed[i].isRemoved() &&
+          claimed[i].getSyncId() == requested[i].sync_id) {
+        continue;
+      }
+      descs.push_back(std::move(requested[i]));
     }
     Rights rights;
     if (!auth.is_admin) {
@@ -221,26 +211,13 @@ int NodeRestoreStartHandler::Start(const RequestAuthentication& auth, BridgeRequ
         return RESPONSE_FAIL(response, 403, "no privilege");
       }
       view.SetRights(rights);
-      for (const TaskDesc& desc : descs) {
-        bool allowed = false;
-        if (tidepool::restore::JudgeNode(view, desc.permanent_id, desc.sync_id,
-                                         desc.ver_ctime_upper_bound, allowed) < 0 ||
-            !allowed) {
-          LOG_ERROR("No privilege on node %llu\n",
-                    static_cast<unsigned long long>(desc.permanent_id));
-          return RESPONSE_FAIL(response, 403, "no privilege");
-        }
+      if (!tidepool::restore::MayHaveAll(view, descs)) {
+        return RESPONSE_FAIL(response, 403, "no privilege");
       }
     }
     DecryptMap decrypt_map;
-    for (const Json::Value& entry : decrypt) {
-      uint64_t id = 0;
-      if (!entry.isObject() || !entry["permanent_id"].isString() || !entry["decrypt"].isString() ||
-          !tidepool::restore::ParseNodeId(entry["permanent_id"], id)) {
-        LOG_ERROR("Malformed decrypt_info: %s\n", entry.toStyledString().c_str());
-        return RESPONSE_FAIL(response, 401, "malformed decrypt information");
-      }
-      decrypt_map[id] = entry["decrypt"].asString();
+    if (tidepool::restore::ParseDecryptMap(decrypt, decrypt_map) < 0) {
+      return RESPONSE_FAIL(response, 401, "malformed decrypt information");
     }
 
     const uint32_t task_id = GetRandomInt();

@@ -137,24 +137,24 @@ prepare() {
   echo "$id $(secs "$t0" "$t1")"
 }
 
-# Keeps in FILE "CGI STARTED": the peak VmHWM in KiB of lighttpd's entry.cgi
-# children and of any process they start. Only bash builtins in the loop.
+# Until the file /tmp/bench-rss-stop appears, follows the peak VmHWM in KiB of
+# lighttpd's entry.cgi children and of any process they start; then writes
+# "CGI STARTED" into FILE. Only bash builtins in the loop.
 rss_watch() {
   local out=$1 cgi=0 kids=0 pids kid_pids queue pid kid name hwm key value rest
-  echo "0 0" >"$out"
   hwm_of() {  # PID: sets name and hwm
     name='' hwm=0
     while read -r key value rest; do
       case "$key" in Name:) name=$value ;; VmHWM:) hwm=$value ;; esac
     done 2>/dev/null <"/proc/$1/status" || true
   }
-  while :; do
+  while [ ! -e /tmp/bench-rss-stop ]; do
     pids=()
     read -r -a pids 2>/dev/null <"/proc/$LIGHTTPD_PID/task/$LIGHTTPD_PID/children" || true
     for pid in "${pids[@]}"; do
       hwm_of "$pid"
       [ "$name" = entry.cgi ] || continue
-      if [ "$hwm" -gt "$cgi" ]; then cgi=$hwm; echo "$cgi $kids" >"$out"; fi
+      if [ "$hwm" -gt "$cgi" ]; then cgi=$hwm; fi
       # Its descendants, all the way down (a shell between it and a program).
       queue=("$pid")
       while [ ${#queue[@]} -gt 0 ]; do
@@ -164,13 +164,14 @@ rss_watch() {
         read -r -a kid_pids 2>/dev/null <"/proc/$kid/task/$kid/children" || true
         for kid in "${kid_pids[@]}"; do
           hwm_of "$kid"
-          if [ "$hwm" -gt "$kids" ]; then kids=$hwm; echo "$cgi $kids" >"$out"; fi
+          if [ "$hwm" -gt "$kids" ]; then kids=$hwm; fi
           queue+=("$kid")
         done
       done
     done
     read -r -t 0.02 -u "$tick" || true
   done
+  echo "$cgi $kids" >"$out"
 }
 
 # `finish` of TASK_ID for NODES, the body into OUT; prints "TTFB TOTAL BYTES
@@ -179,14 +180,15 @@ finish() {
   local body answer code ttfb total bytes cgi kids
   body=$(jq -cn --argjson id "$1" --argjson n "$2" \
     '{task_id: $id, nodes: ($n | map(del(.hash))), outname: "Tidepool"}')
+  rm -f /tmp/bench-rss /tmp/bench-rss-stop
   rss_watch /tmp/bench-rss &
   watcher=$!
-  answer=$(curl -s -o "$3" -D /tmp/bench-headers -b "id=$sid" -H "X-Tidepool-Token: $token" \
+  answer=$(curl -sS -o "$3" -D /tmp/bench-headers -b "id=$sid" -H "X-Tidepool-Token: $token" \
     -H 'Content-Type: application/json' --data-binary "$body" \
     -w '%{http_code} %{time_starttransfer} %{time_total} %{size_download}' \
     "$url?api=KSTX.Tidepool.Node.Download&method=finish&version=1")
-  kill "$watcher"
-  wait "$watcher" 2>/dev/null || true
+  : >/tmp/bench-rss-stop
+  wait "$watcher"
   watcher=
   read -r cgi kids </tmp/bench-rss
   read -r code ttfb total bytes <<<"$answer"

@@ -283,6 +283,7 @@ rows=()
 row() { rows+=("$(printf '%s\t' "$@")"); }
 verdict() { awk -v v="$1" -v op="$2" -v t="$3" 'BEGIN {
   ok = (op == ">=") ? v >= t : (op == "<=") ? v <= t : v < t; print ok ? "pass" : "FAIL" }'; }
+s3() { printf '%.3f' "$1"; }
 rate() { awk -v m="$1" -v s="$2" 'BEGIN { printf "%.0f", m / s }'; }
 mib_of() { du -sb "$1" | awk '{ printf "%.0f", $1 / 1048576 }'; }
 
@@ -308,7 +309,7 @@ scan
 echo "store: $(find /volume1/@tidepool/@sync/delta -type f | wc -l) delta pieces," \
   "$(du -sm /volume1/@tidepool/@sync | cut -f1) MiB in all"
 floor=$(min "$(floor_ttfb)" "$(floor_ttfb)")
-echo "first byte of a small JSON answer (the floor of any request): $floor s"
+echo "first byte of a small JSON answer (the floor of any request): $(s3 "$floor") s"
 
 echo "== download 1: a folder of $big_files files, $big_mib MiB =="
 node=$(folder_node mine big)
@@ -335,7 +336,7 @@ row "$big_files files: finish" "$big_rate MiB/s" "zip $(rate "$mib" "$zip_s") Mi
 row "" "" "tar $(rate "$mib" "$tar_s") MiB/s" \
   "$(awk -v a="$tar_s" -v b="$total" 'BEGIN { printf "%.2fx tar", a / b }')" ">= 0.5x tar" \
   "$(verdict "$(awk -v a="$tar_s" -v b="$total" 'BEGIN { print a / b }')" ">=" 0.5)"
-row "$big_files files: first byte" "$ttfb s" "JSON answer $floor s" "" "<= 0.1 s" \
+row "$big_files files: first byte" "$(s3 "$ttfb") s" "JSON answer $(s3 "$floor") s" "" "<= 0.1 s" \
   "$(verdict "$ttfb" "<=" 0.1)"
 row "$big_files files: preparation" "$prep s" "" "" "(none)" "-"
 row "$big_files files: peak RSS" "$(awk -v c="$cgi_kib" 'BEGIN { printf "%.1f MiB", c / 1024 }')" \
@@ -365,7 +366,7 @@ row "$files files: finish" "$(rate "$mib" "$total") MiB/s" "zip $(rate "$mib" "$
 row "" "" "tar $(rate "$mib" "$tar_s") MiB/s" \
   "$(awk -v a="$tar_s" -v b="$total" 'BEGIN { printf "%.2fx tar", a / b }')" ">= 0.5x tar" \
   "$(verdict "$(awk -v a="$tar_s" -v b="$total" 'BEGIN { print a / b }')" ">=" 0.5)"
-row "$files files: first byte" "$ttfb s" "" "" "(none)" "-"
+row "$files files: first byte" "$(s3 "$ttfb") s" "" "" "(none)" "-"
 row "$files files: preparation" "$prep s" "" "" "(none)" "-"
 row "$files files: peak RSS" "$(awk -v c="$cgi_kib" 'BEGIN { printf "%.1f MiB", c / 1024 }')" \
   "" "" "< 64 MiB" "$(verdict "$cgi_kib" "<" 65536)"
@@ -401,13 +402,13 @@ row "$big_mib MiB file: finish" "$(rate "$big_mib" "$total") MiB/s" \
   ">= 0.5x static" "$(verdict "$(awk -v a="$static_s" -v b="$total" 'BEGIN { print a / b }')" ">=" 0.5)"
 row "" "" "cat $(rate "$big_mib" "$cat_s") MiB/s" \
   "$(awk -v a="$cat_s" -v b="$total" 'BEGIN { printf "%.2fx cat", a / b }')" "(none)" "-"
-row "$big_mib MiB file: first byte" "$ttfb s" "" "" "(none)" "-"
+row "$big_mib MiB file: first byte" "$(s3 "$ttfb") s" "" "" "(none)" "-"
 row "$big_mib MiB file: preparation" "$prep s" "" "" "(none)" "-"
 row "$big_mib MiB file: peak RSS" "$(awk -v c="$cgi_kib" 'BEGIN { printf "%.1f MiB", c / 1024 }')" \
   "" "" "< 64 MiB" "$(verdict "$cgi_kib" "<" 65536)"
 # lighttpd must pass a CGI's body on as it comes: a buffered answer reaches
 # the client only when the CGI is done, so its first byte comes near its end.
-row "streamed (${big_files} files)" "first byte at $big_ttfb of $big_total s" "" "" \
+row "streamed (${big_files} files)" "first byte at $(s3 "$big_ttfb") of $(s3 "$big_total") s" "" "" \
   "< half the total" "$(verdict "$big_ttfb" "<" "$(awk -v t="$big_total" 'BEGIN { print t / 2 }')")"
 
 echo "== summary (warm page cache, no sync inside any timing, best of 2 runs) =="

@@ -7,6 +7,8 @@
 #include <pwd.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -114,6 +116,51 @@ TEST_F(LighttpdSmokeTest, LoginAndCheckUserThroughTheWebServer) {
   auto anonymous =
       HttpGet(port_, "/webapi/entry.cgi?api=KSTX.Tidepool&method=check_user&version=1");
   EXPECT_EQ(anonymous.json["error"]["code"].asInt(), 105);
+}
+
+// A download must leave as the CGI writes it: lighttpd holding the body until
+// the CGI ends would delay the first byte of a 1 GiB archive to its end and
+// keep the whole of it in lighttpd. The probe writes one line, then waits
+// for the test's word before it writes the second, so the first line can only
+// arrive early if lighttpd passes it on at once.
+TEST_F(LighttpdSmokeTest, CgiBodyReachesTheClientBeforeTheCgiEnds) {
+  // The wait is bounded so that a broken server cannot leave the probe behind.
+  tptest::WriteFile("/usr/kstx/webapi/stream-probe.cgi", R"(#!/bin/sh
+printf 'Content-Type: text/plain\r\n\r\nfirst\n'
+i=0
+while [ ! -e /tmp/lighttpd/stream-go ] && [ $i -lt 600 ]; do sleep 0.1; i=$((i+1)); done
+printf 'second\n'
+)");
+  ASSERT_EQ(chmod("/usr/kstx/webapi/stream-probe.cgi", 0755), 0);
+
+  int fd = socket(AF_INET, SOCK_STREAM, 0);
+  // Only a guard against a hang: a buffering server shows as no first line.
+  timeval guard{30, 0};
+  ASSERT_EQ(setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &guard, sizeof guard), 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<uint16_t>(port_));
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  const std::string request = "GET /webapi/stream-probe.cgi HTTP/1.0\r\nHost: 127.0.0.1\r\n\r\n";
+  ASSERT_EQ(write(fd, request.data(), request.size()), static_cast<ssize_t>(request.size()));
+
+  std::string raw;
+  char buffer[4096];
+  ssize_t n;
+  while (raw.find("\r\n\r\nfirst\n") == std::string::npos &&
+         (n = read(fd, buffer, sizeof buffer)) > 0) {
+    raw.append(buffer, n);
+  }
+  EXPECT_NE(raw.find("\r\n\r\nfirst\n"), std::string::npos)
+      << "the first line did not come while the CGI was still running: " << raw;
+  EXPECT_EQ(raw.find("second"), std::string::npos) << raw;
+
+  tptest::WriteFile("/tmp/lighttpd/stream-go", "");
+  while ((n = read(fd, buffer, sizeof buffer)) > 0) raw.append(buffer, n);
+  close(fd);
+  EXPECT_NE(raw.find("200"), std::string::npos) << raw;
+  EXPECT_EQ(raw.substr(raw.find("\r\n\r\n") + 4), "first\nsecond\n");
 }
 
 }  // namespace

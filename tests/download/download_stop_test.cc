@@ -9,6 +9,7 @@
 #include <fstream>
 
 #include "fake-request.h"
+#include "handlers/node/download/finish.h"
 #include "handlers/node/download/start.h"
 #include "handlers/node/download/stop.h"
 #include "hvos-task.h"
@@ -96,6 +97,16 @@ TEST(DownloadStopTest, StopEndsTheWorkerAndRemovesItsFolder) {
   NodeDownloadStartHandler third;
   BridgeResponse again;
   EXPECT_EQ(RunHandler(third, StartParams(node), again), 0) << again.GetErrorMessage();
+}
+
+// One file leaves under the chosen name with the extension of what lies in
+// the folder: an office document's export, or the stored file itself.
+TEST(DownloadNameTest, OneFileIsNamedAfterOutnameAndItsExtension) {
+  EXPECT_EQ(NodeDownloadFinishHandler::OutputFileName("x", "report.docx"), "x.docx");
+  EXPECT_EQ(NodeDownloadFinishHandler::OutputFileName("x", "report.tdoc"), "x.tdoc");
+  EXPECT_EQ(NodeDownloadFinishHandler::OutputFileName("x.tsheet", "a.xlsx"), "x.xlsx.xlsx");
+  EXPECT_EQ(NodeDownloadFinishHandler::OutputFileName("x", "README"), "x.");
+  EXPECT_EQ(NodeDownloadFinishHandler::OutputFileName("Tidepool", "a.tar.gz"), "Tidepool.gz");
 }
 
 }  // namespace

@@ -9,7 +9,8 @@
 # current == total); `finish`: the time to its first byte and the body's
 # throughput over its whole time; the peak RSS of entry.cgi while it sends.
 # References: `zip -0` and `tar cf` of the same tree into a pipe, `cat` of the
-# same file into a pipe, lighttpd serving the same file statically, and
+# same file into a pipe, lighttpd serving the same file statically, a CGI
+# that only copies the same file (the ceiling of lighttpd's CGI route), and
 # bench_archive_writers on both trees when that program is built.
 #
 # Peak RSS: every ~20 ms, while `finish` runs, the children of lighttpd named
@@ -393,7 +394,15 @@ ln "$chain/big.bin" "$docroot/bench-big.bin" 2>/dev/null || cp "$chain/big.bin" 
 chmod 0644 "$docroot/bench-big.bin"
 warm "$docroot/bench-big.bin"
 static_s=$(timed2 static_of bench-big.bin)
-rm -f "$docroot/bench-big.bin"
+# The ceiling of the CGI route: a CGI that does nothing but copy the same
+# file to lighttpd (cat splices it into the pipe).
+probe=/usr/kstx/webapi/bench-copy.cgi
+printf '#!/bin/sh\nprintf "Content-Type: application/octet-stream\\r\\n\\r\\n"\nexec cat %s\n' \
+  "$docroot/bench-big.bin" > "$probe"
+chmod 0755 "$probe"
+copy_cgi_of() { curl -s -o /dev/null "http://127.0.0.1:$port/webapi/bench-copy.cgi"; }
+copy_cgi_s=$(timed2 copy_cgi_of)
+rm -f "$probe" "$docroot/bench-big.bin"
 awk -v m="$big_mib" -v p="$prep" -v t="$ttfb" -v f="$total" -v c="$cat_s" -v s="$static_s" \
     -v g="$cgi_kib" -v k="$kids_kib" 'BEGIN {
   printf "Download start until ready     %7.3f s %7.0f MiB/s\n", p, m / p
@@ -408,6 +417,8 @@ row "$big_mib MiB file: finish" "$(rate "$big_mib" "$total") MiB/s" \
   ">= 0.5x static" "$(verdict "$(awk -v a="$static_s" -v b="$total" 'BEGIN { print a / b }')" ">=" 0.5)"
 row "" "" "cat $(rate "$big_mib" "$cat_s") MiB/s" \
   "$(awk -v a="$cat_s" -v b="$total" 'BEGIN { printf "%.2fx cat", a / b }')" "(none)" "-"
+row "" "" "copy CGI $(rate "$big_mib" "$copy_cgi_s") MiB/s" \
+  "$(awk -v a="$copy_cgi_s" -v b="$total" 'BEGIN { printf "%.2fx copy CGI", a / b }')" "(none)" "-"
 row "$big_mib MiB file: first byte" "$(s3 "$ttfb") s" "" "" "(none)" "-"
 row "$big_mib MiB file: preparation" "$prep s" "" "" "(none)" "-"
 row "$big_mib MiB file: peak RSS" "$(awk -v c="$cgi_kib" 'BEGIN { printf "%.1f MiB", c / 1024 }')" \

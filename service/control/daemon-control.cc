@@ -141,6 +141,27 @@ int PrintStatus() {
     return 3;
   }
   printf("driftway: running (pid %d)\n", static_cast<int>(pid));
+  Driftway client;
+  client.SetTimeout(5);
+  Json::Value answer;
+  if (client.QueryStatus(answer) < 0 || !answer["watch"].isObject()) return 0;
+  const Json::Value& watch = answer["watch"];
+  if (watch["frozen"].asBool()) printf("frozen: a volume is short of space; no new versions\n");
+  for (const Json::Value& view : watch["views"]) {
+    printf("watching view %llu: %s, %llu folders%s\n",
+           static_cast<unsigned long long>(view["view_id"].asUInt64()),
+           view["root"].asString().c_str(),
+           static_cast<unsigned long long>(view["folders"].asUInt64()),
+           view["partial"].asBool() ? " (partly: watch limit reached)" : "");
+  }
+  const auto ids = [](const Json::Value& list) {
+    std::string text;
+    for (const Json::Value& id : list) text += (text.empty() ? "" : " ") + id.asString();
+    return text.empty() ? std::string("none") : text;
+  };
+  printf("waiting: %s\nversioning: %s\npasses: %llu\n", ids(watch["pending"]).c_str(),
+         ids(watch["running"]).c_str(),
+         static_cast<unsigned long long>(watch["passes"].asUInt64()));
   return 0;
 }
 

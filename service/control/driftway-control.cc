@@ -31,7 +31,7 @@ int Usage() {
           "usage: driftway-control service --start | --stop | --restart | --status\n"
           "       driftway-control user --enable NAME [NAME...] | --disable NAME [NAME...]\n"
           "       driftway-control share --enable NAME | --disable NAME\n"
-          "       driftway-control scan [--at TIMESTAMP]\n"
+          "       driftway-control scan [--at TIMESTAMP] [--view ID]... [--client NAME]\n"
           "       driftway-control check [--view ID]\n"
           "       driftway-control jobs\n");
   return kExitUsage;
@@ -108,17 +108,26 @@ int ShareCommand(const std::vector<std::string>& args) {
   return Report(result, enable ? "enabled share" : "disabled share", name) ? 0 : kExitFailed;
 }
 
-// Versions every enabled home and share once, as at --at (seconds since
-// the epoch) when given.
+// Versions every enabled home and share once (with --view, those views), as
+// at --at (seconds since the epoch) when given; --client names the device
+// in the log records.
 int ScanCommand(const std::vector<std::string>& args) {
   scan::ScanOptions options;
-  if (args.size() == 2 && args[0] == "--at") {
+  for (size_t i = 0; i < args.size(); i += 2) {
+    if (i + 1 >= args.size()) return Usage();
+    const std::string& value = args[i + 1];
     char* end = nullptr;
-    const unsigned long long at = strtoull(args[1].c_str(), &end, 10);
-    if (*end != '\0' || at == 0 || at > UINT32_MAX) return Usage();
-    options.at = static_cast<uint32_t>(at);
-  } else if (!args.empty()) {
-    return Usage();
+    const unsigned long long number = strtoull(value.c_str(), &end, 10);
+    const bool numeric = !value.empty() && value[0] != '-' && *end == '\0' && number != 0;
+    if (args[i] == "--at" && numeric && number <= UINT32_MAX) {
+      options.at = static_cast<uint32_t>(number);
+    } else if (args[i] == "--view" && numeric) {
+      options.views.push_back(number);
+    } else if (args[i] == "--client" && !value.empty()) {
+      options.client_id = value;
+    } else {
+      return Usage();
+    }
   }
   SyncConfigMgr config;
   if (SyncGetConf(config) < 0) {

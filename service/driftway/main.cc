@@ -30,6 +30,8 @@
 #include "sync-service.h"
 #include "unlink-job.h"
 #include "user-manager.h"
+#include "versioner.h"
+#include "db/log-manager.h"
 
 namespace {
 
@@ -122,6 +124,15 @@ void ApplyTestHooks(driftway::JobWorker& worker) {
   });
 }
 
+// Log record 0: the service started ("1") or stopped ("0").
+void LogServiceEvent(bool started) {
+  if (!db::LogManager::IsInitialized()) return;
+  db::Log log;
+  log.setType(0);
+  log.pushArg(started ? "1" : "0", false);
+  if (db::LogManager::InsertLog(log) != 0) LOG_WARNING("cannot write the service's log record\n");
+}
+
 int Run() {
   PidFile pidfile;
   if (pidfile.Acquire(driftway::kPidFile) < 0) return 1;
@@ -158,14 +169,28 @@ int Run() {
   driftway::OpenPurgeDatabases(config);
   RegisterJobRunners(worker);
   ApplyTestHooks(worker);
+  // The worker's thread is not running yet, nor any more at the end: the
+  // service's own records are written while nothing else uses the log.
+  LogServiceEvent(true);
   if (worker.Start() < 0) {
     LOG_ERROR("cannot start the job worker\n");
     return 1;
   }
+  driftway::Versioner versioner(loop, driftway::LoadVersionerOptions());
+  if (versioner.Start() < 0) {
+    LOG_ERROR("cannot start watching: %s\n", strerror(errno));
+    return 1;
+  }
+  driftway::SetViewsChangedHook([&versioner] { versioner.Reload(); });
+  driftway::SetStatusHook([&versioner] { return versioner.Status(); });
   LOG_INFO("driftway started, pid %d\n", static_cast<int>(getpid()));
   const int rc = loop.Run();
+  driftway::SetViewsChangedHook(nullptr);
+  driftway::SetStatusHook(nullptr);
+  versioner.Stop();
   server.Shutdown();
   worker.Stop();
+  LogServiceEvent(false);
   driftway::ClosePurgeDatabases();
   UserManager::Destroy();
   LOG_INFO("driftway stopped\n");

@@ -21,6 +21,21 @@ namespace {
 
 using RequestHandler = Json::Value (*)(const Json::Value& request);
 
+std::function<void()>& ViewsChangedHook() {
+  static std::function<void()> hook;
+  return hook;
+}
+
+std::function<Json::Value()>& StatusHook() {
+  static std::function<Json::Value()> hook;
+  return hook;
+}
+
+// After an operation that may change which views are enabled.
+void NotifyViewChange(const OpResult& result) {
+  if (result.ok() && ViewsChangedHook()) ViewsChangedHook()();
+}
+
 Json::Value Success() {
   Json::Value answer(Json::objectValue);
   answer["success"] = true;
@@ -67,6 +82,7 @@ Json::Value HandleStatus(const Json::Value&) {
   Json::Value answer = Success();
   answer["status"] = status;
   answer["pid"] = static_cast<Json::Int>(getpid());
+  if (StatusHook()) answer["watch"] = StatusHook()();
   return answer;
 }
 
@@ -104,13 +120,17 @@ Json::Value HandleEnableUser(const Json::Value& request) {
   SyncConfigMgr config;
   if (SyncGetConf(config) < 0)
     return ErrorAnswer(kErrFailed, "cannot read the service configuration");
-  return FromResult(EnableUser(config, name, uid));
+  const OpResult result = EnableUser(config, name, uid);
+  NotifyViewChange(result);
+  return FromResult(result);
 }
 
 Json::Value HandleDisableUser(const Json::Value& request) {
   std::string name;
   if (!ReadText(request, "name", name) || name.empty()) return BadField("name");
-  return FromResult(DisableUser(name));
+  const OpResult result = DisableUser(name);
+  NotifyViewChange(result);
+  return FromResult(result);
 }
 
 Json::Value HandleEnableShare(const Json::Value& request) {
@@ -120,13 +140,17 @@ Json::Value HandleEnableShare(const Json::Value& request) {
   if (!ReadInt(request, "rotate_cnt", rotation.count)) return BadField("rotate_cnt");
   if (!ReadText(request, "rotate_policy", rotation.policy)) return BadField("rotate_policy");
   if (!ReadInt(request, "rotate_days", rotation.days)) return BadField("rotate_days");
-  return FromResult(EnableShare(name, rotation));
+  const OpResult result = EnableShare(name, rotation);
+  NotifyViewChange(result);
+  return FromResult(result);
 }
 
 Json::Value HandleDisableShare(const Json::Value& request) {
   std::string name;
   if (!ReadText(request, "name", name) || name.empty()) return BadField("name");
-  return FromResult(DisableShare(name));
+  const OpResult result = DisableShare(name);
+  NotifyViewChange(result);
+  return FromResult(result);
 }
 
 // Folders made through the web API inside synced folders, marked for the
@@ -177,6 +201,9 @@ const std::map<std::string_view, RequestHandler>& Handlers() {
 }
 
 }  // namespace
+
+void SetViewsChangedHook(std::function<void()> hook) { ViewsChangedHook() = std::move(hook); }
+void SetStatusHook(std::function<Json::Value()> hook) { StatusHook() = std::move(hook); }
 
 std::string DispatchLine(const std::string& line, bool& close_after) {
   Json::Value request;

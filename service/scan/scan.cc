@@ -4,6 +4,7 @@
 
 #include <cstring>
 
+#include <algorithm>
 #include <ctime>
 #include <list>
 #include <map>
@@ -31,7 +32,9 @@ std::string VolumeOf(const std::string& path) {
   return path.substr(0, path.find('/', 1));
 }
 
-int Targets(std::vector<ScanTarget>& out) {
+}  // namespace
+
+int EnabledTargets(std::vector<ScanTarget>& out) {
   std::list<UserInfo> users, shares;
   if (UserManager::EnumAllUser(users) < 0 || UserManager::EnumShareUser(shares, "") < 0)
     return db::kErrGeneral;
@@ -45,6 +48,8 @@ int Targets(std::vector<ScanTarget>& out) {
   }
   return db::kOk;
 }
+
+namespace {
 
 // The process-wide databases of one run, closed in reverse order.
 struct Databases {
@@ -131,9 +136,14 @@ int ScanAll(const SyncConfigMgr& config, const ScanOptions& given, ScanSummary& 
   int rc = dbs.Open(config);
   if (rc < 0) return rc;
   std::vector<ScanTarget> targets;
-  if ((rc = Targets(targets)) < 0) return rc;
+  if ((rc = EnabledTargets(targets)) < 0) return rc;
   Stores stores(filestore::LoadOptions(SyncConfigMgr::kPath));
   for (const ScanTarget& target : targets) {
+    if (!options.views.empty() &&
+        std::find(options.views.begin(), options.views.end(), target.view_id) ==
+            options.views.end()) {
+      continue;
+    }
     struct stat st;
     if (stat(target.root_path.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
       // A missing root is not an empty tree: nothing is removed.

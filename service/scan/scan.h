@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 class SyncConfigMgr;
 
@@ -14,6 +15,7 @@ namespace scan {
 struct ScanOptions {
   uint32_t at = 0;  // when the versions are made; 0: now
   std::string client_id = "scan";
+  std::vector<uint64_t> views;  // only these views; empty: every enabled one
 };
 
 struct ScanSummary {
@@ -37,6 +39,10 @@ struct ScanTarget {
   std::string root_path;
   bool encrypted = false;  // stored sealed under the share's key
 };
+
+// The enabled owners that have a view and a folder, homes first. The caller
+// has UserManager initialised. 0, or negative when it cannot be read.
+int EnabledTargets(std::vector<ScanTarget>& out);
 
 // Every enabled owner. Opens and closes the user, sync and log databases of
 // `config` itself. 0, or negative when the databases cannot be opened; a

@@ -1,0 +1,185 @@
+// The daemon versions by itself: files written, renamed, moved and deleted
+// in a watched home become versions and log records within seconds, a
+// burst of writes becomes one version, a killed daemon catches up when it
+// starts again, enabling a share starts its watch, and a volume short of
+// space freezes the service until space is back. Everything is checked
+// through the web API and the log, as a user would see it.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "content.h"
+#include "driftway-client.h"
+#include "process.h"
+#include "restore-world.h"
+#include "sandbox.h"
+
+namespace fs = std::filesystem;
+using namespace rtest;
+
+namespace {
+
+constexpr const char* kControl = "/var/packages/Tidepool/target/bin/driftway-control";
+constexpr const char* kSetting = "/var/packages/Tidepool/etc/setting.conf";
+
+void Setting(const std::string& key, const std::string& value) {
+  std::ofstream(kSetting, std::ios::app) << key << "=\"" << value << "\"\n";
+}
+
+tptest::ProcessResult Control(const std::vector<std::string>& args) {
+  std::vector<std::string> argv = {kControl};
+  argv.insert(argv.end(), args.begin(), args.end());
+  return tptest::RunProcess(argv);
+}
+
+// The daemon has nothing waiting and no pass running.
+bool Idle() {
+  const auto status = Control({"service", "--status"});
+  return status.out.find("waiting: none") != std::string::npos &&
+         status.out.find("versioning: none") != std::string::npos;
+}
+
+// Versions of `path` in alice's home as list_version shows them.
+size_t VersionCount(const std::string& sid, const std::string& path) {
+  const auto answer =
+      Call("KSTX.Tidepool.Node", "list_version", {{"target", "mine"}, {"path", path}}, sid);
+  return answer.success() ? answer.json["data"]["items"].size() : 0;
+}
+
+void Write(const std::string& path, const std::string& content) {
+  fs::create_directories(fs::path(path).parent_path());
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
+  chown(path.c_str(), Uid("alice"), kUsersGid);
+}
+
+class WatchDaemonTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(tptest::InSandbox());
+    SeedRestoreWorld();
+    BuildHistory(kAliceHome, {{kT0, {Entry("start.txt", "there before\n")}, {}}});
+    Setting("watch_quiet_ms", "300");
+    Setting("freeze_free_mb", "0");
+    ASSERT_EQ(Control({"service", "--start"}).exit_status, 0);
+    alice_ = LoginAs("alice");
+  }
+  void TearDown() override { Control({"service", "--stop"}); }
+
+  std::string alice_;
+};
+
+TEST_F(WatchDaemonTest, ChangesInAWatchedHomeBecomeVersionsAndLogRecords) {
+  ASSERT_TRUE(tptest::Eventually(Idle));
+  const size_t added_before = Logs(13).size();
+  Write(kAliceHome + "/notes/today.txt", "first\n");
+  ASSERT_TRUE(tptest::Eventually([&] { return VersionCount(alice_, "/notes/today.txt") == 1; }));
+  EXPECT_GT(Logs(13).size(), added_before);
+
+  // A burst of writes, each sooner than the quiet moment: one version.
+  for (int i = 0; i < 10; ++i) {
+    std::ofstream(kAliceHome + "/notes/today.txt", std::ios::app) << "line " << i << "\n";
+    usleep(50000);
+  }
+  ASSERT_TRUE(tptest::Eventually([&] { return VersionCount(alice_, "/notes/today.txt") == 2; }));
+  ASSERT_TRUE(tptest::Eventually(Idle));
+  EXPECT_EQ(VersionCount(alice_, "/notes/today.txt"), 2u);
+
+  // A new tree made at once is watched all the way down.
+  Write(kAliceHome + "/deep/a/b/c/leaf.txt", "leaf\n");
+  ASSERT_TRUE(tptest::Eventually([&] { return VersionCount(alice_, "/deep/a/b/c/leaf.txt") == 1; }));
+  Write(kAliceHome + "/deep/a/b/c/leaf.txt", "leaf, changed\n");
+  ASSERT_TRUE(tptest::Eventually([&] { return VersionCount(alice_, "/deep/a/b/c/leaf.txt") == 2; }));
+
+  // Renamed and moved across folders: the node keeps its history, and the
+  // move is recorded.
+  const size_t moves_before = Logs(17).size();
+  fs::rename(kAliceHome + "/notes/today.txt", kAliceHome + "/notes/yesterday.txt");
+  fs::rename(kAliceHome + "/deep/a", kAliceHome + "/notes/a");
+  ASSERT_TRUE(tptest::Eventually([&] {
+    return VersionCount(alice_, "/notes/yesterday.txt") >= 2 &&
+           VersionCount(alice_, "/notes/a/b/c/leaf.txt") >= 2;
+  }));
+  EXPECT_GE(Logs(17).size(), moves_before + 2);
+  // The moved folder is still watched at its new place.
+  Write(kAliceHome + "/notes/a/b/c/leaf.txt", "leaf, moved and changed\n");
+  ASSERT_TRUE(tptest::Eventually([&] { return VersionCount(alice_, "/notes/a/b/c/leaf.txt") >= 3; }));
+
+  // Deleted: recorded as removed.
+  const size_t removed_before = Logs(14).size();
+  fs::remove(kAliceHome + "/notes/yesterday.txt");
+  ASSERT_TRUE(tptest::Eventually([&] { return Logs(14).size() > removed_before; }));
+  EXPECT_EQ(Logs(14).back().s.front(), "/notes/yesterday.txt");
+
+  // The service's start is in the log.
+  ASSERT_FALSE(Logs(0).empty());
+  EXPECT_EQ(Logs(0).back().p.front(), "1");
+}
+
+TEST_F(WatchDaemonTest, AKilledDaemonCatchesUpWhenItStartsAgain) {
+  ASSERT_TRUE(tptest::Eventually(Idle));
+  const auto status = Control({"service", "--status"});
+  const size_t at = status.out.find("pid ");
+  ASSERT_NE(at, std::string::npos) << status.out;
+  const pid_t pid = std::stoi(status.out.substr(at + 4));
+  ASSERT_EQ(kill(pid, SIGKILL), 0);
+  ASSERT_TRUE(tptest::Eventually([&] { return kill(pid, 0) != 0; }));
+  Write(kAliceHome + "/while-down.txt", "written while no daemon ran\n");
+  Write(kAliceHome + "/start.txt", "changed while no daemon ran\n");
+  ASSERT_EQ(Control({"service", "--start"}).exit_status, 0);
+  ASSERT_TRUE(tptest::Eventually([&] {
+    return VersionCount(alice_, "/while-down.txt") == 1 && VersionCount(alice_, "/start.txt") == 2;
+  }));
+  // A scan by hand meanwhile versions nothing twice.
+  ASSERT_EQ(Control({"scan"}).exit_status, 0);
+  ASSERT_TRUE(tptest::Eventually(Idle));
+  EXPECT_EQ(VersionCount(alice_, "/start.txt"), 2u);
+}
+
+TEST_F(WatchDaemonTest, EnablingAShareThroughTheDaemonStartsItsWatch) {
+  ASSERT_TRUE(tptest::Eventually(Idle));
+  // "drop" exists on the host and alice may write there, but it is not versioned.
+  ASSERT_GE(SendUserControl(1, "drop", 0, 5, "fifo", 0), 0);
+  const std::string admin = LoginAs("admin");
+  Write("/volume1/drop/fresh.txt", "in a share\n");
+  ASSERT_TRUE(tptest::Eventually([&] {
+    const auto answer = Call("KSTX.Tidepool.Node", "list_version",
+                             {{"target", "@drop"}, {"path", "/fresh.txt"}}, admin);
+    return answer.success() && answer.json["data"]["items"].size() == 1;
+  }));
+  EXPECT_NE(Control({"service", "--status"}).out.find("/volume1/drop"), std::string::npos);
+  ASSERT_GE(SendUserControl(4, "drop", 0, 0, "", 0), 0);
+  EXPECT_EQ(Control({"service", "--status"}).out.find("/volume1/drop"), std::string::npos);
+}
+
+// With less free space than the threshold the service freezes: the web API
+// says so and nothing is versioned; once space is back (here: the
+// threshold lowered and the service restarted, as resume_freeze does) the
+// waiting change is versioned.
+TEST_F(WatchDaemonTest, AVolumeShortOfSpaceFreezesTheServiceUntilSpaceIsBack) {
+  ASSERT_TRUE(tptest::Eventually(Idle));
+  Control({"service", "--stop"});
+  Setting("freeze_free_mb", "1000000000");
+  ASSERT_EQ(Control({"service", "--start"}).exit_status, 0);
+  ASSERT_TRUE(tptest::Eventually([] {
+    return Control({"service", "--status"}).out.find("frozen") != std::string::npos;
+  }));
+  const auto status = Call("KSTX.Tidepool", "get_status", {}, alice_);
+  EXPECT_TRUE(status.json["data"]["dftw_freeze"].asBool()) << status.body;
+  Write(kAliceHome + "/frozen.txt", "written while frozen\n");
+  // Its burst is over and it waits: not versioned.
+  ASSERT_TRUE(tptest::Eventually([] {
+    return Control({"service", "--status"}).out.find("waiting: none") == std::string::npos;
+  }));
+  EXPECT_EQ(VersionCount(alice_, "/frozen.txt"), 0u);
+
+  Control({"service", "--stop"});
+  Setting("freeze_free_mb", "0");
+  ASSERT_EQ(Control({"service", "--start"}).exit_status, 0);
+  ASSERT_TRUE(tptest::Eventually([&] { return VersionCount(alice_, "/frozen.txt") == 1; }));
+  EXPECT_FALSE(Call("KSTX.Tidepool", "get_status", {}, alice_).json["data"]["dftw_freeze"].asBool());
+}
+
+}  // namespace

@@ -1,0 +1,51 @@
+// When a changed view is due for versioning. A view is due once it has been
+// quiet for `quiet` (a file being written is versioned once per burst, not
+// once per write), but never later than `max_wait` after its first change
+// still pending (a file written without pause is versioned anyway).
+//
+// The caller gives every time, so the daemon drives it from its loop and
+// tests from a fake clock. Not thread-safe.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <vector>
+
+namespace watch {
+
+using TimePoint = std::chrono::steady_clock::time_point;
+
+class Debouncer {
+ public:
+  Debouncer(std::chrono::milliseconds quiet, std::chrono::milliseconds max_wait);
+
+  // A change in the view at `now`; starts a burst when none is pending.
+  void Touch(uint64_t view_id, TimePoint now);
+  // The view is no longer watched: whatever was pending is dropped.
+  void Forget(uint64_t view_id);
+  // The views due at `now`, earliest due first; they leave the pending set,
+  // so a later Touch starts a new burst.
+  std::vector<uint64_t> TakeDue(TimePoint now);
+  // The earliest moment a pending view becomes due (possibly already past),
+  // or nothing when none is pending: what the daemon's timer is set to.
+  std::optional<TimePoint> NextDue() const;
+  size_t Pending() const { return pending_.size(); }
+  // Pending views in ascending order, for the status display.
+  std::vector<uint64_t> PendingViews() const;
+
+ private:
+  struct Burst {
+    TimePoint first;
+    TimePoint last;
+  };
+  TimePoint DueAt(const Burst& b) const;
+
+  std::chrono::milliseconds quiet_;
+  std::chrono::milliseconds max_wait_;
+  std::map<uint64_t, Burst> pending_;
+};
+
+}  // namespace watch

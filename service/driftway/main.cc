@@ -18,6 +18,7 @@
 #include <string>
 
 #include "control-server.h"
+#include "db/log-manager.h"
 #include "driftway-protocol.h"
 #include "event-loop.h"
 #include "job-queue.h"
@@ -31,7 +32,6 @@
 #include "unlink-job.h"
 #include "user-manager.h"
 #include "versioner.h"
-#include "db/log-manager.h"
 
 namespace {
 

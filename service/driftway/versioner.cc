@@ -132,16 +132,16 @@ int Versioner::Start() {
   frozen_ = IsViewIdFreeze(0);
   timer_fd_ = timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC);
   if (timer_fd_ < 0 || loop_.Add(timer_fd_, EPOLLIN, [this](uint32_t) {
-                         uint64_t expirations = 0;
-                         (void)!read(timer_fd_, &expirations, sizeof expirations);
-                         OnTimer();
-                       }) < 0) {
+        uint64_t expirations = 0;
+        (void)!read(timer_fd_, &expirations, sizeof expirations);
+        OnTimer();
+      }) < 0) {
     return -1;
   }
   if (watcher_.fd() < 0 || loop_.Add(watcher_.fd(), EPOLLIN, [this](uint32_t) {
-                             watcher_.OnReadable();
-                             ArmTimer();
-                           }) < 0) {
+        watcher_.OnReadable();
+        ArmTimer();
+      }) < 0) {
     return -1;
   }
   Reload();
@@ -164,8 +164,7 @@ void Versioner::Reload() {
     auto it = views_.find(target.view_id);
     if (it != views_.end() && it->second == target.root_path) continue;
     if (watcher_.AddView(target.view_id, target.root_path) < 0) {
-      LOG_WARNING("%s is not watched; the periodic rescan versions it\n",
-                  target.root_path.c_str());
+      LOG_WARNING("%s is not watched; the periodic rescan versions it\n", target.root_path.c_str());
     }
     views_[target.view_id] = target.root_path;
     Due(target.view_id);

@@ -30,10 +30,10 @@ namespace driftway {
 class EventLoop;
 
 struct VersionerOptions {
-  std::chrono::milliseconds quiet{2000};     // a view is due once quiet this long
-  std::chrono::milliseconds max_wait{60000};  // ... or changing for this long
+  std::chrono::milliseconds quiet{2000};       // a view is due once quiet this long
+  std::chrono::milliseconds max_wait{60000};   // ... or changing for this long
   std::chrono::seconds rescan_interval{3600};  // every view, as a safety net
-  uint64_t freeze_free_bytes = 256ull << 20;  // below this on a volume: freeze
+  uint64_t freeze_free_bytes = 256ull << 20;   // below this on a volume: freeze
   std::string scanner;                         // driftway-control
   std::string client = "driftway";             // the device in the log records
 };

@@ -139,9 +139,8 @@ int ScanAll(const SyncConfigMgr& config, const ScanOptions& given, ScanSummary& 
   if ((rc = EnabledTargets(targets)) < 0) return rc;
   Stores stores(filestore::LoadOptions(SyncConfigMgr::kPath));
   for (const ScanTarget& target : targets) {
-    if (!options.views.empty() &&
-        std::find(options.views.begin(), options.views.end(), target.view_id) ==
-            options.views.end()) {
+    if (!options.views.empty() && std::find(options.views.begin(), options.views.end(),
+                                            target.view_id) == options.views.end()) {
       continue;
     }
     struct stat st;

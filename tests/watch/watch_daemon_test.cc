@@ -89,9 +89,11 @@ TEST_F(WatchDaemonTest, ChangesInAWatchedHomeBecomeVersionsAndLogRecords) {
 
   // A new tree made at once is watched all the way down.
   Write(kAliceHome + "/deep/a/b/c/leaf.txt", "leaf\n");
-  ASSERT_TRUE(tptest::Eventually([&] { return VersionCount(alice_, "/deep/a/b/c/leaf.txt") == 1; }));
+  ASSERT_TRUE(
+      tptest::Eventually([&] { return VersionCount(alice_, "/deep/a/b/c/leaf.txt") == 1; }));
   Write(kAliceHome + "/deep/a/b/c/leaf.txt", "leaf, changed\n");
-  ASSERT_TRUE(tptest::Eventually([&] { return VersionCount(alice_, "/deep/a/b/c/leaf.txt") == 2; }));
+  ASSERT_TRUE(
+      tptest::Eventually([&] { return VersionCount(alice_, "/deep/a/b/c/leaf.txt") == 2; }));
 
   // Renamed and moved across folders: the node keeps its history, and the
   // move is recorded.
@@ -105,7 +107,8 @@ TEST_F(WatchDaemonTest, ChangesInAWatchedHomeBecomeVersionsAndLogRecords) {
   EXPECT_GE(Logs(17).size(), moves_before + 2);
   // The moved folder is still watched at its new place.
   Write(kAliceHome + "/notes/a/b/c/leaf.txt", "leaf, moved and changed\n");
-  ASSERT_TRUE(tptest::Eventually([&] { return VersionCount(alice_, "/notes/a/b/c/leaf.txt") >= 3; }));
+  ASSERT_TRUE(
+      tptest::Eventually([&] { return VersionCount(alice_, "/notes/a/b/c/leaf.txt") >= 3; }));
 
   // Deleted: recorded as removed.
   const size_t removed_before = Logs(14).size();
@@ -179,7 +182,8 @@ TEST_F(WatchDaemonTest, AVolumeShortOfSpaceFreezesTheServiceUntilSpaceIsBack) {
   Setting("freeze_free_mb", "0");
   ASSERT_EQ(Control({"service", "--start"}).exit_status, 0);
   ASSERT_TRUE(tptest::Eventually([&] { return VersionCount(alice_, "/frozen.txt") == 1; }));
-  EXPECT_FALSE(Call("KSTX.Tidepool", "get_status", {}, alice_).json["data"]["dftw_freeze"].asBool());
+  EXPECT_FALSE(
+      Call("KSTX.Tidepool", "get_status", {}, alice_).json["data"]["dftw_freeze"].asBool());
 }
 
 }  // namespace

@@ -38,6 +38,11 @@ constexpr uint32_t kMask = IN_CREATE | IN_DELETE | IN_CLOSE_WRITE | IN_MODIFY | 
 // is not a change of the user's content.
 constexpr const char* kSystemFolder = "@eaDir";
 
+std::function<void(const std::string&)>& BeforeOpen() {
+  static std::function<void(const std::string&)> hook;
+  return hook;
+}
+
 std::string Join(const std::string& rel, const std::string& name) {
   return rel.empty() ? name : rel + "/" + name;
 }
@@ -145,6 +150,10 @@ std::vector<std::string> Watcher::TEST_Folders(uint64_t view_id) const {
   if (it == views_.end()) return out;
   for (const auto& entry : it->second.folders) out.push_back(entry.first);
   return out;
+}
+
+void Watcher::TEST_SetBeforeOpen(std::function<void(const std::string& rel)> hook) {
+  BeforeOpen() = std::move(hook);
 }
 
 void Watcher::OnReadable() {
@@ -259,6 +268,7 @@ void Watcher::Walk(uint64_t view_id, int start_fd, const std::string& start_rel,
       continue;
     }
     const std::string& name = top.subfolders[top.next++];
+    if (BeforeOpen()) BeforeOpen()(Join(top.rel, name));
     const int fd =
         openat(top.fd.get(), name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
     if (fd < 0) {

@@ -76,6 +76,10 @@ class Watcher {
 
   // The view's watched folders, relative to its root ("" is the root).
   std::vector<std::string> TEST_Folders(uint64_t view_id) const;
+  // Called with a folder's path relative to its root between its listing
+  // and its open, so that a test can swap it at exactly that moment. Empty
+  // to clear.
+  static void TEST_SetBeforeOpen(std::function<void(const std::string& rel)> hook);
 
  private:
   struct View {

@@ -59,7 +59,9 @@ class SwapTest : public ::testing::Test {
     SyncConfigMgr config;
     EXPECT_GE(SyncGetConf(config), 0);
     scan::ScanSummary summary;
-    EXPECT_GE(scan::ScanAll(config, scan::ScanOptions{at}, summary), 0);
+    scan::ScanOptions options;
+    options.at = at;
+    EXPECT_GE(scan::ScanAll(config, options, summary), 0);
     scan::TEST_SetBeforeOpen({});
     EXPECT_EQ(summary.failed, 0u);
     return summary;

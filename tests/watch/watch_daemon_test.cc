@@ -16,6 +16,7 @@
 #include "process.h"
 #include "restore-world.h"
 #include "sandbox.h"
+#include "volume.h"
 
 namespace fs = std::filesystem;
 using namespace rtest;
@@ -40,6 +41,13 @@ bool Idle() {
   const auto status = Control({"service", "--status"});
   return status.out.find("waiting: none") != std::string::npos &&
          status.out.find("versioning: none") != std::string::npos;
+}
+
+// How many versioning passes the daemon has run.
+unsigned long Passes() {
+  const std::string out = Control({"service", "--status"}).out;
+  const size_t at = out.find("passes: ");
+  return at == std::string::npos ? 0 : std::stoul(out.substr(at + 8));
 }
 
 // Versions of `path` in alice's home as list_version shows them.
@@ -184,6 +192,51 @@ TEST_F(WatchDaemonTest, AVolumeShortOfSpaceFreezesTheServiceUntilSpaceIsBack) {
   ASSERT_TRUE(tptest::Eventually([&] { return VersionCount(alice_, "/frozen.txt") == 1; }));
   EXPECT_FALSE(
       Call("KSTX.Tidepool", "get_status", {}, alice_).json["data"]["dftw_freeze"].asBool());
+}
+
+// A volume that fills up while a version is being stored: the version is
+// not made, the store stays sound, and the service goes on once there is
+// room. (The freeze threshold is off here, so the write itself hits the
+// full volume.)
+TEST_F(WatchDaemonTest, AVolumeFillingUpDuringVersioningLeavesTheStoreSound) {
+  const std::string why = tptest::LoopVolumeUnsupported(tptest::VolumeType::kExt4);
+  if (!why.empty()) GTEST_SKIP() << why;
+  std::string error;
+  auto volume = tptest::LoopVolume::Create(tptest::VolumeType::kExt4, 64, "/volume2", &error);
+  ASSERT_TRUE(volume) << error;
+  ASSERT_EQ(tptest::RunProcess(
+                {"/usr/kstx/bin/kstx-admin", "share", "add", "cold", "--volume", "/volume2"})
+                .exit_status,
+            0);
+  ASSERT_EQ(tptest::RunProcess({"/usr/kstx/bin/kstx-admin", "share", "perm", "cold", "alice", "rw"})
+                .exit_status,
+            0);
+  MakeDir("/volume2/cold", "alice", 0775);
+  ASSERT_GE(SendUserControl(1, "cold", 0, 5, "fifo", 0), 0);
+  const std::string admin = LoginAs("admin");
+  const auto versions = [&](const std::string& path) -> size_t {
+    const auto answer =
+        Call("KSTX.Tidepool.Node", "list_version", {{"target", "@cold"}, {"path", path}}, admin);
+    return answer.success() ? answer.json["data"]["items"].size() : 0;
+  };
+  Write("/volume2/cold/small.txt", "fits\n");
+  ASSERT_TRUE(tptest::Eventually([&] { return versions("/small.txt") == 1; }));
+
+  // The live file and its stored copy cannot both fit.
+  ASSERT_TRUE(tptest::Eventually(Idle));
+  const unsigned long before = Passes();
+  Write("/volume2/cold/big.bin", tptest::RandomBytes(40 << 20, 7));
+  ASSERT_TRUE(tptest::Eventually([&] { return Passes() > before && Idle(); }));
+  EXPECT_EQ(versions("/big.bin"), 0u);
+  const auto check = Control({"check"});
+  EXPECT_EQ(check.exit_status, 0) << check.out << check.err;
+
+  // Room again: the next change is versioned, the failed one with it.
+  fs::remove("/volume2/cold/big.bin");
+  Write("/volume2/cold/big.bin", tptest::RandomBytes(8 << 20, 8));
+  ASSERT_TRUE(tptest::Eventually([&] { return versions("/big.bin") == 1; }));
+  EXPECT_EQ(Control({"check"}).exit_status, 0);
+  Control({"service", "--stop"});
 }
 
 }  // namespace

@@ -31,7 +31,8 @@ int Usage() {
           "usage: driftway-control service --start | --stop | --restart | --status\n"
           "       driftway-control user --enable NAME [NAME...] | --disable NAME [NAME...]\n"
           "       driftway-control share --enable NAME | --disable NAME\n"
-          "       driftway-control scan [--at TIMESTAMP] [--view ID]... [--client NAME]\n"
+          "       driftway-control scan [--at TIMESTAMP] [--view ID]... [--folder ID:/PATH]...\n"
+          "                             [--client NAME]\n"
           "       driftway-control check [--view ID]\n"
           "       driftway-control jobs\n");
   return kExitUsage;
@@ -108,7 +109,8 @@ int ShareCommand(const std::vector<std::string>& args) {
   return Report(result, enable ? "enabled share" : "disabled share", name) ? 0 : kExitFailed;
 }
 
-// Versions every enabled home and share once (with --view, those views), as
+// Versions every enabled home and share once (with --view, those views;
+// with --folder, of a view only that folder's subtree), as
 // at --at (seconds since the epoch) when given; --client names the device
 // in the log records.
 int ScanCommand(const std::vector<std::string>& args) {
@@ -123,6 +125,15 @@ int ScanCommand(const std::vector<std::string>& args) {
       options.at = static_cast<uint32_t>(number);
     } else if (args[i] == "--view" && numeric) {
       options.views.push_back(number);
+    } else if (args[i] == "--folder" && value.find(":/") != std::string::npos) {
+      // "VIEW:/a/b": of that view, only that folder and what lies below it.
+      const size_t colon = value.find(":/");
+      const std::string view = value.substr(0, colon);
+      char* view_end = nullptr;
+      const unsigned long long view_id = strtoull(view.c_str(), &view_end, 10);
+      if (view.empty() || *view_end != '\0' || view_id == 0) return Usage();
+      options.views.push_back(view_id);
+      options.folders[view_id].push_back(value.substr(colon + 1));
     } else if (args[i] == "--client" && !value.empty()) {
       options.client_id = value;
     } else {

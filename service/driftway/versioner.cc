@@ -32,6 +32,9 @@ namespace {
 using Clock = std::chrono::steady_clock;
 // While frozen, free space is looked at again this often.
 constexpr auto kFrozenRecheck = std::chrono::seconds(10);
+// Past this many changed folders a view is scanned whole: one walk beats
+// many, and the command line stays short.
+constexpr size_t kMaxFolders = 64;
 // What the install raises the per-user watch limit to, where it may.
 constexpr long kWantedWatches = 1 << 20;
 constexpr const char* kMaxWatches = "/proc/sys/fs/inotify/max_user_watches";
@@ -108,13 +111,16 @@ VersionerOptions LoadVersionerOptions() {
 Versioner::Versioner(EventLoop& loop, VersionerOptions options)
     : loop_(loop),
       options_(std::move(options)),
-      watcher_(watch::Watcher::Callbacks{
-          [this](uint64_t view_id) { debouncer_.Touch(view_id, Clock::now()); },
-          [this](uint64_t view_id, const std::string& why) {
-            LOG_INFO("view %llu is scanned whole: %s\n", static_cast<unsigned long long>(view_id),
-                     why.c_str());
-            Due(view_id);
-          }}),
+      watcher_(watch::Watcher::Callbacks{[this](uint64_t view_id, const std::string& folder) {
+                                           dirty_[view_id].insert("/" + folder);
+                                           debouncer_.Touch(view_id, Clock::now());
+                                         },
+                                         [this](uint64_t view_id, const std::string& why) {
+                                           LOG_INFO("view %llu is scanned whole: %s\n",
+                                                    static_cast<unsigned long long>(view_id),
+                                                    why.c_str());
+                                           Due(view_id);
+                                         }}),
       debouncer_(options_.quiet, options_.max_wait) {}
 
 Versioner::~Versioner() {
@@ -146,7 +152,7 @@ int Versioner::Start() {
   }
   Reload();
   // Whatever changed while no daemon watched is versioned now.
-  for (const auto& [view_id, root] : views_) due_.insert(view_id);
+  for (const auto& [view_id, root] : views_) Due(view_id);
   next_rescan_ = Clock::now() + options_.rescan_interval;
   OnTimer();
   return 0;
@@ -177,12 +183,14 @@ void Versioner::Reload() {
     watcher_.RemoveView(it->first);
     debouncer_.Forget(it->first);
     due_.erase(it->first);
+    dirty_.erase(it->first);
     it = views_.erase(it);
   }
   ArmTimer();
 }
 
 void Versioner::Due(uint64_t view_id) {
+  dirty_[view_id].insert("/");
   due_.insert(view_id);
   ArmTimer();
 }
@@ -194,7 +202,7 @@ void Versioner::OnTimer() {
   }
   if (now >= next_rescan_) {
     Reload();
-    for (const auto& [view_id, root] : views_) due_.insert(view_id);
+    for (const auto& [view_id, root] : views_) Due(view_id);
     next_rescan_ = now + options_.rescan_interval;
   }
   if (frozen_ && now >= frozen_check_) (void)EvaluateFreeze();
@@ -253,9 +261,19 @@ bool Versioner::EvaluateFreeze() {
 void Versioner::StartPass() {
   if (EvaluateFreeze()) return;
   std::vector<std::string> args = {options_.scanner, "scan", "--client", options_.client};
+  // A view whose changes all lie in some folders is scanned there only.
   for (uint64_t view_id : due_) {
-    args.push_back("--view");
-    args.push_back(std::to_string(view_id));
+    const std::set<std::string> folders = std::move(dirty_[view_id]);
+    dirty_.erase(view_id);
+    if (folders.empty() || folders.count("/") || folders.size() > kMaxFolders) {
+      args.push_back("--view");
+      args.push_back(std::to_string(view_id));
+      continue;
+    }
+    for (const std::string& folder : folders) {
+      args.push_back("--folder");
+      args.push_back(std::to_string(view_id) + ":" + folder);
+    }
   }
   std::vector<char*> argv;
   for (std::string& arg : args) argv.push_back(arg.data());

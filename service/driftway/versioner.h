@@ -63,6 +63,7 @@ class Versioner {
  private:
   void OnTimer();
   void ArmTimer();
+  // The view is versioned whole in the next pass.
   void Due(uint64_t view_id);
   void StartPass();
   void OnPassDone();
@@ -76,7 +77,9 @@ class Versioner {
   watch::Debouncer debouncer_;
   std::map<uint64_t, std::string> views_;  // view id -> root
   std::set<uint64_t> due_;                 // waiting for the next pass
-  std::set<uint64_t> running_;             // in the running pass
+  // Per view, the folders that changed since its last pass ("/" for all).
+  std::map<uint64_t, std::set<std::string>> dirty_;
+  std::set<uint64_t> running_;  // in the running pass
   pid_t child_ = -1;
   int child_fd_ = -1;  // pidfd of the pass, readable when it ends
   int timer_fd_ = -1;

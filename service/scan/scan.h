@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -16,6 +17,9 @@ struct ScanOptions {
   uint32_t at = 0;  // when the versions are made; 0: now
   std::string client_id = "scan";
   std::vector<uint64_t> views;  // only these views; empty: every enabled one
+  // Views of which only these folders ("/a/b", each with all below it)
+  // changed; a view not named here is scanned whole.
+  std::map<uint64_t, std::vector<std::string>> folders;
 };
 
 struct ScanSummary {

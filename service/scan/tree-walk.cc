@@ -162,6 +162,22 @@ int WalkTree(int root_fd, const std::string& root, std::vector<DiskEntry>& out,
   return 0;
 }
 
+int WalkSubtree(int root_fd, const std::string& root, const std::string& view_path,
+                std::vector<DiskEntry>& out, std::vector<std::string>& deferred) {
+  DiskEntry e;
+  e.path = view_path;
+  e.abs_path = root + view_path;
+  e.file_type = db::kFileTypeDir;
+  const int fd = OpenBeneath(root_fd, e);
+  if (fd < 0) {
+    if (errno == ESTALE) errno = ENOTDIR;
+    return -1;
+  }
+  out.push_back(e);
+  Walk(fd, view_path, e.abs_path, out, deferred);
+  return 0;
+}
+
 void TEST_SetBeforeOpen(std::function<void(const std::string& view_path)> hook) {
   BeforeOpen() = std::move(hook);
 }

@@ -39,6 +39,12 @@ struct DiskEntry {
 int WalkTree(int root_fd, const std::string& root, std::vector<DiskEntry>& out,
              std::vector<std::string>& deferred);
 
+// Appends the folder `view_path` ("/a/b") itself and everything below it,
+// the folder opened beneath `root_fd` without following any link. 0, or -1
+// with errno set (ENOENT, ENOTDIR or ELOOP: no such folder now).
+int WalkSubtree(int root_fd, const std::string& root, const std::string& view_path,
+                std::vector<DiskEntry>& out, std::vector<std::string>& deferred);
+
 // Opens the file or folder `e` beneath `root_fd` without following any
 // symlink, never blocking on a FIFO or device, and refreshes `e.st` and
 // `e.acl` from the opened descriptor. The descriptor (caller closes), or

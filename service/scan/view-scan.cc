@@ -116,12 +116,17 @@ ViewScan::~ViewScan() {
 int ViewScan::Run() {
   // The root itself may have been swapped for a link by the folder's owner.
   root_fd_ = open(target_.root_path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-  if (root_fd_ < 0 || WalkTree(root_fd_, target_.root_path, entries_, deferred_) < 0) {
+  const auto scoped = options_.folders.find(target_.view_id);
+  if (scoped != options_.folders.end()) scope_ = scoped->second;
+  const int walked = root_fd_ < 0     ? -1
+                     : scope_.empty() ? WalkTree(root_fd_, target_.root_path, entries_, deferred_)
+                                      : WalkScope();
+  if (walked < 0) {
     LOG_ERROR("scan: cannot read %s: %s\n", target_.root_path.c_str(), strerror(errno));
     return db::kErrCannotOpen;
   }
   summary_.deferred += static_cast<unsigned>(deferred_.size());
-  int rc = LoadLive();
+  int rc = scope_.empty() ? LoadLive() : LoadScope();
   if (rc < 0 || (rc = state_.Load(target_.view_id, recorded_)) < 0) return rc;
   if (view_.Reader().GetRotateCount(rotate_count_) < 0) rotate_count_ = 0;
   Match();
@@ -130,7 +135,7 @@ int ViewScan::Run() {
   if ((rc = view_.Begin()) < 0) return rc;
   store_.BeginBatch();
   state_.Begin();
-  rc = RecordRoot();
+  rc = scope_.empty() ? RecordRoot() : db::kOk;
   if (rc >= 0) rc = PlaceAll();
   std::vector<const Live*> left;
   for (const auto& [id, live] : live_)
@@ -204,6 +209,82 @@ int ViewScan::LoadLive() {
     if (n.getNodeId() == root_id_ || n.isRemoved()) continue;
     live_[n.getNodeId()] = Live{n.getNodeId(), n.getPath(), n.getFileType()};
     at_path_[n.getPath()] = n.getNodeId();
+  }
+  return db::kOk;
+}
+
+int ViewScan::WalkScope() {
+  // Each folder, or the nearest folder above it that exists; nested ones
+  // are covered by the folder above them. The root means the whole view.
+  std::set<std::string> folders;
+  for (std::string folder : scope_) {
+    if (folder.empty() || folder[0] != '/') folder = "/" + folder;
+    while (folder.size() > 1 && folder.back() == '/') folder.pop_back();
+    db::Node node;
+    while (folder != "/") {
+      struct stat st;
+      const std::string relative = folder.substr(1);
+      if (fstatat(root_fd_, relative.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
+          S_ISDIR(st.st_mode) &&
+          view_.Reader().QueryNode(folder, node, db::ViewManager::kQueryExisting) == 0 &&
+          node.isDir()) {
+        break;
+      }
+      folder = ParentOf(folder);
+    }
+    folders.insert(folder);
+  }
+  scope_.clear();
+  if (folders.count("/")) return WalkTree(root_fd_, target_.root_path, entries_, deferred_);
+  entries_.clear();
+  deferred_.clear();
+  for (const std::string& folder : folders) {
+    if (!scope_.empty() && (folder == scope_.back() || IsUnder(folder, scope_.back()))) continue;
+    scope_.push_back(folder);
+  }
+  for (const std::string& folder : scope_) {
+    if (WalkSubtree(root_fd_, target_.root_path, folder, entries_, deferred_) < 0) {
+      // Gone since it was looked at: the next pass, or the rescan, sees it.
+      deferred_.push_back(folder);
+    }
+  }
+  return 0;
+}
+
+int ViewScan::LoadScope() {
+  db::ViewManager& reader = view_.Reader();
+  root_id_ = reader.getRootNodeId();
+  live_.clear();
+  at_path_.clear();
+  at_path_["/"] = root_id_;
+  for (const std::string& folder : scope_) {
+    db::Node top;
+    if (reader.QueryNode(folder, top, db::ViewManager::kQueryExisting) != 0) continue;
+    // The folders above it are placed already and stay as they are.
+    for (std::string above = ParentOf(folder); above != "/"; above = ParentOf(above)) {
+      db::Node node;
+      if (at_path_.count(above) ||
+          reader.QueryNode(above, node, db::ViewManager::kQueryExisting) != 0) {
+        continue;
+      }
+      live_[node.getNodeId()] = Live{node.getNodeId(), above, node.getFileType(), true};
+      at_path_[above] = node.getNodeId();
+    }
+    live_[top.getNodeId()] = Live{top.getNodeId(), folder, top.getFileType()};
+    at_path_[folder] = top.getNodeId();
+    db::SearchNodeFilter filter;
+    filter.node_id = top.getNodeId();
+    filter.recursive = true;
+    filter.removed_mode = 1;
+    filter.file_type = -1;
+    std::vector<db::Node> nodes;
+    const int rc = reader.SearchNode(filter, nodes);
+    if (rc < 0) return rc;
+    for (const db::Node& n : nodes) {
+      if (n.getNodeId() == top.getNodeId() || n.isRemoved()) continue;
+      live_[n.getNodeId()] = Live{n.getNodeId(), n.getPath(), n.getFileType()};
+      at_path_[n.getPath()] = n.getNodeId();
+    }
   }
   return db::kOk;
 }

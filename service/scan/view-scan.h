@@ -43,6 +43,10 @@ class ViewScan {
   };
 
   int LoadLive();
+  // The scoped pass: the changed folders' subtrees only, each folder moved
+  // up to the nearest one that still exists on disk and in the view.
+  int WalkScope();
+  int LoadScope();
   void Match();
   // The root's owner, mode and ACL govern everything below it, so the root
   // is versioned like any folder.
@@ -79,6 +83,7 @@ class ViewScan {
   int root_fd_ = -1;
   uint64_t root_id_ = 0;
   int rotate_count_ = 0;
+  std::vector<std::string> scope_;  // empty: the whole view
   std::vector<DiskEntry> entries_;
   std::vector<std::string> deferred_;
   std::vector<uint64_t> node_of_;  // per entry; 0 for a new node

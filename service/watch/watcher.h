@@ -32,8 +32,9 @@ namespace watch {
 class Watcher {
  public:
   struct Callbacks {
-    // Something in the view changed.
-    std::function<void(uint64_t view_id)> changed;
+    // Something in the folder `folder` of the view changed: an entry of
+    // it, or the folder itself. "" is the root, else "a/b".
+    std::function<void(uint64_t view_id, const std::string& folder)> changed;
     // The view must be scanned whole: the event queue overflowed, a watch
     // could not be added (the view stays partly watched), or the root was
     // deleted or moved away. `why` is for the log.
@@ -94,7 +95,7 @@ class Watcher {
   struct Note {
     uint64_t view_id;
     bool rescan;
-    std::string why;
+    std::string why;  // a rescan's reason, or the folder that changed
   };
 
   void Walk(uint64_t view_id, int start_fd, const std::string& start_rel,
@@ -109,7 +110,7 @@ class Watcher {
   void HandleEvent(int wd, uint32_t mask, const char* name);
   void RootGone(uint64_t view_id, const std::string& why);
   void Rescan(uint64_t view_id, const std::string& why);
-  void Changed(uint64_t view_id);
+  void Changed(uint64_t view_id, const std::string& folder);
   void Flush();
 
   Callbacks callbacks_;

@@ -124,6 +124,17 @@ TEST_F(WatchDaemonTest, ChangesInAWatchedHomeBecomeVersionsAndLogRecords) {
   ASSERT_TRUE(tptest::Eventually([&] { return Logs(14).size() > removed_before; }));
   EXPECT_EQ(Logs(14).back().s.front(), "/notes/yesterday.txt");
 
+  // A whole folder removed: the folder and all below it are removed.
+  const size_t before_tree = Logs(14).size();
+  fs::remove_all(kAliceHome + "/notes/a");
+  ASSERT_TRUE(tptest::Eventually([&] { return Logs(14).size() > before_tree; }));
+  ASSERT_TRUE(tptest::Eventually(Idle));
+  const auto list =
+      Call("KSTX.Tidepool.Node", "list", {{"target", "mine"}, {"path", "/notes"}}, alice_);
+  for (const Json::Value& item : list.json["data"]["items"]) {
+    EXPECT_NE(item["name"].asString(), "a") << list.body;
+  }
+
   // The service's start is in the log.
   ASSERT_FALSE(Logs(0).empty());
   EXPECT_EQ(Logs(0).back().p.front(), "1");

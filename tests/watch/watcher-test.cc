@@ -43,9 +43,13 @@ bool Contains(const std::vector<std::string>& v, const std::string& s) {
 // Records what the callbacks say.
 struct Recorder {
   std::vector<uint64_t> changed;
+  std::vector<std::string> folders;  // the folder of each change
   std::vector<std::pair<uint64_t, std::string>> rescans;
   Watcher::Callbacks Callbacks() {
-    return {[this](uint64_t id) { changed.push_back(id); },
+    return {[this](uint64_t id, const std::string& folder) {
+              changed.push_back(id);
+              folders.push_back(folder);
+            },
             [this](uint64_t id, const std::string& why) { rescans.emplace_back(id, why); }};
   }
 };
@@ -161,8 +165,11 @@ TEST_F(WatcherTest, NewTreesAreWatchedWhole) {
   Write(a_ / "x" / "y" / "z" / "early");
   EXPECT_EQ(Reported(), Ids{kA});
   for (const char* f : {"x", "x/y", "x/y/z"}) EXPECT_TRUE(Contains(Folders(kA), f)) << f;
+  rec_.folders.clear();
   Write(a_ / "x" / "y" / "z" / "later");
   EXPECT_EQ(Reported(), Ids{kA});
+  // The change names its folder, so that only that folder is scanned.
+  EXPECT_TRUE(Contains(rec_.folders, "x/y/z"));
 
   // A tree built outside and moved in is watched down to its leaves.
   fs::create_directories(outside_ / "t" / "u" / "v");

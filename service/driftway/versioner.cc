@@ -111,16 +111,15 @@ VersionerOptions LoadVersionerOptions() {
 Versioner::Versioner(EventLoop& loop, VersionerOptions options)
     : loop_(loop),
       options_(std::move(options)),
-      watcher_(watch::Watcher::Callbacks{[this](uint64_t view_id, const std::string& folder) {
-                                           dirty_[view_id].insert("/" + folder);
-                                           debouncer_.Touch(view_id, Clock::now());
-                                         },
-                                         [this](uint64_t view_id, const std::string& why) {
-                                           LOG_INFO("view %llu is scanned whole: %s\n",
-                                                    static_cast<unsigned long long>(view_id),
-                                                    why.c_str());
-                                           Due(view_id);
-                                         }}),
+      watcher_(watch::Watcher::Callbacks{
+          [this](uint64_t view_id, const std::string& folder) {
+            debouncer_.Touch(KeyOf(view_id, "/" + folder), Clock::now());
+          },
+          [this](uint64_t view_id, const std::string& why) {
+            LOG_INFO("view %llu is scanned whole: %s\n", static_cast<unsigned long long>(view_id),
+                     why.c_str());
+            Due(view_id);
+          }}),
       debouncer_(options_.quiet, options_.max_wait) {}
 
 Versioner::~Versioner() {
@@ -181,12 +180,23 @@ void Versioner::Reload() {
       continue;
     }
     watcher_.RemoveView(it->first);
-    debouncer_.Forget(it->first);
+    for (auto key = keys_.lower_bound({it->first, ""});
+         key != keys_.end() && key->first.first == it->first;) {
+      debouncer_.Forget(key->second);
+      folders_of_key_.erase(key->second);
+      key = keys_.erase(key);
+    }
     due_.erase(it->first);
     dirty_.erase(it->first);
     it = views_.erase(it);
   }
   ArmTimer();
+}
+
+uint64_t Versioner::KeyOf(uint64_t view_id, const std::string& folder) {
+  const auto [it, added] = keys_.try_emplace({view_id, folder}, next_key_);
+  if (added) folders_of_key_[next_key_++] = it->first;
+  return it->second;
 }
 
 void Versioner::Due(uint64_t view_id) {
@@ -197,8 +207,15 @@ void Versioner::Due(uint64_t view_id) {
 
 void Versioner::OnTimer() {
   const auto now = Clock::now();
-  for (uint64_t view_id : debouncer_.TakeDue(now)) {
-    if (views_.count(view_id)) due_.insert(view_id);
+  for (uint64_t key : debouncer_.TakeDue(now)) {
+    const auto found = folders_of_key_.find(key);
+    if (found == folders_of_key_.end()) continue;
+    const auto [view_id, folder] = found->second;
+    keys_.erase(found->second);
+    folders_of_key_.erase(found);
+    if (!views_.count(view_id)) continue;
+    dirty_[view_id].insert(folder);
+    due_.insert(view_id);
   }
   if (now >= next_rescan_) {
     Reload();
@@ -355,7 +372,10 @@ Json::Value Versioner::Status() const {
     views.append(view);
   }
   std::set<uint64_t> waiting(due_);
-  for (uint64_t view_id : debouncer_.PendingViews()) waiting.insert(view_id);
+  for (uint64_t key : debouncer_.PendingViews()) {
+    const auto found = folders_of_key_.find(key);
+    if (found != folders_of_key_.end()) waiting.insert(found->second.first);
+  }
   Json::Value& pending = status["pending"] = Json::Value(Json::arrayValue);
   for (uint64_t view_id : waiting) pending.append(Json::UInt64(view_id));
   Json::Value& running = status["running"] = Json::Value(Json::arrayValue);

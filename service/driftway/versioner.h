@@ -1,6 +1,6 @@
 // What makes the daemon version by itself: every enabled home and share is
-// watched, a view that changed is versioned once it has been quiet for a
-// moment, and all of them are versioned again at an interval (and at start,
+// watched, a folder that changed is versioned (with what lies below it)
+// once it has been quiet for a moment, and all of them are versioned again at an interval (and at start,
 // to catch up on what changed while the daemon was down).
 //
 // Versioning is the scan of driftway-control, run as a child process for
@@ -77,8 +77,14 @@ class Versioner {
   watch::Debouncer debouncer_;
   std::map<uint64_t, std::string> views_;  // view id -> root
   std::set<uint64_t> due_;                 // waiting for the next pass
-  // Per view, the folders that changed since its last pass ("/" for all).
+  // Per view, the folders due in the next pass ("/" for all).
   std::map<uint64_t, std::set<std::string>> dirty_;
+  // Quiet is judged per folder, so that a busy folder does not hold back
+  // a change elsewhere: the debouncer's keys name (view, folder) pairs.
+  uint64_t KeyOf(uint64_t view_id, const std::string& folder);
+  std::map<std::pair<uint64_t, std::string>, uint64_t> keys_;
+  std::map<uint64_t, std::pair<uint64_t, std::string>> folders_of_key_;
+  uint64_t next_key_ = 1;
   std::set<uint64_t> running_;  // in the running pass
   pid_t child_ = -1;
   int child_fd_ = -1;  // pidfd of the pass, readable when it ends

@@ -280,7 +280,14 @@ void Versioner::StartPass() {
   std::vector<std::string> args = {options_.scanner, "scan", "--client", options_.client};
   // A view whose changes all lie in some folders is scanned there only.
   for (uint64_t view_id : due_) {
-    const std::set<std::string> folders = std::move(dirty_[view_id]);
+    // A folder below another changed one is covered by it.
+    std::set<std::string> folders;
+    for (const std::string& folder : dirty_[view_id]) {
+      const std::string& above = folders.empty() ? std::string() : *folders.rbegin();
+      if (!above.empty() && (above == "/" || folder.compare(0, above.size() + 1, above + "/") == 0))
+        continue;
+      folders.insert(folder);
+    }
     dirty_.erase(view_id);
     if (folders.empty() || folders.count("/") || folders.size() > kMaxFolders) {
       args.push_back("--view");

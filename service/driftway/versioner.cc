@@ -207,15 +207,23 @@ void Versioner::Due(uint64_t view_id) {
 
 void Versioner::OnTimer() {
   const auto now = Clock::now();
+  std::set<uint64_t> ready;
   for (uint64_t key : debouncer_.TakeDue(now)) {
     const auto found = folders_of_key_.find(key);
-    if (found == folders_of_key_.end()) continue;
-    const auto [view_id, folder] = found->second;
-    keys_.erase(found->second);
-    folders_of_key_.erase(found);
-    if (!views_.count(view_id)) continue;
-    dirty_[view_id].insert(folder);
-    due_.insert(view_id);
+    if (found != folders_of_key_.end()) ready.insert(found->second.first);
+  }
+  // A due folder takes every changed folder of its view along: a file
+  // moved between two folders must be seen leaving one and arriving in the
+  // other in the same pass, or it would be recorded as deleted and added.
+  for (uint64_t view_id : ready) {
+    for (auto key = keys_.lower_bound({view_id, ""});
+         key != keys_.end() && key->first.first == view_id;) {
+      debouncer_.Forget(key->second);
+      folders_of_key_.erase(key->second);
+      if (views_.count(view_id)) dirty_[view_id].insert(key->first.second);
+      key = keys_.erase(key);
+    }
+    if (views_.count(view_id)) due_.insert(view_id);
   }
   if (now >= next_rescan_) {
     Reload();

@@ -9,6 +9,7 @@
 
 #include "db/log-manager.h"
 #include "db/log-types.h"
+#include "process.h"
 #include "restore-world.h"
 
 using namespace rtest;
@@ -17,6 +18,17 @@ namespace {
 
 constexpr const char* kApi = "KSTX.Tidepool.Log";
 constexpr uint32_t kStart = kT0 + 10 * 86400;
+constexpr const char* kControl = "/var/packages/Tidepool/target/bin/driftway-control";
+
+// The sync service for the length of a scope: taking on another user's role
+// asks it who that user is.
+struct RunningService {
+  RunningService() {
+    started = tptest::RunProcess({kControl, "service", "--start"}).exit_status == 0;
+  }
+  ~RunningService() { tptest::RunProcess({kControl, "service", "--stop"}); }
+  bool started = false;
+};
 
 class LogHttpTest : public ::testing::Test {
  protected:
@@ -98,6 +110,8 @@ TEST_F(LogHttpTest, AdministratorPagesFiltersAndReadsTheOldestPage) {
   EXPECT_EQ(oldest.json["data"]["total"].asUInt(), 25u);
   for (uint32_t i = 25; i < 30; ++i) ShareRecord(db::kLogNodeAdd, kStart + i, "/g.txt");
   EXPECT_EQ(Times(List(admin_, {{"limit", 10}, {"get_all", true}})), Range(kStart + 9, kStart));
+  // The read-ahead of the largest page does not wrap around.
+  EXPECT_EQ(Times(List(admin_, {{"limit", 2147483647}})).size(), 30u);
   // A limit of 0 shows nothing rather than dividing by it.
   auto none = List(admin_, {{"limit", 0}, {"get_all", true}});
   EXPECT_TRUE(Times(none).empty());
@@ -172,6 +186,8 @@ TEST_F(LogHttpTest, AUserSeesTheirOwnHomeAndDoingsOnly) {
   // empty one, limits the list to that user.
   auto all = names(List(admin_, {}));
   EXPECT_TRUE(all.count("/bob.txt") && all.count("/alice.txt"));
+  RunningService service;
+  ASSERT_TRUE(service.started);
   auto as_bob = names(List(admin_, {{"view_role", "bob"}}));
   EXPECT_TRUE(as_bob.count("/bob.txt"));
   EXPECT_FALSE(as_bob.count("/alice.txt"));

@@ -65,15 +65,16 @@ class Log {
 };
 
 struct LogFilter {
-  // Records this user may see; 0 for no restriction. Without is_admin a
-  // user sees the records of user_view_id and the records they wrote.
+  // Records this user may see; 0 for no restriction. Otherwise the search
+  // keeps the records of user_view_id and the records the user wrote,
+  // whatever is_admin says.
   uint32_t user_id = 0;
   bool is_admin = false;
   uint64_t user_view_id = 0;
-  std::string keyword;   // substring of the names and paths; empty for none
+  std::string keyword;   // literal substring of names and paths, any case; empty for none
   uint64_t view_id = 0;  // 0 for all
-  int32_t limit = 0;     // 0 for all
-  int32_t offset = 0;
+  int32_t limit = 0;     // 0 for all; negative is refused
+  int32_t offset = 0;    // negative is refused
   int32_t date_from = 0;
   int32_t date_to = 0;
   std::list<int32_t> types;  // empty for all

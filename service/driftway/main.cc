@@ -19,6 +19,7 @@
 
 #include "control-server.h"
 #include "db/log-manager.h"
+#include "db/log-types.h"
 #include "driftway-protocol.h"
 #include "event-loop.h"
 #include "job-queue.h"
@@ -128,7 +129,7 @@ void ApplyTestHooks(driftway::JobWorker& worker) {
 void LogServiceEvent(bool started) {
   if (!db::LogManager::IsInitialized()) return;
   db::Log log;
-  log.setType(0);
+  log.setType(db::kLogServiceStartStop);
   log.pushArg(started ? "1" : "0", false);
   if (db::LogManager::InsertLog(log) != 0) LOG_WARNING("cannot write the service's log record\n");
 }

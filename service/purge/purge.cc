@@ -12,6 +12,7 @@
 
 #include "db/errors.h"
 #include "db/log-manager.h"
+#include "db/log-types.h"
 #include "db/manager.h"
 #include "file-store.h"
 #include "logger.h"
@@ -25,9 +26,6 @@ namespace {
 
 std::function<void()> TEST_after_commit;
 std::function<void()> TEST_after_unlink;
-
-constexpr uint32_t kLogPathPurged = 5;
-constexpr uint32_t kLogFilterPurged = 6;
 
 // Every view that has a database, by the files in "<connect>/views".
 std::vector<uint64_t> AllViews(const std::string& connect) {
@@ -149,11 +147,11 @@ class Purger {
       log.setShareType(owner.getShareType());
     }
     if (request_.node_id) {
-      log.setType(kLogPathPurged);
+      log.setType(db::kLogPathPurge);
       // The purged node comes first among its subtree's paths.
       log.pushArg(purged.empty() ? std::string() : purged.front().path, true);
     } else {
-      log.setType(kLogFilterPurged);
+      log.setType(db::kLogFilterPurge);
     }
     if (db::LogManager::InsertLog(log) != 0) LOG_WARNING("purge: cannot write its log record\n");
   }

@@ -12,17 +12,12 @@
 #include "content-pass.h"
 #include "db/errors.h"
 #include "db/log-manager.h"
+#include "db/log-types.h"
 #include "file-util.h"
 #include "logger.h"
 
 namespace scan {
 namespace {
-
-constexpr uint32_t kLogAdd = 13;
-constexpr uint32_t kLogRemove = 14;
-constexpr uint32_t kLogModify = 15;
-constexpr uint32_t kLogRotate = 16;
-constexpr uint32_t kLogMove = 17;
 
 std::string ParentOf(const std::string& path) {
   const size_t slash = path.rfind('/');
@@ -409,7 +404,7 @@ int ViewScan::Move(size_t i) {
     }
   }
   ++summary_.moved;
-  Log(kLogMove, live.id, live.type, {e.path, old_path, options_.client_id}, true);
+  Log(db::kLogNodeMove, live.id, live.type, {e.path, old_path, options_.client_id}, true);
   Rotate(live.id, e.path, live.type);
   return db::kOk;
 }
@@ -617,10 +612,10 @@ int ViewScan::Record(size_t i, uint64_t node_id) {
     live_[now.node_id] = Live{now.node_id, e.path, e.file_type, true};
     at_path_[e.path] = now.node_id;
     ++summary_.added;
-    Log(kLogAdd, now.node_id, e.file_type, {e.path, options_.client_id});
+    Log(db::kLogNodeAdd, now.node_id, e.file_type, {e.path, options_.client_id});
   } else {
     ++summary_.modified;
-    Log(kLogModify, now.node_id, e.file_type, {e.path, options_.client_id});
+    Log(db::kLogNodeModify, now.node_id, e.file_type, {e.path, options_.client_id});
   }
   Rotate(now.node_id, e.path, e.file_type);
   return db::kOk;
@@ -647,7 +642,7 @@ void ViewScan::RemoveLive(uint64_t node_id) {
     Rotate(each->id, each->path, each->type);
   }
   ++summary_.removed;
-  Log(kLogRemove, node_id, live.type, {live.path, options_.client_id});
+  Log(db::kLogNodeRemove, node_id, live.type, {live.path, options_.client_id});
 }
 
 // Versions beyond the view's count go, and with them stored content that
@@ -664,7 +659,7 @@ void ViewScan::Rotate(uint64_t node_id, const std::string& path, int32_t type) {
     in_use.insert(v.getMacAttributeFileId());
   }
   for (const db::Version& v : removed) {
-    Log(kLogRotate, node_id, type, {path});
+    Log(db::kLogVersionRotate, node_id, type, {path});
     if (v.getMacAttributeFileId() != 0 && v.getMacAttributeUuid() == store_.uuid() &&
         in_use.insert(v.getMacAttributeFileId()).second)
       store_.Release(v.getMacAttributeFileId());

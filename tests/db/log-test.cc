@@ -76,7 +76,8 @@ TEST_F(LogTest, SearchFiltersAndVisibility) {
                     Record(14, 2000, 1027, "bob", 2, {"/photo.jpg", "phone"}),
                     Record(15, 3000, 1026, "alice", 3, {"/team/plan.md", "laptop"}),
                     Record(4, 4000, 1027, "bob", 1, {"/restored.txt"}),
-                    Record(0, 5000, 0, "", 0, {})};
+                    Record(0, 5000, 0, "", 0, {}),
+                    Record(13, 6000, 0, "", 3, {"/100%_o'k.txt"})};
   for (auto& l : logs) ASSERT_EQ(db::LogManager::InsertLog(l), 0);
   struct Case {
     const char* name;
@@ -89,25 +90,39 @@ TEST_F(LogTest, SearchFiltersAndVisibility) {
     change(f);
     cases.push_back({name, f, std::move(want)});
   };
-  add("all, newest first", [](auto&) {}, {5000, 4000, 3000, 2000, 1000});
-  add("oldest first", [](auto& f) { f.oldest_first = true; }, {1000, 2000, 3000, 4000, 5000});
+  add("all, newest first", [](auto&) {}, {6000, 5000, 4000, 3000, 2000, 1000});
+  add("oldest first", [](auto& f) { f.oldest_first = true; }, {1000, 2000, 3000, 4000, 5000, 6000});
   add("view", [](auto& f) { f.view_id = 1; }, {4000, 1000});
-  add("types", [](auto& f) { f.types = {13, 15}; }, {3000, 1000});
+  add("types", [](auto& f) { f.types = {13, 15}; }, {6000, 3000, 1000});
   add("date range", [](auto& f) { f.date_from = 2000, f.date_to = 4000; }, {4000, 3000, 2000});
   add("keyword in a path, any case", [](auto& f) { f.keyword = "REPORT"; }, {1000});
   add("keyword in a device", [](auto& f) { f.keyword = "lapt"; }, {3000, 1000});
   add("keyword in the user name", [](auto& f) { f.keyword = "bob"; }, {4000, 2000});
-  add("keyword in the share name", [](auto& f) { f.keyword = "share3"; }, {3000});
-  add("keyword not found", [](auto& f) { f.keyword = "%"; }, {});
-  add("limit and offset", [](auto& f) { f.limit = 2, f.offset = 1; }, {4000, 3000});
+  add("keyword in the share name", [](auto& f) { f.keyword = "share3"; }, {6000, 3000});
+  add("keyword not found", [](auto& f) { f.keyword = "nowhere"; }, {});
+  add("keyword % _ ' as plain text", [](auto& f) { f.keyword = "100%_o'k"; }, {6000});
+  add("keyword _ is no wildcard", [](auto& f) { f.keyword = "100_"; }, {});
+  add("limit and offset", [](auto& f) { f.limit = 2, f.offset = 1; }, {5000, 4000});
   add("alice sees her view and her own records",
       [](auto& f) { f.user_id = 1026, f.user_view_id = 1; }, {4000, 3000, 1000});
   add("bob likewise", [](auto& f) { f.user_id = 1027, f.user_view_id = 2; }, {4000, 2000});
-  add("an administrator sees all", [](auto& f) { f.user_id = 1026, f.is_admin = true; },
-      {5000, 4000, 3000, 2000, 1000});
+  add("without a user, everything", [](auto& f) { f.is_admin = true; },
+      {6000, 5000, 4000, 3000, 2000, 1000});
+  add("an administrator limited to a user stays limited",
+      [](auto& f) { f.user_id = 1027, f.user_view_id = 2, f.is_admin = true; }, {4000, 2000});
   add("restriction and filter together",
       [](auto& f) { f.user_id = 1027, f.user_view_id = 2, f.types = {14}; }, {2000});
   for (const auto& c : cases) EXPECT_EQ(Times(c.f), c.want) << c.name;
+
+  for (auto bad : {std::pair{-1, 0}, std::pair{0, -1}}) {
+    db::LogFilter f;
+    f.limit = bad.first;
+    f.offset = bad.second;
+    std::vector<db::Log> out;
+    unsigned int count = 0;
+    EXPECT_LT(db::LogManager::SearchLog(f, out), 0) << bad.first << "," << bad.second;
+    EXPECT_LT(db::LogManager::CountLog(f, count), 0) << bad.first << "," << bad.second;
+  }
 
   ASSERT_GE(db::LogManager::DeleteLog(), 0);
   EXPECT_TRUE(Times(db::LogFilter()).empty());

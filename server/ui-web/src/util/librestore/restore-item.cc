@@ -31,6 +31,7 @@
 #include <ctime>
 
 #include "db/log-manager.h"
+#include "db/log-types.h"
 #include "db/manager.h"
 #include "dir-item.h"
 #include "file-util.h"
@@ -44,8 +45,6 @@
 namespace tidepool::restore {
 
 namespace {
-
-constexpr uint32_t kLogRestoreInPlace = 4;
 
 // The version store keeps the unix mode as it is; the map below is written
 // over its octal digits, one nibble each (0755 reads 0x755).
@@ -598,7 +597,7 @@ int FlushProgress(HVOS::Task* task) {
 int Item::LogRestoreDone(const TaskActor& actor) {
   db::Log log;
   log.clear();
-  log.setType(kLogRestoreInPlace);
+  log.setType(db::kLogRestore);
   log.setViewId(view.GetViewId());
   log.setShareName(view.GetUserInfo().name);
   log.setShareType(view.GetUserInfo().getShareType());

@@ -5,6 +5,7 @@
 #include "bridge/webapi-bridge.h"
 #include "handlers/check-user.h"
 #include "handlers/get-status.h"
+#include "handlers/log/export.h"
 #include "handlers/node/activity.h"
 #include "handlers/node/delete/start.h"
 #include "handlers/node/delete/status.h"
@@ -104,6 +105,7 @@ void Process(KSTX::APIRequest* request, KSTX::APIResponse* response) {
   bridge.AddHandler(new NodeDownloadStatusHandler);
   bridge.AddHandler(new NodeDownloadStopHandler);
   bridge.AddHandler(new NodeDownloadFinishHandler);
+  bridge.AddHandler(new LogExportHandler);
   bridge.Process();
 }
 

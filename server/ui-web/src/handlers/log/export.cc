@@ -31,7 +31,8 @@ namespace {
 constexpr const char* kFileName = "export.csv";
 constexpr size_t kWriteBuffer = 1 << 18;
 
-int g_page_size = 5000;
+// Records read per query: memory stays flat however long the log is.
+constexpr int kPageSize = 5000;
 
 // TODO: the named type codes once the log's type header lands.
 enum : uint32_t {
@@ -126,8 +127,6 @@ int MakePrivateFolder(const std::string& tmp, std::string& folder) {
 
 }  // namespace
 
-void LogExportHandler::TEST_SetPageSize(int records) { g_page_size = records > 0 ? records : 1; }
-
 LogExportHandler::LogExportHandler() {
   SetRequiredDatabase(kUserDatabase | kLogDatabase);
   SetAccountOption(3);
@@ -174,7 +173,7 @@ int LogExportHandler::ParseParams(const RequestAuthentication& auth, BridgeReque
 
 int LogExportHandler::Execute(BridgeResponse& response) {
   filter_.is_admin = true;
-  if (db::LogManager::SearchLogPage(filter_, cursor_, g_page_size, page_) < 0) {
+  if (db::LogManager::SearchLogPage(filter_, cursor_, kPageSize, page_) < 0) {
     LOG_ERROR("Failed to search log\n");
     return RESPONSE_FAIL(response, 401, "failed to search log");
   }
@@ -383,8 +382,8 @@ bool LogExportHandler::OutputAsCSV(FILE* out, bool& search_failed) {
       WriteRow(out, row);
     }
     if (ferror(out)) return false;
-    if (page_.size() < static_cast<size_t>(g_page_size)) return true;
-    if (db::LogManager::SearchLogPage(filter_, cursor_, g_page_size, page_) < 0) {
+    if (page_.size() < static_cast<size_t>(kPageSize)) return true;
+    if (db::LogManager::SearchLogPage(filter_, cursor_, kPageSize, page_) < 0) {
       LOG_ERROR("Failed to search log\n");
       search_failed = true;
       return false;

@@ -31,10 +31,6 @@ class LogExportHandler : public RequestHandler {
   // Where `path` of the record's view lies as the user knows it.
   static std::string GetRelatedPath(const std::string& path, const db::Log& log);
 
-  // Records read from the database per query; small enough that memory stays
-  // flat however long the log is. Tests lower it to cross page boundaries.
-  static void TEST_SetPageSize(int records);
-
  private:
   int ParseParams(const RequestAuthentication& auth, BridgeRequest& request,
                   BridgeResponse& response);

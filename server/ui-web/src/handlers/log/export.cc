@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "bridge/run-as.h"
+#include "db/log-types.h"
 #include "fs-beneath.h"
 #include "logger.h"
 #include "util/webapi-util.h"
@@ -33,33 +34,6 @@ constexpr size_t kWriteBuffer = 1 << 18;
 
 // Records read per query: memory stays flat however long the log is.
 constexpr int kPageSize = 5000;
-
-// TODO: the named type codes once the log's type header lands.
-enum : uint32_t {
-  kServiceStartStop = 0,
-  kHidden = 1,
-  kShareEnable = 2,
-  kClientUnlink = 3,
-  kRestoreVersion = 4,
-  kDeletePathVersions = 5,
-  kDeleteFilterVersions = 6,
-  kRotateCount = 7,
-  kDatabaseVolume = 8,
-  kLogRotateCount = 9,
-  kLogRotateSpan = 10,
-  kLogDelete = 11,
-  kClientLink = 12,
-  kNodeAdd = 13,
-  kNodeRemove = 14,
-  kNodeModify = 15,
-  kVersionRotate = 16,
-  kNodeMove = 17,
-  kNodeCopy = 18,
-  kRestoreCopy = 19,
-  kRecycleDelete = 20,
-  kRecycleRestore = 21,
-  kLogExport = 22,
-};
 
 std::string IsoTime(uint32_t seconds) {
   const time_t t = seconds;
@@ -100,29 +74,6 @@ void Quote(const std::string& value, std::string& out) {
     out += c;
   }
   out += '"';
-}
-
-// <system volume>/@tmp/Tidepool.XXXXXX, new, root's and 0700. Others may
-// write in @tmp, so it must be root's, with the sticky bit when it is open
-// to all, or someone could swap our folder. Runs as root.
-int MakePrivateFolder(const std::string& tmp, std::string& folder) {
-  if (tmp.empty()) return -1;
-  const fsb::UniqueFd dir(fsb::OpenNoSymlinks(tmp, O_DIRECTORY | O_RDONLY));
-  struct stat st {};
-  if (!dir.valid() || fstat(dir.get(), &st) != 0 || st.st_uid != 0) {
-    LOG_ERROR("%s is not root's folder; refused\n", tmp.c_str());
-    return -1;
-  }
-  if ((st.st_mode & S_IWOTH) != 0 && (st.st_mode & S_ISVTX) == 0) {
-    (void)fchmod(dir.get(), (st.st_mode & 07777) | S_ISVTX);
-  }
-  std::string templ = tmp + "/Tidepool.XXXXXX";
-  if (mkdtemp(templ.data()) == nullptr) {
-    LOG_ERROR("mkdtemp(%s): %s (%d)\n", templ.c_str(), strerror(errno), errno);
-    return -1;
-  }
-  folder = templ;
-  return 0;
 }
 
 }  // namespace
@@ -184,7 +135,7 @@ int LogExportHandler::FormOutput(BridgeResponse& response) {
   const std::string tmp = CreateAndGetSysVolumeTempDirectory();
   IF_RUN_AS(0, 0) {
     std::string folder;
-    if (MakePrivateFolder(tmp, folder) < 0) {
+    if (MakePrivateTempFolder(tmp, folder) < 0) {
       return RESPONSE_FAIL(response, 401, "failed to open temp file");
     }
     const std::string path = folder + "/" + kFileName;
@@ -223,7 +174,7 @@ int LogExportHandler::FormOutput(BridgeResponse& response) {
 
 void LogExportHandler::InsertExportLog(const RequestAuthentication& auth) {
   db::Log log;
-  log.setType(kLogExport);
+  log.setType(db::kLogExport);
   InsertLogs(auth.user, auth.uid, {log});
 }
 
@@ -246,7 +197,7 @@ std::string LogExportHandler::GetRelatedPath(const std::string& path, const db::
 
 Json::Value LogExportHandler::ConvertLogToRow(const db::Log& log) {
   const uint32_t type = log.getType();
-  if (type == kHidden) return Json::Value();
+  if (type == db::kLogHidden) return Json::Value();
   const Args p(log.getPArg());
   const Args s(log.getSArg());
   Json::Value row(Json::objectValue);
@@ -267,68 +218,70 @@ Json::Value LogExportHandler::ConvertLogToRow(const db::Log& log) {
   const bool on = p(1) == "1";
 
   switch (type) {
-    case kServiceStartStop:
+    case db::kLogServiceStartStop:
       row["Action"] = on ? "Start service" : "Stop service";
       break;
-    case kShareEnable:
+    case db::kLogShareEnable:
       row["Action"] = on ? "Enable share" : "Disable share";
       set("Related Share", s, 1);
       break;
-    case kClientUnlink:
+    case db::kLogClientUnlink:
       row["Action"] = "Client unlink";
       set("Related User", s, 1);
       set("Device Name", s, 2);
       break;
-    case kRestoreVersion:
+    case db::kLogRestore:
       row["Action"] = "Restore version";
       set_path("Related Path", 1);
       break;
-    case kDeletePathVersions:
+    case db::kLogPathPurge:
       row["Action"] = "Delete all versions";
       set_path("Related Path", 1);
       break;
-    case kDeleteFilterVersions:
+    case db::kLogFilterPurge:
       row["Action"] = "Delete all versions";
       row["Related Path"] = GetRelatedPath("/", log);
       if (s.Has(1)) set_extra("filter", s(1));
       break;
-    case kRotateCount:
+    case db::kLogRotateCountSet:
       row["Action"] = "Rotate version count";
       set_extra("count", p(1));
       set("Related Share", s, 1);
       break;
-    case kDatabaseVolume:
+    case db::kLogDbVolumeChange:
       row["Action"] = "Database volume location";
       set_extra("old", p(1));
       set_extra("new", p(2));
       break;
-    case kLogRotateCount:
-    case kLogRotateSpan:
+    case db::kLogDelCountSet:
+    case db::kLogDelSpanSet:
       // Both carry their number under "count", the span too.
       row["Action"] =
-          std::string(type == kLogRotateCount ? "Log rotate count " : "Log rotate span ") +
+          std::string(type == db::kLogDelCountSet ? "Log rotate count " : "Log rotate span ") +
           (on ? "enable" : "disable");
       if (on) set_extra("count", p(2));
       break;
-    case kLogDelete:
+    case db::kLogDeleteAll:
       row["Action"] = "Log delete";
       break;
-    case kClientLink:
+    case db::kLogClientLink:
       row["Action"] = "Client link";
       set("Device Name", s, 1);
       break;
-    case kNodeAdd:
-    case kNodeRemove:
-    case kNodeModify:
-      row["Action"] = type == kNodeAdd ? "Add" : type == kNodeRemove ? "Remove" : "Modify";
+    case db::kLogNodeAdd:
+    case db::kLogNodeRemove:
+    case db::kLogNodeModify:
+      row["Action"] = type == db::kLogNodeAdd      ? "Add"
+                      : type == db::kLogNodeRemove ? "Remove"
+                                                   : "Modify";
       set_path("Related Path", 1);
       set("Device Name", s, 2);
       break;
-    case kVersionRotate:
+    case db::kLogVersionRotate:
       row["Action"] = "Version rotate";
       set_path("Related Path", 1);
       break;
-    case kNodeMove:
+    case db::kLogNodeMove:
       // S1 is the new path, S2 the old one: the same name elsewhere is a move.
       if (BaseName(s(1)) == BaseName(s(2))) {
         row["Action"] = "Move";
@@ -341,23 +294,23 @@ Json::Value LogExportHandler::ConvertLogToRow(const db::Log& log) {
       set_path("Related Path", 2);
       set("Device Name", s, 3);
       break;
-    case kNodeCopy:
-    case kRestoreCopy:
-      row["Action"] = type == kNodeCopy ? "Copy" : "Restore copy";
+    case db::kLogNodeCopy:
+    case db::kLogRestoreCopy:
+      row["Action"] = type == db::kLogNodeCopy ? "Copy" : "Restore copy";
       set_path("Related Path", 2);
       if (s.Has(1))
-        set_extra(type == kNodeCopy ? "copy_to" : "restore_to", GetRelatedPath(s(1), log));
+        set_extra(type == db::kLogNodeCopy ? "copy_to" : "restore_to", GetRelatedPath(s(1), log));
       set("Device Name", s, 3);
       break;
-    case kRecycleDelete:
+    case db::kLogRecycleDelete:
       row["Action"] = "Delete from recycle bin";
       set_path("Related Path", 1);
       break;
-    case kRecycleRestore:
+    case db::kLogRecycleRestore:
       row["Action"] = "Restore from recycle bin";
       set_path("Related Path", 1);
       break;
-    case kLogExport:
+    case db::kLogExport:
       row["Action"] = "Export logs";
       break;
     default:

@@ -32,6 +32,7 @@ int Usage() {
           "       driftway-control user --enable NAME [NAME...] | --disable NAME [NAME...]\n"
           "       driftway-control share --enable NAME | --disable NAME\n"
           "       driftway-control scan [--at TIMESTAMP] [--view ID]... [--folder ID:/PATH]...\n"
+          "                             [--busy ID:/PATH]...\n"
           "                             [--client NAME]\n"
           "       driftway-control check [--view ID]\n"
           "       driftway-control jobs\n");
@@ -125,13 +126,19 @@ int ScanCommand(const std::vector<std::string>& args) {
       options.at = static_cast<uint32_t>(number);
     } else if (args[i] == "--view" && numeric) {
       options.views.push_back(number);
-    } else if (args[i] == "--folder" && value.find(":/") != std::string::npos) {
-      // "VIEW:/a/b": of that view, only that folder and what lies below it.
+    } else if ((args[i] == "--folder" || args[i] == "--busy") &&
+               value.find(":/") != std::string::npos) {
+      // "VIEW:/a/b": of that view, only that folder and what lies below it
+      // (--folder), or everything in it left for later (--busy).
       const size_t colon = value.find(":/");
       const std::string view = value.substr(0, colon);
       char* view_end = nullptr;
       const unsigned long long view_id = strtoull(view.c_str(), &view_end, 10);
       if (view.empty() || *view_end != '\0' || view_id == 0) return Usage();
+      if (args[i] == "--busy") {
+        options.busy[view_id].push_back(value.substr(colon + 1));
+        continue;
+      }
       options.views.push_back(view_id);
       options.folders[view_id].push_back(value.substr(colon + 1));
     } else if (args[i] == "--client" && !value.empty()) {

@@ -32,6 +32,8 @@ namespace {
 using Clock = std::chrono::steady_clock;
 // While frozen, free space is looked at again this often.
 constexpr auto kFrozenRecheck = std::chrono::seconds(10);
+// Folders due within this much of each other are versioned in one pass.
+constexpr auto kTogether = std::chrono::milliseconds(200);
 // Past this many changed folders a view is scanned whole: one walk beats
 // many, and the command line stays short.
 constexpr size_t kMaxFolders = 64;
@@ -207,23 +209,21 @@ void Versioner::Due(uint64_t view_id) {
 
 void Versioner::OnTimer() {
   const auto now = Clock::now();
-  std::set<uint64_t> ready;
-  for (uint64_t key : debouncer_.TakeDue(now)) {
+  // Folders that fall quiet together go together: the two folders of a
+  // move get their events at the same moment, and a file moved between
+  // them must be seen leaving one and arriving in the other in one pass,
+  // or it would be recorded as deleted and added. A folder still being
+  // written is never taken along early: that would version a file half
+  // written.
+  for (uint64_t key : debouncer_.TakeDue(now + kTogether)) {
     const auto found = folders_of_key_.find(key);
-    if (found != folders_of_key_.end()) ready.insert(found->second.first);
-  }
-  // A due folder takes every changed folder of its view along: a file
-  // moved between two folders must be seen leaving one and arriving in the
-  // other in the same pass, or it would be recorded as deleted and added.
-  for (uint64_t view_id : ready) {
-    for (auto key = keys_.lower_bound({view_id, ""});
-         key != keys_.end() && key->first.first == view_id;) {
-      debouncer_.Forget(key->second);
-      folders_of_key_.erase(key->second);
-      if (views_.count(view_id)) dirty_[view_id].insert(key->first.second);
-      key = keys_.erase(key);
-    }
-    if (views_.count(view_id)) due_.insert(view_id);
+    if (found == folders_of_key_.end()) continue;
+    const auto [view_id, folder] = found->second;
+    keys_.erase(found->second);
+    folders_of_key_.erase(found);
+    if (!views_.count(view_id)) continue;
+    dirty_[view_id].insert(folder);
+    due_.insert(view_id);
   }
   if (now >= next_rescan_) {
     Reload();
@@ -306,6 +306,13 @@ void Versioner::StartPass() {
       args.push_back("--folder");
       args.push_back(std::to_string(view_id) + ":" + folder);
     }
+  }
+  // Folders of these views that are still changing are left for their own
+  // pass: a file being written is never versioned half way.
+  for (const auto& [key, id] : keys_) {
+    if (!due_.count(key.first) || key.second == "/") continue;
+    args.push_back("--busy");
+    args.push_back(std::to_string(key.first) + ":" + key.second);
   }
   std::vector<char*> argv;
   for (std::string& arg : args) argv.push_back(arg.data());

@@ -20,6 +20,9 @@ struct ScanOptions {
   // Views of which only these folders ("/a/b", each with all below it)
   // changed; a view not named here is scanned whole.
   std::map<uint64_t, std::vector<std::string>> folders;
+  // Folders still being written to: what lies in them is left as it is in
+  // the view, neither versioned nor removed, until a later pass.
+  std::map<uint64_t, std::vector<std::string>> busy;
 };
 
 struct ScanSummary {

@@ -121,6 +121,17 @@ int ViewScan::Run() {
     return db::kErrCannotOpen;
   }
   summary_.deferred += static_cast<unsigned>(deferred_.size());
+  const auto busy = options_.busy.find(target_.view_id);
+  if (busy != options_.busy.end()) {
+    // A busy folder's own entry is versioned; what lies in it waits.
+    for (const std::string& folder : busy->second) {
+      if (folder.empty() || folder == "/") continue;
+      entries_.erase(std::remove_if(entries_.begin(), entries_.end(),
+                                    [&](const DiskEntry& e) { return IsUnder(e.path, folder); }),
+                     entries_.end());
+      busy_.push_back(folder);
+    }
+  }
   int rc = scope_.empty() ? LoadLive() : LoadScope();
   if (rc < 0 || (rc = state_.Load(target_.view_id, recorded_)) < 0) return rc;
   if (view_.Reader().GetRotateCount(rotate_count_) < 0) rotate_count_ = 0;
@@ -148,6 +159,8 @@ int ViewScan::Run() {
 bool ViewScan::IsDeferred(const std::string& path) const {
   for (const std::string& d : deferred_)
     if (path == d || IsUnder(path, d)) return true;
+  for (const std::string& b : busy_)
+    if (IsUnder(path, b)) return true;
   return false;
 }
 

@@ -84,6 +84,7 @@ class ViewScan {
   uint64_t root_id_ = 0;
   int rotate_count_ = 0;
   std::vector<std::string> scope_;  // empty: the whole view
+  std::vector<std::string> busy_;   // folders whose contents wait
   std::vector<DiskEntry> entries_;
   std::vector<std::string> deferred_;
   std::vector<uint64_t> node_of_;  // per entry; 0 for a new node

@@ -4,11 +4,11 @@
 //   bench_watch_probe files DIR COUNT FOLDERS MIN MAX SEED UID
 //       COUNT files of MIN..MAX bytes, DIR/dK/fN with K = N % FOLDERS, owned
 //       by UID (group 100) like the folders.
-//   bench_watch_probe latency URL SID DB HOME COUNT GAP_MS UID
-//       COUNT single changes in HOME/lat/dK (K = N % 10), one every GAP_MS
-//       (0: each after the previous one is visible): an even N writes a new
-//       file cN.txt, an odd N new content into cN.txt, which `latency`
-//       run with GAP_MS -1 makes beforehand. Prints one line per change,
+//   bench_watch_probe latency URL SID DB HOME FIRST COUNT GAP_MS UID
+//       COUNT single changes N = FIRST.. in HOME/lat/dK (K = N % 10), one
+//       every GAP_MS (0: each after the previous one is visible): an even N
+//       writes a new file cN.txt, an odd N new content into cN.txt, which
+//       `latency` run with GAP_MS -1 makes beforehand. Prints one line per change,
 //       "SECONDS new|rewrite", SECONDS from its close until list_version
 //       shows its content; "missed ..." for one not seen within a minute.
 //   bench_watch_probe wait-version URL SID DB PATH HASH TIMEOUT_S
@@ -238,17 +238,18 @@ int Latency(char** argv) {
   Api api(argv[0], argv[1]);
   ViewDb db(argv[2]);
   const std::string home = argv[3];
-  const long count = atol(argv[4]), gap_ms = atol(argv[5]);
-  const uid_t uid = static_cast<uid_t>(atol(argv[6]));
-  const auto path_of = [](long n) {
+  const long first = atol(argv[4]), count = atol(argv[5]), gap_ms = atol(argv[6]);
+  const uid_t uid = static_cast<uid_t>(atol(argv[7]));
+  const auto path_of = [first](long i) {
+    const long n = first + i;
     return "/lat/d" + std::to_string(n % 10) + "/c" + std::to_string(n) + ".txt";
   };
   MakeFolder(home + "/lat", uid);
   for (int k = 0; k < 10; ++k) MakeFolder(home + "/lat/d" + std::to_string(k), uid);
   if (gap_ms < 0) {
     // The files that odd changes give new content.
-    for (long n = 1; n < count; n += 2) {
-      WriteFile(home + path_of(n), "first content of change " + std::to_string(n) + "\n", uid);
+    for (long i = 0; i < count; ++i) {
+      if ((first + i) % 2 == 1) WriteFile(home + path_of(i), "first content\n", uid);
     }
     return 0;
   }
@@ -297,7 +298,8 @@ int Latency(char** argv) {
   long missed = 0, doubled = 0;
   for (long n = 0; n < count; ++n) {
     const Change& c = changes[n];
-    const char* kind = n % 2 == 0 ? "new" : "rewrite";
+    const bool fresh = (first + n) % 2 == 0;
+    const char* kind = fresh ? "new" : "rewrite";
     if (c.seconds < 0) {
       printf("missed %s %s\n", kind, c.path.c_str());
       ++missed;
@@ -306,7 +308,7 @@ int Latency(char** argv) {
     printf("%.3f %s\n", c.seconds, kind);
     // A new file has one version, a rewritten one its first and this one;
     // more is a change versioned twice.
-    const size_t want = n % 2 == 0 ? 1 : 2;
+    const size_t want = fresh ? 1 : 2;
     if (api.Hashes(c.path).size() != want) ++doubled;
   }
   fprintf(stderr, "  %ld changes in %.1f s, %ld missed, %ld with more versions than changes\n",
@@ -346,12 +348,12 @@ int main(int argc, char** argv) {
   const std::string what = argc > 1 ? argv[1] : "";
   curl_global_init(CURL_GLOBAL_DEFAULT);
   if (what == "files" && argc == 9) return Files(argv + 2);
-  if (what == "latency" && argc == 9) return Latency(argv + 2);
+  if (what == "latency" && argc == 10) return Latency(argv + 2);
   if (what == "wait-version" && argc == 8) return WaitVersion(argv + 2);
   if (what == "wait-count" && argc == 6) return WaitCount(argv + 2);
   fprintf(stderr,
           "usage: bench_watch_probe files DIR COUNT FOLDERS MIN MAX SEED UID\n"
-          "       bench_watch_probe latency URL SID DB HOME COUNT GAP_MS UID\n"
+          "       bench_watch_probe latency URL SID DB HOME FIRST COUNT GAP_MS UID\n"
           "       bench_watch_probe wait-version URL SID DB PATH HASH TIMEOUT_S\n"
           "       bench_watch_probe wait-count DB PREFIX COUNT TIMEOUT_S\n");
   return 2;

@@ -305,6 +305,84 @@ int LogManager::SearchLog(const LogFilter& filter, std::vector<Log>& out) {
   });
 }
 
+namespace {
+
+// One row of the columns SearchLogPage selects; false for a row that no
+// writer of ours could have stored.
+bool ReadPageRow(SQLite::Statement& q, Log& log, int64_t& id) {
+  uint32_t type = 0, time = 0, uid = 0, share_type = 0, target_type = 0;
+  const long long view = q.getColumn(4).getInt64(), target = q.getColumn(7).getInt64();
+  if (!U32(q.getColumn(0), type) || !U32(q.getColumn(1), time) || !U32(q.getColumn(2), uid) ||
+      !U32(q.getColumn(6), share_type) || !U32(q.getColumn(9), target_type) || view < 0 ||
+      target < 0) {
+    return false;
+  }
+  std::vector<std::string> p, s;
+  if (!Unpack(q.getColumn(10).getString(), p) || !Unpack(q.getColumn(11).getString(), s)) {
+    return false;
+  }
+  log.setType(type);
+  log.setTime(time);
+  log.setUserId(uid);
+  log.setUserName(q.getColumn(3).getString());
+  log.setViewId(static_cast<uint64_t>(view));
+  log.setShareName(q.getColumn(5).getString());
+  log.setShareType(share_type);
+  log.setTarget(static_cast<uint64_t>(target), q.getColumn(8).getString(), target_type);
+  for (const auto& v : p) log.pushArg(v, false);
+  for (const auto& v : s) log.pushArg(v, true);
+  id = q.getColumn(12).getInt64();
+  return true;
+}
+
+}  // namespace
+
+int LogManager::SearchLogPage(const LogFilter& filter, LogCursor& cursor, int page_size,
+                              std::vector<Log>& out) {
+  out.clear();
+  if (!Handle()) return kErrInvalid;
+  if (page_size <= 0) return kErrInvalid;
+  return internal::Guard("search log page", [&]() -> int {
+    std::vector<std::string> texts;
+    std::vector<long long> numbers;
+    std::vector<bool> is_text;
+    std::string sql =
+        "SELECT type, time, user_id, user_name, view_id, share_name, share_type, "
+        "target_view_id, target_share_name, target_share_type, p_args, s_args, id FROM logs" +
+        WhereOf(filter, texts, numbers, is_text);
+    // The (time, id) key walks the time indexes; an OFFSET would rescan
+    // every page before it.
+    if (cursor.started) {
+      sql += filter.oldest_first ? " AND (time, id) > (?, ?)" : " AND (time, id) < (?, ?)";
+      numbers.push_back(cursor.time);
+      numbers.push_back(cursor.id);
+      is_text.push_back(false);
+      is_text.push_back(false);
+    }
+    sql += filter.oldest_first ? " ORDER BY time, id" : " ORDER BY time DESC, id DESC";
+    sql += " LIMIT ?";
+    numbers.push_back(page_size);
+    is_text.push_back(false);
+    SQLite::Statement q(*Handle(), sql);
+    Bind(q, texts, numbers, is_text);
+    int64_t last_id = 0;
+    while (q.executeStep()) {
+      Log log;
+      if (!ReadPageRow(q, log, last_id)) {
+        out.clear();
+        return static_cast<int>(kErrCorrupt);
+      }
+      out.push_back(std::move(log));
+    }
+    if (!out.empty()) {
+      cursor.started = true;
+      cursor.time = out.back().getTime();
+      cursor.id = last_id;
+    }
+    return static_cast<int>(out.size());
+  });
+}
+
 int LogManager::CountLog(const LogFilter& filter, unsigned int& count) {
   count = 0;
   if (!Handle()) return kErrInvalid;

@@ -6,6 +6,7 @@
 #include "handlers/check-user.h"
 #include "handlers/get-status.h"
 #include "handlers/log/delete.h"
+#include "handlers/log/export.h"
 #include "handlers/log/list.h"
 #include "handlers/node/activity.h"
 #include "handlers/node/delete/start.h"
@@ -108,6 +109,7 @@ void Process(KSTX::APIRequest* request, KSTX::APIResponse* response) {
   bridge.AddHandler(new NodeDownloadFinishHandler);
   bridge.AddHandler(new LogListHandler);
   bridge.AddHandler(new LogDeleteHandler);
+  bridge.AddHandler(new LogExportHandler);
   bridge.Process();
 }
 

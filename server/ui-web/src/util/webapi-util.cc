@@ -1,5 +1,12 @@
 #include "webapi-util.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
 #include <random>
 
 #include "acl.h"
@@ -7,6 +14,7 @@
 #include "db/errors.h"
 #include "db/log-manager.h"
 #include "db/manager.h"
+#include "fs-beneath.h"
 #include "host-accounts.h"
 #include "logger.h"
 #include "natural-sort.h"
@@ -227,4 +235,24 @@ void InsertLogs(const std::string& user_name, unsigned int uid, std::vector<db::
     return;
   }
   UTIL_ERROR("Failed to run as root");
+}
+
+int MakePrivateTempFolder(const std::string& tmp, std::string& folder) {
+  if (tmp.empty()) return -1;
+  const fsb::UniqueFd dir(fsb::OpenNoSymlinks(tmp, O_DIRECTORY | O_RDONLY));
+  struct stat st {};
+  if (!dir.valid() || fstat(dir.get(), &st) != 0 || st.st_uid != 0) {
+    LOG_ERROR("%s is not root's folder; refused\n", tmp.c_str());
+    return -1;
+  }
+  if ((st.st_mode & S_IWOTH) != 0 && (st.st_mode & S_ISVTX) == 0) {
+    (void)fchmod(dir.get(), (st.st_mode & 07777) | S_ISVTX);
+  }
+  std::string templ = tmp + "/Tidepool.XXXXXX";
+  if (mkdtemp(templ.data()) == nullptr) {
+    LOG_ERROR("mkdtemp(%s): %s (%d)\n", templ.c_str(), strerror(errno), errno);
+    return -1;
+  }
+  folder = templ;
+  return 0;
 }

@@ -45,6 +45,12 @@ bool NaturalSortComparator(const std::string& a, const std::string& b);
 
 uint32_t GetRandomInt();
 
+// A new folder <tmp>/Tidepool.XXXXXX, root's and 0700, for a task's or an
+// answer's files. Others may write in `tmp` (the system volume's @tmp), so it
+// must be root's, and gets the sticky bit when it is open to all, or someone
+// could swap the folder. Runs as root. 0 with `folder`, or -1 (logged).
+int MakePrivateTempFolder(const std::string& tmp, std::string& folder);
+
 // True when the account has expired or cannot be checked.
 bool IsUserExpired(const std::string& name);
 

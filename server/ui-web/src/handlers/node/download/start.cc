@@ -66,9 +66,7 @@ bool DownloadRunning(const std::string& owner) {
 }
 
 // The folder of one download: <system volume>/@tmp/Tidepool.XXXXXX, made by
-// root with mode 0700. @tmp is shared with other temporary files; it must
-// be root's, and when anyone may write in it the sticky bit keeps others
-// from renaming what is ours. 0 with `folder`, or -1 (logged).
+// root with mode 0700. 0 with `folder`, or -1 (logged).
 int CreateDownloadFolder(std::string& folder) {
   SyncConfigMgr config;
   if (SyncGetConf(config) < 0) {
@@ -81,23 +79,7 @@ int CreateDownloadFolder(std::string& folder) {
     LOG_ERROR("mkdir(%s): %s (%d)\n", base, strerror(errno), errno);
     return -1;
   }
-  const fsb::UniqueFd tmp(fsb::OpenNoSymlinks(base, O_DIRECTORY | O_RDONLY));
-  struct stat st {};
-  if (!tmp.valid() || fstat(tmp.get(), &st) != 0 || st.st_uid != 0) {
-    LOG_ERROR("%s is not root's folder; refused\n", base);
-    return -1;
-  }
-  if ((st.st_mode & S_IWOTH) != 0 && (st.st_mode & S_ISVTX) == 0) {
-    (void)fchmod(tmp.get(), (st.st_mode & 07777) | S_ISVTX);
-  }
-  char path[256];
-  snprintf(path, sizeof path, "%s/%s/Tidepool.XXXXXX", config.GetSysShareBin().c_str(), "@tmp");
-  if (mkdtemp(path) == nullptr) {
-    LOG_ERROR("mkdtemp(%s): %s (%d)\n", path, strerror(errno), errno);
-    return -1;
-  }
-  folder = path;
-  return 0;
+  return MakePrivateTempFolder(base, folder);
 }
 
 // True while the record is this task's: a stop removes it, a new start

@@ -1,0 +1,51 @@
+// KSTX.Tidepool.Log export: the log as a table a person can read, answered
+// as the download "export.csv", after which the export itself is logged.
+#pragma once
+
+#include <json/value.h>
+
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "bridge/request-handler.h"
+#include "db/log-manager.h"
+
+namespace Json {
+class StreamWriter;
+}
+
+class LogExportHandler : public RequestHandler {
+ public:
+  LogExportHandler();
+  ~LogExportHandler() override;
+  int Handle(const RequestAuthentication& auth, BridgeRequest& request,
+             BridgeResponse& response) override;
+
+  // The columns of the file, in order.
+  static const Json::Value& Columns();
+  // One record as a row keyed by column name, holding only the columns that
+  // apply ("Additional" is an object); null for a record the file leaves out.
+  static Json::Value ConvertLogToRow(const db::Log& log);
+  // Where `path` of the record's view lies as the user knows it.
+  static std::string GetRelatedPath(const std::string& path, const db::Log& log);
+
+ private:
+  int ParseParams(const RequestAuthentication& auth, BridgeRequest& request,
+                  BridgeResponse& response);
+  int Execute(BridgeResponse& response);
+  int FormOutput(BridgeResponse& response);
+  void InsertExportLog(const RequestAuthentication& auth);
+
+  // Writes the header line, then every record page by page; false on a
+  // failed search (`search_failed`) or write.
+  bool OutputAsCSV(FILE* out, bool& search_failed);
+  void WriteRow(FILE* out, const Json::Value& row);
+
+  db::LogFilter filter_;
+  db::LogManager::LogCursor cursor_;
+  std::vector<db::Log> page_;  // the page read last, not yet written
+  std::unique_ptr<Json::StreamWriter> json_writer_;
+  std::string line_;
+};

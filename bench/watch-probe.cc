@@ -1,9 +1,11 @@
 // The timing parts of the watching benchmark, run inside its sandbox while
 // the daemon watches alice's home:
 //
-//   bench_watch_probe files DIR COUNT FOLDERS MIN MAX SEED UID
-//       COUNT files of MIN..MAX bytes, DIR/dK/fN with K = N % FOLDERS, owned
-//       by UID (group 100) like the folders.
+//   bench_watch_probe files DIR COUNT FOLDERS MIN MAX SEED UID ORDER
+//       COUNT files of MIN..MAX bytes in DIR/dK/fN, owned by UID (group 100)
+//       like the folders. ORDER "tree": folder after folder, each made just
+//       before its files, as cp -r writes; "spread": all folders first, then
+//       file N into folder N % FOLDERS, so that every folder keeps changing.
 //   bench_watch_probe latency URL SID DB HOME FIRST COUNT GAP_MS UID
 //       COUNT single changes N = FIRST.. in HOME/lat/dK (K = N % 10), one
 //       every GAP_MS (0: each after the previous one is visible): an even N
@@ -219,17 +221,26 @@ int Files(char** argv) {
   const size_t low = strtoul(argv[3], nullptr, 10), high = strtoul(argv[4], nullptr, 10);
   std::mt19937_64 rng(strtoull(argv[5], nullptr, 10));
   const uid_t uid = static_cast<uid_t>(atol(argv[6]));
-  if (count < 0 || folders <= 0 || low > high) Die("bad files arguments");
+  const std::string order = argv[7];
+  if (count < 0 || folders <= 0 || low > high || (order != "tree" && order != "spread")) {
+    Die("bad files arguments");
+  }
+  const bool spread = order == "spread";
+  const long per_folder = (count + folders - 1) / folders;
   MakeFolder(dir, uid);
-  for (long k = 0; k < folders && k < count; ++k) MakeFolder(dir + "/d" + std::to_string(k), uid);
+  for (long k = 0; spread && k < folders && k < count; ++k) {
+    MakeFolder(dir + "/d" + std::to_string(k), uid);
+  }
   std::string bytes;
   for (long n = 0; n < count; ++n) {
+    const long k = spread ? n % folders : n / per_folder;
+    if (!spread && n % per_folder == 0) MakeFolder(dir + "/d" + std::to_string(k), uid);
     bytes.resize(low + rng() % (high - low + 1));
     for (size_t i = 0; i < bytes.size(); i += 8) {
       const uint64_t word = rng();
       memcpy(bytes.data() + i, &word, std::min<size_t>(8, bytes.size() - i));
     }
-    WriteFile(dir + "/d" + std::to_string(n % folders) + "/f" + std::to_string(n), bytes, uid);
+    WriteFile(dir + "/d" + std::to_string(k) + "/f" + std::to_string(n), bytes, uid);
   }
   return 0;
 }
@@ -347,12 +358,12 @@ int WaitCount(char** argv) {
 int main(int argc, char** argv) {
   const std::string what = argc > 1 ? argv[1] : "";
   curl_global_init(CURL_GLOBAL_DEFAULT);
-  if (what == "files" && argc == 9) return Files(argv + 2);
+  if (what == "files" && argc == 10) return Files(argv + 2);
   if (what == "latency" && argc == 10) return Latency(argv + 2);
   if (what == "wait-version" && argc == 8) return WaitVersion(argv + 2);
   if (what == "wait-count" && argc == 6) return WaitCount(argv + 2);
   fprintf(stderr,
-          "usage: bench_watch_probe files DIR COUNT FOLDERS MIN MAX SEED UID\n"
+          "usage: bench_watch_probe files DIR COUNT FOLDERS MIN MAX SEED UID tree|spread\n"
           "       bench_watch_probe latency URL SID DB HOME FIRST COUNT GAP_MS UID\n"
           "       bench_watch_probe wait-version URL SID DB PATH HASH TIMEOUT_S\n"
           "       bench_watch_probe wait-count DB PREFIX COUNT TIMEOUT_S\n");

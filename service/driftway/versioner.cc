@@ -244,10 +244,10 @@ void Versioner::ArmTimer() {
   if (!due_.empty() && child_ < 0 && !frozen_) next = now;
   const auto wait = std::max<Clock::duration>(next - now, std::chrono::milliseconds(1));
   const auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(wait).count();
-  itimerspec spec{};
-  spec.it_value.tv_sec = static_cast<time_t>(ns / 1000000000);
-  spec.it_value.tv_nsec = static_cast<long>(ns % 1000000000);
-  timerfd_settime(timer_fd_, 0, &spec, nullptr);
+  itimerspec when{};
+  when.it_value.tv_sec = static_cast<time_t>(ns / 1000000000);
+  when.it_value.tv_nsec = static_cast<long>(ns % 1000000000);
+  timerfd_settime(timer_fd_, 0, &when, nullptr);
 }
 
 bool Versioner::EvaluateFreeze() {

@@ -116,22 +116,6 @@ std::set<std::string> DownloadFolders() {
   return names;
 }
 
-std::vector<std::string> QueuedRemovals() {
-  std::unique_ptr<jq::JobStore> store;
-  std::vector<jq::JobRecord> jobs;
-  std::vector<std::string> paths;
-  if (jq::OpenJobStore(jq::ConfiguredQueueLocation(), store) < 0 || store->List(jobs) < 0) {
-    return paths;
-  }
-  for (const auto& job : jobs) {
-    Json::Value payload;
-    if (job.name == jq::jobs::UnlinkJob::kName && Json::Reader().parse(job.payload, payload)) {
-      paths.push_back(payload["path"].asString());
-    }
-  }
-  return paths;
-}
-
 // A record as a download child leaves it, owned by the process `pid`.
 void WriteRecord(pid_t pid, bool finished) {
   fs::create_directories("/tmp/tidepool-tasks/alice");

@@ -92,22 +92,6 @@ std::vector<std::vector<std::string>> ReadWithPython(const std::string& csv) {
   return out;
 }
 
-std::vector<std::string> QueuedRemovals() {
-  std::unique_ptr<jq::JobStore> store;
-  std::vector<jq::JobRecord> jobs;
-  std::vector<std::string> paths;
-  if (jq::OpenJobStore(jq::ConfiguredQueueLocation(), store) < 0 || store->List(jobs) < 0) {
-    return paths;
-  }
-  for (const auto& job : jobs) {
-    Json::Value payload;
-    if (job.name == jq::jobs::UnlinkJob::kName && Json::Reader().parse(job.payload, payload)) {
-      paths.push_back(payload["path"].asString());
-    }
-  }
-  return paths;
-}
-
 const std::string kHeader =
     R"("Date Time","Operator","Action","Related Path","Related User","Related Share",)"
     R"("Device Name","Additional")";

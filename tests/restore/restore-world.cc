@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <json/reader.h>
 #include <json/writer.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -20,6 +21,8 @@
 #include "db/log-manager.h"
 #include "db/manager.h"
 #include "hvos-task.h"
+#include "job-queue.h"
+#include "job-store.h"
 #include "process.h"
 #include "sandbox.h"
 #include "seed.h"
@@ -436,6 +439,23 @@ std::vector<LogSeen> Logs(uint32_t type) {
                    l.getPArg(), l.getSArg()});
   }
   return out;
+}
+
+std::vector<std::string> QueuedRemovals() {
+  namespace jq = tidepool::core::job_queue;
+  std::unique_ptr<jq::JobStore> store;
+  std::vector<jq::JobRecord> jobs;
+  std::vector<std::string> paths;
+  if (jq::OpenJobStore(jq::ConfiguredQueueLocation(), store) < 0 || store->List(jobs) < 0) {
+    return paths;
+  }
+  for (const auto& job : jobs) {
+    Json::Value payload;
+    if (job.name == jq::jobs::UnlinkJob::kName && Json::Reader().parse(job.payload, payload)) {
+      paths.push_back(payload["path"].asString());
+    }
+  }
+  return paths;
 }
 
 uint64_t HomeViewOf(const std::string& user) {

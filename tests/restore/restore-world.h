@@ -185,6 +185,9 @@ struct LogSeen {
 std::vector<LogSeen> Logs(uint32_t type);
 
 uint64_t HomeViewOf(const std::string& user);
+
+// The paths queued for removal after an answer (unlink jobs), in queue order.
+std::vector<std::string> QueuedRemovals();
 uint64_t ShareViewOf(const std::string& share);
 
 }  // namespace rtest

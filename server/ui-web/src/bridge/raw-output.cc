@@ -9,6 +9,7 @@
 // faster than the program's pipe (scripts/bench download). Links are stored
 // as links, never followed.
 #include <dirent.h>
+#include <fcntl.h>
 #include <json/writer.h>
 #include <unistd.h>
 
@@ -18,6 +19,7 @@
 #include <cstring>
 
 #include "archive-writer.h"
+#include "fs-beneath.h"
 #include "http-file-outputer.h"
 #include "kstx/webapi.h"
 #include "logger.h"
@@ -108,9 +110,12 @@ int WebAPIBridge::SendFile(const std::string& name, const std::string& path, boo
 }
 
 bool WebAPIBridge::ArchiveFolderEmpty(const std::string& path) {
-  DIR* dir = opendir(path.c_str());
+  // Listed through a descriptor opened with no link on the way.
+  const int fd = fsb::OpenNoSymlinks(path, O_DIRECTORY | O_RDONLY);
+  DIR* dir = fd < 0 ? nullptr : fdopendir(fd);
   if (dir == nullptr) {
     LOG_ERROR("opendir(%s): %s (%d)\n", path.c_str(), strerror(errno), errno);
+    if (fd >= 0) close(fd);
     return false;
   }
   bool empty = true;

@@ -147,8 +147,7 @@ int LogExportHandler::FormOutput(BridgeResponse& response) {
     if (out == nullptr) {
       LOG_ERROR("open(%s): %s (%d)\n", path.c_str(), strerror(errno), errno);
       if (fd >= 0) close(fd);
-      unlink(path.c_str());
-      rmdir(folder.c_str());
+      (void)fsb::RemovePathNoSymlinks(folder);
       return RESPONSE_FAIL(response, 401, "failed to open temp file");
     }
     std::vector<char> buffer(kWriteBuffer);
@@ -157,8 +156,8 @@ int LogExportHandler::FormOutput(BridgeResponse& response) {
     const bool written = OutputAsCSV(out, search_failed);
     const bool closed = fclose(out) == 0;
     if (!written || !closed) {
-      unlink(path.c_str());
-      rmdir(folder.c_str());
+      // The folder and what it holds, with no link on the way followed.
+      (void)fsb::RemovePathNoSymlinks(folder);
       if (search_failed) return RESPONSE_FAIL(response, 401, "failed to search log");
       LOG_ERROR("write(%s): %s (%d)\n", path.c_str(), strerror(errno), errno);
       return RESPONSE_FAIL(response, 401, "failed to output as csv");

@@ -4,6 +4,10 @@
 
 #include "bridge/webapi-bridge.h"
 #include "handlers/check-user.h"
+#include "handlers/dbusage/get.h"
+#include "handlers/dbusage/start.h"
+#include "handlers/dbusage/status.h"
+#include "handlers/dbusage/stop.h"
 #include "handlers/get-status.h"
 #include "handlers/log/delete.h"
 #include "handlers/log/export.h"
@@ -110,6 +114,10 @@ void Process(KSTX::APIRequest* request, KSTX::APIResponse* response) {
   bridge.AddHandler(new LogListHandler);
   bridge.AddHandler(new LogDeleteHandler);
   bridge.AddHandler(new LogExportHandler);
+  bridge.AddHandler(new DBUsageStartHandler);
+  bridge.AddHandler(new DBUsageStatusHandler);
+  bridge.AddHandler(new DBUsageStopHandler);
+  bridge.AddHandler(new DBUsageGetHandler);
   bridge.Process();
 }
 

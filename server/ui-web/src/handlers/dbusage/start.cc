@@ -75,10 +75,10 @@ int Measure(HVOS::Task& task) {
   unsigned long long usage = 0;
   const int rc = dbusage::SumDatabaseUsage(
       [&task](unsigned long long sum) {
-        if (g_after_each_sum_hook != nullptr) g_after_each_sum_hook(sum);
         task.reload();
         if (task.hasProperty("cancel")) return false;
         WriteData(task, Data(sum, false));
+        if (g_after_each_sum_hook != nullptr) g_after_each_sum_hook(sum);
         return true;
       },
       usage);

@@ -12,7 +12,8 @@ class DBUsageStartHandler : public RequestHandler {
   int Handle(const RequestAuthentication& auth, BridgeRequest& request,
              BridgeResponse& response) override;
 
-  // Runs in the worker after each measured part, with the running sum.
+  // Runs in the worker after each measured part, once the running sum is
+  // in the record.
   static void TEST_SetAfterEachSumHook(void (*hook)(unsigned long long usage));
 
  private:

@@ -12,8 +12,10 @@
 // run that could not measure. Either way the record gets an error.
 #include "start.h"
 
+#include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -29,7 +31,7 @@
 
 namespace {
 
-constexpr useconds_t kWatchIntervalUs = 100000;
+constexpr int kWatchIntervalMs = 100;
 
 // How the worker ends.
 constexpr int kWorkerDone = 0;
@@ -174,6 +176,9 @@ void DBUsageStartHandler::RunTask() {
   int status = 0;
   bool completed = false;
   if (worker > 0) {
+    // The worker's end wakes this process at once; the record is read
+    // between.
+    const int exited = static_cast<int>(syscall(SYS_pidfd_open, worker, 0));
     for (;;) {
       const pid_t done = waitpid(worker, &status, WNOHANG);
       if (done == worker) {
@@ -187,8 +192,14 @@ void DBUsageStartHandler::RunTask() {
         }
         break;
       }
-      usleep(kWatchIntervalUs);
+      if (exited >= 0) {
+        struct pollfd wait_for = {exited, POLLIN, 0};
+        poll(&wait_for, 1, kWatchIntervalMs);
+      } else {
+        usleep(kWatchIntervalMs * 1000);
+      }
     }
+    if (exited >= 0) close(exited);
   }
   // A record removed under the run counts as a cancel: nobody waits for
   // this figure.

@@ -9,7 +9,9 @@
 #   4. the CSV export of every record, beside `sqlite3 -csv` of the same
 #      columns, with the peak RSS of the CGI that writes it.
 # Each list figure is the p50 of BENCH_REQUESTS (20) requests made one at a
-# time; the sqlite3 figures are the better of three runs. The export's RSS
+# time; the sqlite3 figures are the better of three runs. For a keyword
+# the sqlite3 figure is the plain substring scan of every record, which is
+# what the search costs without the log's trigram index. The export's RSS
 # comes from one more run of entry.cgi called as lighttpd calls it, whose
 # ru_maxrss its parent reads when it exits.
 #

@@ -66,7 +66,8 @@ Json::Value GetExtensionHandler::RulesToJson(const BlackListFilter& filter) {
 }
 
 void GetExtensionHandler::SyncAppPrivilegeWithDatabase(const RequestAuthentication& auth) {
-  if (!ServiceSupportAppPrivilege()) return;
+  // Nobody logged in has no account in the service to enable or disable.
+  if (!ServiceSupportAppPrivilege() || auth.is_anonymous) return;
   const int privilege = CheckAppPrivilege(auth);
   if (privilege == 1) return;
   const int operation = privilege == 0 ? kEnableUser : kDisableUser;

@@ -167,7 +167,7 @@ class ClientLinkTest : public ::testing::Test {
     const std::string url = GetClientLinkHandler::kDefaultUpdateServer;
     const size_t start = url.find("://") + 3;
     const std::string host = url.substr(start, url.find('/', start) - start);
-    const std::string hosts = "/var/tmp/svc-test-hosts." + std::to_string(getpid());
+    const std::string hosts = "/tmp/svc-test-hosts";
     std::ofstream(hosts) << tptest::ReadFile("/etc/hosts") << "\n127.0.0.1 " << host << "\n";
     ASSERT_EQ(mount(hosts.c_str(), "/etc/hosts", nullptr, MS_BIND, nullptr), 0);
     fs::remove(hosts);  // the mount keeps it
@@ -316,6 +316,9 @@ TEST_F(ClientLinkTest, BadRequestsAndSettings) {
   EXPECT_EQ(answer.code(), 404) << answer.body;
   EXPECT_EQ(answer.message(), "failed to reach update server");
   EXPECT_TRUE(server.targets().empty());
+  EXPECT_NE(tptest::ReadPackageLog().find(std::string("query update server '") +
+                                          GetClientLinkHandler::kDefaultUpdateServer + "?"),
+            std::string::npos);
   // An empty value means the built-in server too.
   UseServer("");
   EXPECT_EQ(Link().message(), "failed to reach update server");

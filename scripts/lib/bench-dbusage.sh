@@ -127,7 +127,9 @@ for _ in 1 2 3; do
   best_du=$(min "$best_du" "$(timed du_ref)")
   best_sql=$(min "$best_sql" "$(timed sql_ref)")
 done
-printf 'views counted: %s (%s view files)\n' "$views" "$(ls "$repo"/views/*.sqlite | wc -l)"
+view_files=("$repo"/views/*.sqlite)
+printf 'views: %s view files, %s rows in the store\n' "${#view_files[@]}" \
+  "$(sqlite3 "$store/file-db.sqlite" 'SELECT count(*) FROM file')"
 printf 'figure: %s bytes; get answers %s\n' "$usage" \
   "$(call get | jq -c '.data')"
 printf 'DBUsage pass (start request to finished record): %8.3f s\n' "$best_pass"

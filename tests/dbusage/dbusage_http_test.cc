@@ -13,6 +13,7 @@
 #include <string>
 #include <thread>
 
+#include "hvos-task.h"
 #include "restore-world.h"
 #include "seed.h"
 
@@ -186,7 +187,7 @@ TEST_F(DBUsageHttpTest, AFailedRunReportsOnceAndClearsTheCachedFigure) {
   EXPECT_NE(get.json["data"]["last_update_usage_time"].asString(), "");
 }
 
-TEST_F(DBUsageHttpTest, OnlyAnAdministratorMaySeeOrRunIt) {
+TEST_F(DBUsageHttpTest, RefusalsOfCallersAndOfASecondRun) {
   const std::string alice = LoginAs("alice");
   for (const char* method : {"start", "status", "stop", "get"}) {
     SCOPED_TRACE(method);
@@ -204,6 +205,21 @@ TEST_F(DBUsageHttpTest, OnlyAnAdministratorMaySeeOrRunIt) {
   EXPECT_FALSE(fs::exists(kRecord));
   // Reading the cached figure is not.
   EXPECT_TRUE(tptest::Get(std::string("api=") + kApi + "&method=get&version=1", admin_).success());
+
+  // A run whose process lives refuses a second one, whoever asks.
+  {
+    HVOS::Task running("admin", "dftw_db_usage_polling");  // this process answers for it
+    Json::Value data(Json::objectValue);
+    data["usage"] = 0;
+    data["finish"] = false;
+    running.setProperty("data", data);
+  }
+  const auto second = Call("start");
+  EXPECT_FALSE(second.success()) << second.body;
+  EXPECT_EQ(second.code(), 410);
+  EXPECT_EQ(second.message(), "another db usage calculate task exists");
+  EXPECT_FALSE(Call("status").json["data"]["finish"].asBool());
+  HVOS::Task("admin", "dftw_db_usage_polling").remove();
 }
 
 }  // namespace

@@ -1,5 +1,12 @@
 #include "usage-sum.h"
 
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <list>
 #include <map>
 #include <string>
@@ -104,22 +111,108 @@ Step AddFileDatabases(Sum& sum) {
   return Step::kNext;
 }
 
-Step AddOfficeFolder(Sum& sum) {
-  std::string path;
-  if (KSTXTidepoolGetNSPath("office", path) == 0) return Step::kNext;
-  FolderSizeCounter counter(path);
-  if (TraverseDir(counter, 0) != 0) {
-    LOG_ERROR("traverse accumulate size fail\n");
-    return Step::kFailed;
+// The office folder is walked by a process of its own from the start of the
+// run, beside the database sums, which wait on the disk as the walk does;
+// its total is added when its turn comes, so the order of the sums stays.
+class OfficeWalk {
+ public:
+  OfficeWalk() = default;
+  OfficeWalk(const OfficeWalk&) = delete;
+  OfficeWalk& operator=(const OfficeWalk&) = delete;
+  // A run that ends before the walk's turn leaves no walker behind.
+  ~OfficeWalk() {
+    if (pid_ > 0) {
+      kill(pid_, SIGKILL);
+      Reap();
+    }
+    if (fd_ >= 0) close(fd_);
   }
-  return sum.Add(counter.GetTotal()) ? Step::kNext : Step::kStopped;
-}
+
+  void Start() {
+    if (KSTXTidepoolGetNSPath("office", path_) == 0) return;
+    exists_ = true;
+    int channel[2];
+    if (pipe2(channel, O_CLOEXEC) != 0) return;  // walked in turn instead
+    const pid_t parent = getpid();
+    pid_ = fork();
+    if (pid_ == 0) {
+      // The walker ends with the run, whichever way it ends.
+      prctl(PR_SET_PDEATHSIG, SIGKILL);
+      if (getppid() != parent) _exit(1);
+      close(channel[0]);
+      Result result;
+      result.rc = Walk(path_, result.total);
+      const bool sent = write(channel[1], &result, sizeof result) == sizeof result;
+      _exit(sent ? 0 : 1);
+    }
+    close(channel[1]);
+    if (pid_ < 0) {
+      close(channel[0]);
+      return;
+    }
+    fd_ = channel[0];
+  }
+
+  Step AddTo(Sum& sum) {
+    if (!exists_) return Step::kNext;
+    Result result;
+    if (fd_ < 0) {
+      result.rc = Walk(path_, result.total);
+    } else if (!Receive(result)) {
+      result.rc = -1;
+    }
+    if (result.rc != 0) {
+      LOG_ERROR("traverse accumulate size fail\n");
+      return Step::kFailed;
+    }
+    return sum.Add(result.total) ? Step::kNext : Step::kStopped;
+  }
+
+ private:
+  struct Result {
+    int rc = -1;
+    unsigned long long total = 0;
+  };
+
+  static int Walk(const std::string& path, unsigned long long& total) {
+    FolderSizeCounter counter(path);
+    const int rc = TraverseDir(counter, 0);
+    total = counter.GetTotal();
+    return rc;
+  }
+
+  bool Receive(Result& result) {
+    size_t got = 0;
+    auto* bytes = reinterpret_cast<char*>(&result);
+    while (got < sizeof result) {
+      const ssize_t n = read(fd_, bytes + got, sizeof result - got);
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) break;
+      got += static_cast<size_t>(n);
+    }
+    Reap();
+    return got == sizeof result;
+  }
+
+  void Reap() {
+    while (waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {
+    }
+    pid_ = -1;
+  }
+
+  std::string path_;
+  bool exists_ = false;
+  pid_t pid_ = -1;
+  int fd_ = -1;  // the walker's answer
+};
 
 }  // namespace
 
 int SumDatabaseUsage(const AfterEachSum& after_each, unsigned long long& usage) {
   usage = 0;
   Sum sum(after_each);
+  OfficeWalk office;
+  office.Start();
   unsigned long long size = 0;
   if (db::Manager::GetLogDBFileSize(size) < 0) {
     LOG_ERROR("Failed to get log db file size\n");
@@ -128,7 +221,7 @@ int SumDatabaseUsage(const AfterEachSum& after_each, unsigned long long& usage) 
   Step step = sum.Add(size) ? Step::kNext : Step::kStopped;
   if (step == Step::kNext) step = AddViews(sum);
   if (step == Step::kNext) step = AddFileDatabases(sum);
-  if (step == Step::kNext) step = AddOfficeFolder(sum);
+  if (step == Step::kNext) step = office.AddTo(sum);
   usage = sum.usage();
   switch (step) {
     case Step::kNext:

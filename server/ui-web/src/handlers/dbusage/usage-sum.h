@@ -2,7 +2,8 @@
 // databases and store take, summed in a fixed order (the log database;
 // per view its node deltas, signatures, Mac attributes and database file;
 // per volume its stored files, deltas and database file; the office
-// folder when there is one).
+// folder when there is one, walked by a process of its own beside the
+// database sums and added last).
 #pragma once
 
 #include <functional>

@@ -169,7 +169,13 @@ int OfficeItem::PrepareImpl(const std::string& work_dir, const Target& target,
   TaskActor office_actor = actor;
   const std::string dest_dir = target.root_path + target.dir;
   const bool under = IsDestUnderTidepool(dest_dir) == 0;
-  if (node.isRemoved()) office_actor.SetAction(TaskActor::ACTION_COPY);
+  // Removed: the version asked for may be one from before the deletion,
+  // so the node's present state decides as well.
+  db::Node present;
+  if (node.isRemoved() || view.GetVif()->QueryNode(version.getNodeId(), present,
+                                                   db::ViewManager::kQueryExisting) != 0) {
+    office_actor.SetAction(TaskActor::ACTION_COPY);
+  }
   const std::string id_path = "id:" + std::to_string(permanent_id);
   int rc;
   if (under && !office_actor.IsRestoring()) {

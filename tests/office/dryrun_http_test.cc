@@ -5,6 +5,7 @@
 
 #include "office-format.h"
 #include "office-world.h"
+#include "process.h"
 #include "sandbox.h"
 
 using namespace rtest;
@@ -133,6 +134,65 @@ TEST_F(DryRunTest, CallersLearnOnlyOfWhatTheyMayRead) {
             (std::vector<std::string>{"/shelf/open.tdoc", "/shelf/private/locked.tdoc"}));
   EXPECT_EQ(everything.json["data"][0]["user_name"].asString(), "team");
   EXPECT_TRUE(everything.json["data"][0]["is_share"].asBool());
+}
+
+// Each refusal in its order: a request wrong in several ways gets the
+// first one that applies.
+TEST_F(DryRunTest, RefusesInOrder) {
+  const Json::Value notes = Browse(alice_, "mine", "/docs/notes.txt");
+  Json::Value forged = notes;
+  forged["node_id"] = "1x";
+  Json::Value stranger = notes;
+  stranger["node_id"] = "999999";
+  const struct {
+    const char* what;
+    Params extra;
+    std::string target;
+    Json::Value node;
+    int code;
+  } rows[] = {
+      {"another's view, unmounted share, forged id",
+       {{"view_role", "bob"}},
+       "@nosuch",
+       forged,
+       402},
+      {"unmounted share, forged id", {}, "@nosuch", forged, 603},
+      {"a share the service does not keep", {}, "@vault", forged, 501},
+      {"forged id", {}, "mine", forged, 401},
+      {"an id that names another node", {}, "mine", stranger, 403},
+  };
+  for (const auto& row : rows) {
+    const auto answer = DryRun(alice_, row.target, {row.node}, row.extra);
+    EXPECT_FALSE(answer.success()) << row.what << ": " << answer.body;
+    EXPECT_EQ(answer.code(), row.code) << row.what << ": " << answer.body;
+  }
+}
+
+// A share whose content is stored sealed is not a reason to ask for
+// passwords: its documents need one only when they say so themselves.
+TEST_F(DryRunTest, AnEncryptedShareNeedsNoPasswordsOfItsOwn) {
+  const std::string vault = "/volume1/sealed";
+  for (const std::vector<std::string>& args :
+       {std::vector<std::string>{"/usr/kstx/bin/kstx-admin", "share", "add", "sealed", "--volume",
+                                 "/volume1", "--encrypted", "--passphrase", "slack water"},
+        {"/usr/kstx/bin/kstx-admin", "share", "perm", "sealed", "alice", "rw"}}) {
+    const auto run = tptest::RunProcess(args);
+    ASSERT_EQ(run.exit_status, 0) << run.out << run.err;
+  }
+  MakeDir(vault, "alice", 0775);
+  const auto enabled = tptest::RunProcess(
+      {"/var/packages/Tidepool/target/bin/driftway-control", "share", "--enable", "sealed"});
+  ASSERT_EQ(enabled.exit_status, 0) << enabled.out << enabled.err;
+  BuildHistory(
+      vault, {{kT2,
+               {Entry("papers/", "", 0775), Entry("papers/plain.tdoc", Doc("plain\n", false), 0644),
+                Entry("papers/notes.txt", "notes\n", 0644),
+                Entry("papers/locked.tdoc", Doc("locked\n", true), 0644)},
+               {}}});
+  const std::string admin = LoginAs("admin");
+  const auto answer = DryRun(admin, "@sealed", {Browse(admin, "@sealed", "/papers")});
+  ASSERT_TRUE(answer.success()) << answer.body;
+  EXPECT_EQ(Paths(answer), (std::vector<std::string>{"/papers/locked.tdoc"}));
 }
 
 }  // namespace

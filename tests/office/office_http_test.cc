@@ -118,11 +118,19 @@ TEST_F(OfficeTest, InPlaceRestoreAsksTheOfficePackageWithThePassword) {
     entry["decrypt"] = kPassword;
     return entry;
   }();
+  // A numeric id or a password that is not text is refused before anything
+  // starts.
   Json::Value good = bad;
   good["permanent_id"] = docs_[1].permanent_id;
-  const auto refused = StartRestore(alice_, "mine", {secret_v1},
-                                    {{"decrypt", Json::Value(Json::arrayValue).append(bad)}});
-  EXPECT_EQ(refused.code(), 401) << refused.body;
+  Json::Value not_text = good;
+  not_text["decrypt"] = 5;
+  for (const Json::Value& entry : {bad, not_text}) {
+    Json::Value malformed(Json::arrayValue);
+    malformed.append(entry);
+    const auto refused = StartRestore(alice_, "mine", {secret_v1}, {{"decrypt", malformed}});
+    EXPECT_EQ(refused.code(), 401) << refused.body;
+  }
+  EXPECT_FALSE(RecordExists());
   Json::Value decrypt(Json::arrayValue);
   decrypt.append(good);
   const tptest::WebAnswer start = StartRestore(alice_, "mine", {secret_v1}, {{"decrypt", decrypt}});

@@ -131,6 +131,9 @@ TEST_F(OfficeTest, InPlaceRestoreAsksTheOfficePackageWithThePassword) {
     EXPECT_EQ(refused.code(), 401) << refused.body;
   }
   EXPECT_FALSE(RecordExists());
+  const std::string log = Read("/var/packages/Tidepool/var/log/tidepool.log");
+  EXPECT_NE(log.find("Malformed decrypt_info"), std::string::npos);
+  EXPECT_EQ(log.find(kPassword), std::string::npos);
   Json::Value decrypt(Json::arrayValue);
   decrypt.append(good);
   const tptest::WebAnswer start = StartRestore(alice_, "mine", {secret_v1}, {{"decrypt", decrypt}});

@@ -103,6 +103,15 @@ TEST_F(DryRunTest, ListsTheProtectedDocumentsOfASelection) {
   EXPECT_EQ(Paths(then), (std::vector<std::string>{"/docs/gone.tdoc", "/docs/secret.tdoc",
                                                    "/docs/sub/deep.tsheet"}));
 
+  // The name a client sends picks the kind of item, never the answer.
+  Json::Value renamed = secret;
+  renamed["name"] = "other.tslides";
+  const auto named = DryRun(alice_, "mine", {renamed});
+  ASSERT_EQ(named.json["data"].size(), 1u) << named.body;
+  EXPECT_EQ(named.json["data"][0]["name"].asString(), "secret.tdoc");
+  renamed["name"] = "secret.txt";
+  EXPECT_EQ(DryRun(alice_, "mine", {renamed}).json["data"].size(), 0u);
+
   const auto twice = DryRun(alice_, "mine", {secret, secret});
   ASSERT_TRUE(twice.success()) << twice.body;
   EXPECT_EQ(Paths(twice), (std::vector<std::string>{"/docs/secret.tdoc", "/docs/secret.tdoc"}));

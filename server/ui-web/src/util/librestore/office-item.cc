@@ -166,16 +166,9 @@ int OfficeItem::PrepareImpl(const std::string& work_dir, const Target& target,
     RESTORE_ERR("Failed to QueryNodeByPermanentIdAndSyncId(), %s", InfoString().c_str());
     return RC_GENERAL;
   }
-  TaskActor office_actor = actor;
+  const TaskActor office_actor = OfficeActor(node, actor);
   const std::string dest_dir = target.root_path + target.dir;
   const bool under = IsDestUnderTidepool(dest_dir) == 0;
-  // Removed: the version asked for may be one from before the deletion,
-  // so the node's present state decides as well.
-  db::Node present;
-  if (node.isRemoved() || view.GetVif()->QueryNode(version.getNodeId(), present,
-                                                   db::ViewManager::kQueryExisting) != 0) {
-    office_actor.SetAction(TaskActor::ACTION_COPY);
-  }
   const std::string id_path = "id:" + std::to_string(permanent_id);
   int rc;
   if (under && !office_actor.IsRestoring()) {
@@ -193,6 +186,18 @@ int OfficeItem::PrepareImpl(const std::string& work_dir, const Target& target,
   if (rc != kOfficeMissing) return rc;
   NoteOfficeMissing();
   return AsStored(work_dir, target, actor, flags);
+}
+
+TaskActor OfficeItem::OfficeActor(const db::Node& node, const TaskActor& actor) {
+  TaskActor office_actor = actor;
+  // The version asked for may be one from before the deletion, so the
+  // node's present state decides as well.
+  db::Node present;
+  if (node.isRemoved() || view.GetVif()->QueryNode(version.getNodeId(), present,
+                                                   db::ViewManager::kQueryExisting) != 0) {
+    office_actor.SetAction(TaskActor::ACTION_COPY);
+  }
+  return office_actor;
 }
 
 int OfficeItem::AsStored(const std::string& work_dir, const Target& target, const TaskActor& actor,

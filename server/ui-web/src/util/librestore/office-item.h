@@ -57,6 +57,9 @@ class OfficeItem : public RegularItem {
   // This document's node as it stood in the item's version.
   int QueryNode(db::Node& node, bool include_removed);
   int QueryDecryptByPermanentId(std::string& password) const;
+  // The actor of the office calls: a removed document is duplicated anew,
+  // never put back in place as itself.
+  TaskActor OfficeActor(const db::Node& node, const TaskActor& actor);
   int Duplicate(const std::string& id_path, const std::string& dest_dir, const TaskActor& actor,
                 int flags, const std::string& password);
   int Export(const std::string& id_path, const std::string& work_dir, const Target& target,

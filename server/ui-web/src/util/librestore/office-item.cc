@@ -287,9 +287,10 @@ int OfficeItem::PlaceExport(const std::string& export_path, const std::string& w
     RESTORE_ERR("The office package left no export at '%s'", export_path.c_str());
     return RC_GENERAL;
   }
-  const std::string staged = work_dir + "/" + final_name;
-  const fsb::UniqueFd dest(
-      open(staged.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+  // A name of its own: in a download the working folder is the
+  // destination too, where a file of the final name may already stand.
+  std::string staged = work_dir + "/.export.XXXXXX";
+  const fsb::UniqueFd dest(mkostemp(staged.data(), O_CLOEXEC));
   if (!dest.valid()) {
     RESTORE_ERR("Cannot stage '%s': %s", final_name.c_str(), strerror(errno));
     return RC_GENERAL;

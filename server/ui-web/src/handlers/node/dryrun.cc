@@ -126,7 +126,7 @@ int NodeDryrunHandler::DryRun(const RequestAuthentication& auth,
     }
     for (const db::Node& node : found) {
       bool allowed = true;
-      if (view.GetRights().Limited() &&
+      if (!view.GetRights().RefusesNothing() &&
           (tidepool::restore::JudgeNode(view, node.getPermanentId(),
                                         node.isRemoved() ? 0 : node.getSyncId(),
                                         desc.ver_ctime_upper_bound, allowed) < 0 ||

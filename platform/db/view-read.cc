@@ -319,6 +319,7 @@ int ViewDB::RunSearch(const SearchNodeFilter& f, bool count_only, std::vector<No
   }
   values.emplace_back(p);
   if (f.removed_mode != 3) sql += " AND s.removed = 0";
+  if (f.encrypted_only) sql += " AND s.encrypted = 1";
   if (f.file_type == kFileTypeDir) {
     sql += " AND s.file_type = 1";
   } else if (f.file_type == 0) {

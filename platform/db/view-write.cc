@@ -135,8 +135,16 @@ CREATE INDEX versions_by_file ON versions(file_id) WHERE file_id != 0;
 CREATE INDEX versions_by_mac ON versions(mac_attr_file_id) WHERE mac_attr_file_id != 0;
 )sql";
 
+// `encrypted` once copied the sealing of an encrypted share onto every
+// version; it now says that an office document is password-protected,
+// which versions recorded before could not tell.
+constexpr const char* kSchema3 = R"sql(
+UPDATE versions SET encrypted = 0 WHERE encrypted != 0;
+UPDATE nodes SET encrypted = 0 WHERE encrypted != 0;
+)sql";
+
 const std::vector<const char*>& ViewMigrations() {
-  static const std::vector<const char*> list = {kSchema1, kSchema2};
+  static const std::vector<const char*> list = {kSchema1, kSchema2, kSchema3};
   return list;
 }
 

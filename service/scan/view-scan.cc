@@ -15,9 +15,26 @@
 #include "db/log-types.h"
 #include "file-util.h"
 #include "logger.h"
+#include "office-format.h"
 
 namespace scan {
 namespace {
+
+// An office document whose header marks it as opening only with its
+// password (office-format.h). Read through the descriptor already open for
+// the content, so that the flag describes the bytes that were stored.
+bool IsProtectedDocument(const DiskEntry& e, int fd) {
+  if (e.file_type != db::kFileTypeFile) return false;
+  const size_t slash = e.path.rfind('/');
+  if (!office_format::IsDocumentName(slash == std::string::npos ? e.path
+                                                                : e.path.substr(slash + 1))) {
+    return false;
+  }
+  char head[office_format::kHeaderMax];
+  const ssize_t n = pread(fd, head, sizeof head, 0);
+  return n > 0 &&
+         office_format::HeaderSaysProtected(std::string_view(head, static_cast<size_t>(n)));
+}
 
 std::string ParentOf(const std::string& path) {
   const size_t slash = path.rfind('/');
@@ -608,7 +625,7 @@ int ViewScan::Record(size_t i, uint64_t node_id) {
   v.mac_attr_uuid = now.mac_uuid;
   v.mac_attr_hash = now.mac_hash;
   v.client_id = options_.client_id;
-  v.encrypted = target_.encrypted;
+  v.encrypted = opened >= 0 && IsProtectedDocument(e, fd.get());
   db::Node node;
   if ((rc = view_.AddVersion(v, node)) < 0) {
     LOG_ERROR("scan: cannot record %s (%d)\n", e.abs_path.c_str(), rc);

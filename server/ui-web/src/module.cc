@@ -23,6 +23,7 @@
 #include "handlers/node/download/start.h"
 #include "handlers/node/download/status.h"
 #include "handlers/node/download/stop.h"
+#include "handlers/node/dryrun.h"
 #include "handlers/node/list-parent.h"
 #include "handlers/node/list-version.h"
 #include "handlers/node/list.h"
@@ -112,6 +113,7 @@ void Process(KSTX::APIRequest* request, KSTX::APIResponse* response) {
   bridge.AddHandler(new NodeListParentHandler);
   bridge.AddHandler(new NodeListVersionHandler);
   bridge.AddHandler(new NodeActivityHandler);
+  bridge.AddHandler(new NodeDryrunHandler);
   bridge.AddHandler(new NodeRestoreStartHandler);
   bridge.AddHandler(new NodeRestoreStatusHandler);
   bridge.AddHandler(new NodeRestoreFinishHandler);

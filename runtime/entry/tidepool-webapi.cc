@@ -1,0 +1,353 @@
+// tidepool-webapi: web-API requests served by processes forked from a
+// parent that has the runtime and the modules loaded, instead of one exec of
+// entry.cgi per request. Started as root beside lighttpd, which reaches it
+// over SCGI.
+//
+//   tidepool-webapi [--socket PATH] [--peer-user NAME] [--time-limit SECONDS]
+//                   [--max-children N]
+//
+// Parent:
+//  1. start clean; load every module of the index and the login plugin, with
+//     their libraries bound and their static data built: the work an exec'd
+//     entry.cgi repeats for each request. Nothing of a request, no session
+//     and no database is opened here;
+//  2. listen on the socket, in a folder only root and the web server's group
+//     may enter (0750 root:GROUP, the socket 0660), and serve only peers whose
+//     credentials are the web server's account or root;
+//  3. accept a connection and fork; the child is the request's process from
+//     then on, the parent closes its copy of the connection at once;
+//  4. reap children as they end; one that outlives the time limit (and is not
+//     streaming a raw answer to its client) is killed a little later, when its
+//     own timer did not end it. The parent never serves a request and never
+//     changes its ids.
+// Child:
+//  5. signals back to their defaults, the connection becomes standard input
+//     and output, the SCGI header becomes the environment, and from there on
+//     it is entry.cgi: clean start, lowered ids, decoding, session, dispatch,
+//     answer, exit.
+// A new build of a module is taken up by restarting the parent.
+#include <dlfcn.h>
+#include <grp.h>
+#include <poll.h>
+#include <pwd.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/signalfd.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <map>
+#include <set>
+#include <string>
+
+#include "login-plugin.h"
+#include "module-index.h"
+#include "scgi.h"
+#include "serve-request.h"
+
+extern char** environ;
+
+namespace kstxentry {
+namespace {
+
+constexpr const char* kDefaultSocket = "/tmp/tidepool-webapi/webapi.sock";
+// A hung child's own timer answers it; this is for one that blocked it.
+constexpr unsigned kKillGraceSeconds = 5;
+
+struct Options {
+  std::string socket_path = kDefaultSocket;
+  std::string peer_user = "www-data";
+  unsigned time_limit = 300;
+  unsigned max_children = 64;
+};
+
+struct Child {
+  time_t deadline = 0;
+  volatile std::uint8_t* streaming = nullptr;  // a page shared with the child
+  bool killed = false;
+};
+
+void Log(const char* format, const char* detail) {
+  std::fprintf(stderr, "tidepool-webapi: ");
+  std::fprintf(stderr, format, detail);
+  std::fputc('\n', stderr);
+}
+
+int Usage() {
+  std::fprintf(stderr,
+               "usage: tidepool-webapi [--socket PATH] [--peer-user NAME] [--time-limit SECONDS]"
+               " [--max-children N]\n");
+  return 2;
+}
+
+bool ParseCount(const char* text, unsigned& out) {
+  char* end = nullptr;
+  errno = 0;
+  const unsigned long value = std::strtoul(text, &end, 10);
+  if (errno != 0 || end == text || *end != '\0' || value > 1000000) return false;
+  out = static_cast<unsigned>(value);
+  return true;
+}
+
+bool ParseOptions(int argc, char** argv, Options& options) {
+  for (int i = 1; i < argc; i += 2) {
+    if (i + 1 >= argc) return false;
+    const std::string name = argv[i];
+    if (name == "--socket") {
+      options.socket_path = argv[i + 1];
+    } else if (name == "--peer-user") {
+      options.peer_user = argv[i + 1];
+    } else if (name == "--time-limit") {
+      if (!ParseCount(argv[i + 1], options.time_limit)) return false;
+    } else if (name == "--max-children") {
+      if (!ParseCount(argv[i + 1], options.max_children) || options.max_children == 0) {
+        return false;
+      }
+    } else {
+      return false;
+    }
+  }
+  return options.socket_path.size() < sizeof(sockaddr_un::sun_path) &&
+         options.socket_path.front() == '/';
+}
+
+// Every symbol of the runtime's libraries is bound once here rather than
+// lazily in each child. The child's environment is rebuilt from the request,
+// so the variable goes no further.
+void BindNowOrReexec(char** argv) {
+  if (getenv("LD_BIND_NOW") != nullptr) {
+    unsetenv("LD_BIND_NOW");
+    return;
+  }
+  setenv("LD_BIND_NOW", "1", 1);
+  execv("/proc/self/exe", argv);
+  unsetenv("LD_BIND_NOW");  // no re-exec: lazy binding only costs time
+}
+
+// The modules' code and static data, and the login plugin's, made ready
+// once. dlopen of the same path in a child then finds them loaded.
+void Preload() {
+  std::set<std::string> loaded;
+  for (const ApiIndexEntry& entry : ReadModuleIndex()) {
+    if (!loaded.insert(entry.module_path).second) continue;
+    if (dlopen(entry.module_path.c_str(), RTLD_NOW | RTLD_LOCAL) == nullptr) {
+      // Its requests answer as entry.cgi answers a module it cannot load.
+      Log("cannot preload: %s", dlerror());
+    }
+  }
+  if (dlopen(kLoginPluginPath, RTLD_NOW | RTLD_LOCAL) == nullptr) {
+    Log("cannot preload the login plugin: %s", dlerror());
+  }
+}
+
+// The socket's folder: root's, entered only by root and `group`. A folder
+// someone else made, or a link, is refused rather than trusted.
+int PrepareFolder(const std::string& folder, gid_t group) {
+  if (mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST) return -1;
+  struct stat st {};
+  if (lstat(folder.c_str(), &st) != 0 || !S_ISDIR(st.st_mode) || st.st_uid != 0) {
+    errno = EPERM;
+    return -1;
+  }
+  if (chown(folder.c_str(), 0, group) != 0 || chmod(folder.c_str(), 0750) != 0) return -1;
+  return 0;
+}
+
+int Listen(const Options& options, gid_t group) {
+  const std::string folder = options.socket_path.substr(0, options.socket_path.rfind('/'));
+  if (!folder.empty() && PrepareFolder(folder, group) != 0) {
+    Log("cannot prepare the socket's folder: %s", std::strerror(errno));
+    return -1;
+  }
+  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::strncpy(address.sun_path, options.socket_path.c_str(), sizeof address.sun_path - 1);
+  // A socket left by a parent that died; the folder is root's alone to write.
+  unlink(options.socket_path.c_str());
+  const mode_t mask = umask(0177);
+  const bool bound =
+      fd >= 0 && bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+  umask(mask);
+  if (!bound || chown(options.socket_path.c_str(), 0, group) != 0 ||
+      chmod(options.socket_path.c_str(), 0660) != 0 || listen(fd, 128) != 0) {
+    Log("cannot listen: %s", std::strerror(errno));
+    if (fd >= 0) close(fd);
+    return -1;
+  }
+  return fd;
+}
+
+bool PeerAllowed(int fd, uid_t peer_uid) {
+  ucred cred{};
+  socklen_t size = sizeof cred;
+  if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &size) != 0) return false;
+  return cred.uid == peer_uid || cred.uid == 0;
+}
+
+// The child's side: from a copy of the parent to the request's process.
+[[noreturn]] void RunChild(int connection, volatile std::uint8_t* streaming, unsigned time_limit) {
+  sigset_t none;
+  sigemptyset(&none);
+  sigprocmask(SIG_SETMASK, &none, nullptr);
+  for (int sig : {SIGCHLD, SIGPIPE, SIGTERM, SIGINT, SIGHUP}) signal(sig, SIG_DFL);
+  // The page tells the parent about this request only, not its children's.
+  madvise(const_cast<std::uint8_t*>(streaming), 4096, MADV_DONTFORK);
+  ScgiHeaders headers;
+  // A peer that stalls before its header ends is given the request's limit.
+  if (time_limit > 0) alarm(time_limit);
+  if (dup2(connection, STDIN_FILENO) < 0 || dup2(connection, STDOUT_FILENO) < 0 ||
+      ReadScgiHeaders(STDIN_FILENO, headers) != 0) {
+    _exit(1);
+  }
+  alarm(0);
+  close(connection);
+  clearenv();
+  for (const auto& [name, value] : headers) setenv(name.c_str(), value.c_str(), 1);
+  RequestLimits limits;
+  limits.time_limit_seconds = time_limit;
+  limits.streaming = streaming;
+  std::exit(ServeRequestProcess(limits));
+}
+
+class Server {
+ public:
+  Server(const Options& options, int listener, int signals, uid_t peer_uid)
+      : options_(options), listener_(listener), signals_(signals), peer_uid_(peer_uid) {}
+
+  int Run() {
+    for (;;) {
+      pollfd fds[2] = {{signals_, POLLIN, 0}, {listener_, POLLIN, 0}};
+      // At the limit of children the backlog holds further connections.
+      const nfds_t count = children_.size() < options_.max_children ? 2 : 1;
+      const int ready = poll(fds, count, children_.empty() ? -1 : 1000);
+      if (ready < 0 && errno != EINTR) return 1;
+      if (fds[0].revents & POLLIN) {
+        signalfd_siginfo info{};
+        while (read(signals_, &info, sizeof info) == sizeof info) {
+          if (info.ssi_signo != SIGCHLD) return Stop();
+        }
+        Reap();
+      }
+      if (count == 2 && (fds[1].revents & POLLIN)) Accept();
+      KillOverdue();
+    }
+  }
+
+ private:
+  void Accept() {
+    const int connection = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+    if (connection < 0) return;
+    if (!PeerAllowed(connection, peer_uid_)) {
+      close(connection);
+      return;
+    }
+    void* page = mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (page == MAP_FAILED) {
+      close(connection);
+      return;
+    }
+    auto* streaming = static_cast<volatile std::uint8_t*>(page);
+    const pid_t pid = fork();
+    if (pid == 0) {
+      close(listener_);
+      close(signals_);
+      RunChild(connection, streaming, options_.time_limit);
+    }
+    close(connection);
+    if (pid < 0) {
+      munmap(page, 4096);
+      return;
+    }
+    Child& child = children_[pid];
+    child.streaming = streaming;
+    child.deadline =
+        options_.time_limit > 0 ? time(nullptr) + options_.time_limit + kKillGraceSeconds : 0;
+  }
+
+  void Reap() {
+    int status = 0;
+    for (pid_t pid; (pid = waitpid(-1, &status, WNOHANG)) > 0;) {
+      auto it = children_.find(pid);
+      if (it == children_.end()) continue;
+      if (WIFSIGNALED(status) && !it->second.killed) {
+        Log("a request's process died of signal %s", strsignal(WTERMSIG(status)));
+      }
+      munmap(const_cast<std::uint8_t*>(it->second.streaming), 4096);
+      children_.erase(it);
+    }
+  }
+
+  void KillOverdue() {
+    const time_t now = time(nullptr);
+    for (auto& [pid, child] : children_) {
+      if (child.killed || child.deadline == 0 || now < child.deadline || *child.streaming != 0) {
+        continue;
+      }
+      Log("%s", "a request outlived its time limit and is killed");
+      kill(pid, SIGKILL);
+      child.killed = true;
+    }
+  }
+
+  int Stop() {
+    // Requests under way finish; new ones find no socket.
+    unlink(options_.socket_path.c_str());
+    close(listener_);
+    return 0;
+  }
+
+  const Options& options_;
+  const int listener_;
+  const int signals_;
+  const uid_t peer_uid_;
+  std::map<pid_t, Child> children_;
+};
+
+int Main(int argc, char** argv) {
+  Options options;
+  if (!ParseOptions(argc, argv, options)) return Usage();
+  if (getuid() != 0 || geteuid() != 0) {
+    std::fprintf(stderr, "tidepool-webapi: must be started by root\n");
+    return 2;
+  }
+  BindNowOrReexec(argv);
+  umask(022);
+  if (chdir("/") != 0) return 1;
+  close_range(3, ~0u, 0);
+  const passwd* peer = getpwnam(options.peer_user.c_str());
+  if (peer == nullptr) {
+    Log("no such user: %s", options.peer_user.c_str());
+    return 2;
+  }
+  const uid_t peer_uid = peer->pw_uid;
+  const gid_t peer_gid = peer->pw_gid;
+
+  Preload();
+  sigset_t handled;
+  sigemptyset(&handled);
+  for (int sig : {SIGCHLD, SIGTERM, SIGINT, SIGHUP}) sigaddset(&handled, sig);
+  sigprocmask(SIG_BLOCK, &handled, nullptr);
+  // A client gone before its answer is the child's concern, never the parent's.
+  signal(SIGPIPE, SIG_IGN);
+  const int signals = signalfd(-1, &handled, SFD_CLOEXEC | SFD_NONBLOCK);
+  const int listener = Listen(options, peer_gid);
+  if (signals < 0 || listener < 0) return 1;
+  std::fprintf(stderr, "tidepool-webapi: serving on %s\n", options.socket_path.c_str());
+  Server server(options, listener, signals, peer_uid);
+  return server.Run();
+}
+
+}  // namespace
+}  // namespace kstxentry
+
+int main(int argc, char** argv) { return kstxentry::Main(argc, argv); }

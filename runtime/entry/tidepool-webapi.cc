@@ -61,7 +61,7 @@ namespace {
 
 constexpr const char* kDefaultSocket = "/tmp/tidepool-webapi/webapi.sock";
 // A hung child's own timer answers it; this is for one that blocked it.
-constexpr unsigned kKillGraceSeconds = 5;
+constexpr unsigned kKillGraceSeconds = 2;
 
 struct Options {
   std::string socket_path = kDefaultSocket;

@@ -356,6 +356,10 @@ int ServeRequestProcess(const RequestLimits& limits) {
   std::fflush(stdout);
   DisarmFailSafe();
   RemoveUpload();
+  // The web server ends the answer when the connection or pipe closes: not
+  // after the process's clean-up, which is no concern of the caller.
+  close(STDOUT_FILENO);
+  close(STDIN_FILENO);
   return 0;
 }
 

@@ -128,8 +128,13 @@ void BindNowOrReexec(char** argv) {
     unsetenv("LD_BIND_NOW");
     return;
   }
+  // The program's own path, so that the processes keep its name.
+  char self[4096];
+  const ssize_t length = readlink("/proc/self/exe", self, sizeof self - 1);
+  if (length <= 0) return;
+  self[length] = '\0';
   setenv("LD_BIND_NOW", "1", 1);
-  execv("/proc/self/exe", argv);
+  execv(self, argv);
   unsetenv("LD_BIND_NOW");  // no re-exec: lazy binding only costs time
 }
 

@@ -4,7 +4,7 @@
 // over SCGI.
 //
 //   tidepool-webapi [--socket PATH] [--peer-user NAME] [--time-limit SECONDS]
-//                   [--max-children N]
+//                   [--max-children N] [--spares N]
 //
 // Parent:
 //  1. start clean; load every module of the index and the login plugin, with
@@ -12,26 +12,31 @@
 //     entry.cgi repeats for each request. Nothing of a request, no session
 //     and no database is opened here;
 //  2. listen on the socket, in a folder only root and the web server's group
-//     may enter (0750 root:GROUP, the socket 0660), and serve only peers whose
-//     credentials are the web server's account or root;
-//  3. accept a connection and fork; the child is the request's process from
-//     then on, the parent closes its copy of the connection at once;
+//     may enter (0750 root:GROUP, the socket 0660);
+//  3. fork a few children ahead of the requests (--spares), so that the fork
+//     is not paid while a caller waits. Each child accepts one connection and
+//     tells the parent, which forks the next;
 //  4. reap children as they end; one that outlives the time limit (and is not
 //     streaming a raw answer to its client) is killed a little later, when its
-//     own timer did not end it. The parent never serves a request and never
-//     changes its ids.
+//     own timer did not end it. The parent never accepts a connection, never
+//     serves a request and never changes its ids.
 // Child:
-//  5. signals back to their defaults, the connection becomes standard input
+//  5. while it waits, die with the parent;
+//  6. accept one connection, tell the parent, stop listening; a peer other
+//     than the web server's account or root is turned away;
+//  7. signals back to their defaults, the connection becomes standard input
 //     and output, the SCGI header becomes the environment, and from there on
 //     it is entry.cgi: clean start, lowered ids, decoding, session, dispatch,
-//     answer, exit.
+//     answer, exit. One child, one request.
 // A new build of a module is taken up by restarting the parent.
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <grp.h>
 #include <poll.h>
 #include <pwd.h>
 #include <signal.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -68,9 +73,11 @@ struct Options {
   std::string peer_user = "www-data";
   unsigned time_limit = 300;
   unsigned max_children = 64;
+  unsigned spares = 2;
 };
 
 struct Child {
+  bool busy = false;  // has accepted its connection
   time_t deadline = 0;
   volatile std::uint8_t* streaming = nullptr;  // a page shared with the child
   bool killed = false;
@@ -85,7 +92,7 @@ void Log(const char* format, const char* detail) {
 int Usage() {
   std::fprintf(stderr,
                "usage: tidepool-webapi [--socket PATH] [--peer-user NAME] [--time-limit SECONDS]"
-               " [--max-children N]\n");
+               " [--max-children N] [--spares N]\n");
   return 2;
 }
 
@@ -108,6 +115,9 @@ bool ParseOptions(int argc, char** argv, Options& options) {
       options.peer_user = argv[i + 1];
     } else if (name == "--time-limit") {
       if (!ParseCount(argv[i + 1], options.time_limit)) return false;
+    } else if (name == "--spares") {
+      // Only the spares accept: without one nothing is served.
+      if (!ParseCount(argv[i + 1], options.spares) || options.spares == 0) return false;
     } else if (name == "--max-children") {
       if (!ParseCount(argv[i + 1], options.max_children) || options.max_children == 0) {
         return false;
@@ -199,14 +209,12 @@ bool PeerAllowed(int fd, uid_t peer_uid) {
   return cred.uid == peer_uid || cred.uid == 0;
 }
 
-// The child's side: from a copy of the parent to the request's process.
+// The request's side, once the connection is accepted.
 [[noreturn]] void RunChild(int connection, volatile std::uint8_t* streaming, unsigned time_limit) {
   sigset_t none;
   sigemptyset(&none);
   sigprocmask(SIG_SETMASK, &none, nullptr);
   for (int sig : {SIGCHLD, SIGPIPE, SIGTERM, SIGINT, SIGHUP}) signal(sig, SIG_DFL);
-  // The page tells the parent about this request only, not its children's.
-  madvise(const_cast<std::uint8_t*>(streaming), 4096, MADV_DONTFORK);
   ScgiHeaders headers;
   // A peer that stalls before its header ends is given the request's limit.
   if (time_limit > 0) alarm(time_limit);
@@ -224,18 +232,52 @@ bool PeerAllowed(int fd, uid_t peer_uid) {
   std::exit(ServeRequestProcess(limits));
 }
 
+// A child forked ahead of its request: waits for one connection.
+[[noreturn]] void RunSpare(pid_t parent, int listener, int accepted_pipe, uid_t peer_uid,
+                           volatile std::uint8_t* streaming, unsigned time_limit) {
+  // A parent gone means lighttpd must see a closed socket (and answer 503),
+  // not children that still accept.
+  if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || getppid() != parent) _exit(1);
+  // The page tells the parent about this request only, not its children's.
+  madvise(const_cast<std::uint8_t*>(streaming), 4096, MADV_DONTFORK);
+  sigset_t stop;
+  sigemptyset(&stop);
+  sigaddset(&stop, SIGTERM);
+  signal(SIGTERM, SIG_DFL);
+  sigprocmask(SIG_UNBLOCK, &stop, nullptr);
+  int connection;
+  do {
+    connection = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+  } while (connection < 0 && (errno == EINTR || errno == ECONNABORTED));
+  if (connection < 0) _exit(1);
+  const pid_t self = getpid();
+  (void)!write(accepted_pipe, &self, sizeof self);
+  // From here the request finishes even if the parent dies.
+  prctl(PR_SET_PDEATHSIG, 0);
+  close(accepted_pipe);
+  close(listener);
+  if (!PeerAllowed(connection, peer_uid)) _exit(0);
+  RunChild(connection, streaming, time_limit);
+}
+
 class Server {
  public:
   Server(const Options& options, int listener, int signals, uid_t peer_uid)
       : options_(options), listener_(listener), signals_(signals), peer_uid_(peer_uid) {}
 
   int Run() {
+    int accepted[2];
+    if (pipe2(accepted, O_CLOEXEC | O_NONBLOCK) != 0) return 1;
+    accepted_read_ = accepted[0];
+    accepted_write_ = accepted[1];
     for (;;) {
-      pollfd fds[2] = {{signals_, POLLIN, 0}, {listener_, POLLIN, 0}};
-      // At the limit of children the backlog holds further connections.
-      const nfds_t count = children_.size() < options_.max_children ? 2 : 1;
-      const int ready = poll(fds, count, children_.empty() ? -1 : 1000);
+      TopUp();
+      pollfd fds[2] = {{signals_, POLLIN, 0}, {accepted_read_, POLLIN, 0}};
+      const bool waiting = options_.time_limit > 0 && busy_ > 0;
+      const bool backing_off = idle_ < options_.spares && children_.size() < options_.max_children;
+      const int ready = poll(fds, 2, backing_off ? 100 : waiting ? 1000 : -1);
       if (ready < 0 && errno != EINTR) return 1;
+      if (fds[1].revents & POLLIN) Accepted();
       if (fds[0].revents & POLLIN) {
         signalfd_siginfo info{};
         while (read(signals_, &info, sizeof info) == sizeof info) {
@@ -243,51 +285,68 @@ class Server {
         }
         Reap();
       }
-      if (count == 2 && (fds[1].revents & POLLIN)) Accept();
       KillOverdue();
     }
   }
 
  private:
-  void Accept() {
-    const int connection = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
-    if (connection < 0) return;
-    if (!PeerAllowed(connection, peer_uid_)) {
-      close(connection);
-      return;
+  // Spares up to the number asked for, within the limit of children; after
+  // a spare died idle (it could not accept), not again for a moment.
+  void TopUp() {
+    const time_t now = time(nullptr);
+    if (now == idle_death_) return;
+    while (idle_ < options_.spares && children_.size() < options_.max_children) {
+      void* page = mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+      if (page == MAP_FAILED) return;
+      auto* streaming = static_cast<volatile std::uint8_t*>(page);
+      const pid_t parent = getpid();
+      const pid_t pid = fork();
+      if (pid == 0) {
+        close(signals_);
+        close(accepted_read_);
+        RunSpare(parent, listener_, accepted_write_, peer_uid_, streaming, options_.time_limit);
+      }
+      if (pid < 0) {
+        munmap(page, 4096);
+        return;
+      }
+      children_[pid].streaming = streaming;
+      ++idle_;
     }
-    void* page = mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    if (page == MAP_FAILED) {
-      close(connection);
-      return;
+  }
+
+  void Accepted() {
+    pid_t pid;
+    while (read(accepted_read_, &pid, sizeof pid) == sizeof pid) {
+      auto it = children_.find(pid);
+      if (it == children_.end() || it->second.busy) continue;
+      it->second.busy = true;
+      --idle_;
+      ++busy_;
+      if (options_.time_limit > 0) {
+        it->second.deadline = time(nullptr) + options_.time_limit + kKillGraceSeconds;
+      }
     }
-    auto* streaming = static_cast<volatile std::uint8_t*>(page);
-    const pid_t pid = fork();
-    if (pid == 0) {
-      close(listener_);
-      close(signals_);
-      RunChild(connection, streaming, options_.time_limit);
-    }
-    close(connection);
-    if (pid < 0) {
-      munmap(page, 4096);
-      return;
-    }
-    Child& child = children_[pid];
-    child.streaming = streaming;
-    child.deadline =
-        options_.time_limit > 0 ? time(nullptr) + options_.time_limit + kKillGraceSeconds : 0;
   }
 
   void Reap() {
+    // A child may end before its word has been read.
+    Accepted();
     int status = 0;
     for (pid_t pid; (pid = waitpid(-1, &status, WNOHANG)) > 0;) {
       auto it = children_.find(pid);
       if (it == children_.end()) continue;
-      if (WIFSIGNALED(status) && !it->second.killed) {
+      Child& child = it->second;
+      if (WIFSIGNALED(status) && !child.killed && !stopping_) {
         Log("a request's process died of signal %s", strsignal(WTERMSIG(status)));
       }
-      munmap(const_cast<std::uint8_t*>(it->second.streaming), 4096);
+      if (child.busy) {
+        --busy_;
+      } else {
+        --idle_;
+        if (!stopping_) idle_death_ = time(nullptr);
+      }
+      munmap(const_cast<std::uint8_t*>(child.streaming), 4096);
       children_.erase(it);
     }
   }
@@ -295,7 +354,8 @@ class Server {
   void KillOverdue() {
     const time_t now = time(nullptr);
     for (auto& [pid, child] : children_) {
-      if (child.killed || child.deadline == 0 || now < child.deadline || *child.streaming != 0) {
+      if (!child.busy || child.killed || child.deadline == 0 || now < child.deadline ||
+          *child.streaming != 0) {
         continue;
       }
       Log("%s", "a request outlived its time limit and is killed");
@@ -305,9 +365,13 @@ class Server {
   }
 
   int Stop() {
-    // Requests under way finish; new ones find no socket.
+    // New requests find no socket; those under way finish, the spares go.
+    stopping_ = true;
     unlink(options_.socket_path.c_str());
     close(listener_);
+    for (const auto& [pid, child] : children_) {
+      if (!child.busy) kill(pid, SIGTERM);
+    }
     return 0;
   }
 
@@ -315,7 +379,13 @@ class Server {
   const int listener_;
   const int signals_;
   const uid_t peer_uid_;
+  int accepted_read_ = -1;
+  int accepted_write_ = -1;
   std::map<pid_t, Child> children_;
+  unsigned idle_ = 0;
+  unsigned busy_ = 0;
+  time_t idle_death_ = 0;
+  bool stopping_ = false;
 };
 
 int Main(int argc, char** argv) {

@@ -249,7 +249,7 @@ void Serve(KSTX::APIRequest& request, KSTX::APIResponse& response, const std::st
     if (version < low || version > high) return SetRuntimeError(response, kErrNoSuchApi);
     return ServeBuiltin(request, response, sid);
   }
-  for (const ApiIndexEntry& entry : ReadModuleIndex()) {
+  for (const ApiIndexEntry& entry : ModuleIndex()) {
     if (entry.api != api) continue;
     if (version < entry.min_version || version > entry.max_version) break;
     return ServeModule(entry, request, response, "entry.cgi");

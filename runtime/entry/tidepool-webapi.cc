@@ -31,11 +31,11 @@
 // A new build of a module is taken up by restarting the parent.
 #include <dlfcn.h>
 #include <fcntl.h>
-#include <sqlite3.h>
 #include <grp.h>
 #include <poll.h>
 #include <pwd.h>
 #include <signal.h>
+#include <sqlite3.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/signalfd.h>
@@ -52,10 +52,10 @@
 #include <cstring>
 #include <ctime>
 #include <map>
-#include <set>
 #include <string>
 
 #include "login-plugin.h"
+#include "module-dispatch.h"
 #include "module-index.h"
 #include "scgi.h"
 #include "serve-request.h"
@@ -150,21 +150,17 @@ void BindNowOrReexec(char** argv) {
 }
 
 // The modules' code and static data, and the login plugin's, made ready
-// once. dlopen of the same path in a child then finds them loaded.
+// once, and SQLite set up.
 void Preload() {
-  std::set<std::string> loaded;
-  for (const ApiIndexEntry& entry : ReadModuleIndex()) {
-    if (!loaded.insert(entry.module_path).second) continue;
-    if (dlopen(entry.module_path.c_str(), RTLD_NOW | RTLD_LOCAL) == nullptr) {
-      // Its requests answer as entry.cgi answers a module it cannot load.
-      Log("cannot preload: %s", dlerror());
-    }
-  }
+  PreloadModules();
   if (dlopen(kLoginPluginPath, RTLD_NOW | RTLD_LOCAL) == nullptr) {
     Log("cannot preload the login plugin: %s", dlerror());
   }
   // SQLite's global set-up (allocator, mutexes, built-in functions), which
   // each request's first database would otherwise do; no database is opened.
+  // A connection's page cache grows as pages are read rather than starting
+  // with a block of pages that a request of a few queries never fills.
+  sqlite3_config(SQLITE_CONFIG_PAGECACHE, nullptr, 0, 0);
   if (sqlite3_initialize() != SQLITE_OK) Log("%s", "cannot initialise SQLite");
 }
 

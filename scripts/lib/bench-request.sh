@@ -3,7 +3,8 @@
 # paths a request may take in one server: a minimal C++ CGI (the floor of an
 # exec per request), entry.cgi exec'd for each request, and tidepool-webapi's
 # processes forked from a preloaded parent. Calls: check_user, get_status and
-# Node.list of a folder of 100 entries.
+# Node.list of a folder of 100 entries. Then, with perf, where the forked
+# path's CPU goes (BENCH_PERF=0 leaves that out).
 set -euo pipefail
 build=$1
 here=$(cd "$(dirname "$0")" && pwd)
@@ -58,5 +59,41 @@ for c in 1 8; do
   run "Node.list 100 forked" "/webapi/entry.cgi?$list" "$c"
 done
 echo "targets for forked, against the floor at the same concurrency: p50 <= 1.0x, p99 <= 2x, rps >= 1.5x"
+
+# Shares of the CPU of tidepool-webapi and its children (a stage's share
+# includes what it calls), sampled while one client sends requests.
+profile() {
+  local name=$1 path=$2 data=/tmp/bench-request.perf
+  "$load" 127.0.0.1 "$port" "$path" 100000 1 "id=$sid" >/dev/null &
+  local client=$!
+  sleep 0.5
+  perf record -q -F 2000 --call-graph dwarf,16384 -p "$WEBAPI_PID" -o "$data" -- sleep 3 \
+    >/dev/null 2>&1
+  kill "$client" 2>/dev/null; wait "$client" 2>/dev/null || true
+  echo "where the CPU of the forked path goes, $name (perf: share of the samples whose stack holds it):"
+  perf script -i "$data" -F ip,sym --no-inline 2>/dev/null | awk '
+    BEGIN {
+      RS = ""
+      n = split("__libc_fork|ServeRequestProcess|DecodeRequest|AttachSession|ServeModule|" \
+                "SQLite::Database::Database|sqlite3InitOne|WriteAnswer|asm_exc_page_fault|do_exit", sym, "|")
+      split("fork, in the parent|the request (entry.cgi'"'"'s code, in the child)|" \
+            "  reading and decoding the request|  session and account standing|" \
+            "  the module (check and Process)|    of which opening SQLite databases|" \
+            "    of which SQLite schema parsing|  writing the answer|page faults, anywhere|" \
+            "process exit", label, "|")
+    }
+    { samples++; for (i = 1; i <= n; i++) if (index($0, sym[i]) > 0) hits[i]++ }
+    END { for (i = 1; i <= n; i++) printf "  %-46s %5.1f%%\n", label[i], 100 * hits[i] / samples
+          printf "  (%d samples)\n", samples }'
+  rm -f "$data"
+}
+if [ "${BENCH_PERF:-1}" = 1 ]; then
+  if command -v perf >/dev/null 2>&1; then
+    profile check_user "/webapi/entry.cgi?api=KSTX.Tidepool&method=check_user&version=1"
+    profile "Node.list 100" "/webapi/entry.cgi?$list"
+  else
+    echo "perf is not installed: no profile"
+  fi
+fi
 echo "libraries of entry.cgi:"; ldd /usr/kstx/webapi/entry.cgi | awk '{print "  " $1}'
 echo "libraries of the module:"; ldd /var/packages/Tidepool/target/webapi/KSTX.Tidepool.so | awk '{print "  " $1}'

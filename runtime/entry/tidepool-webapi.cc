@@ -257,8 +257,10 @@ bool PeerAllowed(int fd, uid_t peer_uid) {
   if (connection < 0) _exit(1);
   const pid_t self = getpid();
   (void)!write(accepted_pipe, &self, sizeof self);
-  // From here the request finishes even if the parent dies.
+  // From here the request finishes even if the parent dies, and it is known
+  // by the name of what it runs, as on the CGI path.
   prctl(PR_SET_PDEATHSIG, 0);
+  prctl(PR_SET_NAME, "entry.cgi");
   close(accepted_pipe);
   close(listener);
   if (!PeerAllowed(connection, peer_uid)) _exit(0);

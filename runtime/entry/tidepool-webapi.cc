@@ -28,7 +28,10 @@
 //     and output, the SCGI header becomes the environment, and from there on
 //     it is entry.cgi: clean start, lowered ids, decoding, session, dispatch,
 //     answer, exit. One child, one request.
-// A new build of a module is taken up by restarting the parent.
+// A new build of a module is taken up by restarting the parent: SIGHUP (what
+// `driftway-control service --restart` sends to the pid in webapi.pid beside
+// the socket) starts the program again in the same process, with the
+// listening socket handed over, so that no request meets a closed socket.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <grp.h>
@@ -66,6 +69,9 @@ namespace kstxentry {
 namespace {
 
 constexpr const char* kDefaultSocket = "/tmp/tidepool-webapi/webapi.sock";
+constexpr const char* kPidFileName = "webapi.pid";
+// The listening socket's descriptor across a restart.
+constexpr const char* kListenerVariable = "TIDEPOOL_WEBAPI_LISTENER";
 // A hung child's own timer answers it; this is for one that blocked it.
 constexpr unsigned kKillGraceSeconds = 2;
 
@@ -131,6 +137,13 @@ bool ParseOptions(int argc, char** argv, Options& options) {
          options.socket_path.front() == '/';
 }
 
+// This program's file, as started: a restart runs whatever build is there now.
+std::string g_program;
+
+std::string SocketFolder(const Options& options) {
+  return options.socket_path.substr(0, options.socket_path.rfind('/'));
+}
+
 // Every symbol of the runtime's libraries is bound once here rather than
 // lazily in each child. The child's environment is rebuilt from the request,
 // so the variable goes no further.
@@ -177,8 +190,37 @@ int PrepareFolder(const std::string& folder, gid_t group) {
   return 0;
 }
 
+// The socket a restarting parent handed over, when it is the one asked for.
+int InheritedListener(const std::string& path) {
+  const char* text = getenv(kListenerVariable);
+  if (text == nullptr) return -1;
+  const int fd = std::atoi(text);
+  unsetenv(kListenerVariable);
+  int listening = 0;
+  socklen_t size = sizeof listening;
+  sockaddr_un address{};
+  socklen_t length = sizeof address;
+  if (fd < 3 || getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &listening, &size) != 0 ||
+      listening == 0 || getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0 ||
+      address.sun_family != AF_UNIX || path != address.sun_path) {
+    return -1;
+  }
+  fcntl(fd, F_SETFD, FD_CLOEXEC);
+  return fd;
+}
+
+void WritePidFile(const Options& options) {
+  const std::string path = SocketFolder(options) + "/" + kPidFileName;
+  const std::string temporary = path + ".new";
+  FILE* f = std::fopen(temporary.c_str(), "we");
+  if (f == nullptr) return;
+  std::fprintf(f, "%d\n", static_cast<int>(getpid()));
+  if (std::fclose(f) != 0 || rename(temporary.c_str(), path.c_str()) != 0)
+    unlink(temporary.c_str());
+}
+
 int Listen(const Options& options, gid_t group) {
-  const std::string folder = options.socket_path.substr(0, options.socket_path.rfind('/'));
+  const std::string folder = SocketFolder(options);
   if (!folder.empty() && PrepareFolder(folder, group) != 0) {
     Log("cannot prepare the socket's folder: %s", std::strerror(errno));
     return -1;
@@ -269,8 +311,12 @@ bool PeerAllowed(int fd, uid_t peer_uid) {
 
 class Server {
  public:
-  Server(const Options& options, int listener, int signals, uid_t peer_uid)
-      : options_(options), listener_(listener), signals_(signals), peer_uid_(peer_uid) {}
+  Server(const Options& options, char** argv, int listener, int signals, uid_t peer_uid)
+      : options_(options),
+        argv_(argv),
+        listener_(listener),
+        signals_(signals),
+        peer_uid_(peer_uid) {}
 
   int Run() {
     int accepted[2];
@@ -288,7 +334,8 @@ class Server {
       if (fds[0].revents & POLLIN) {
         signalfd_siginfo info{};
         while (read(signals_, &info, sizeof info) == sizeof info) {
-          if (info.ssi_signo != SIGCHLD) return Stop();
+          if (info.ssi_signo == SIGHUP) Restart();
+          if (info.ssi_signo != SIGCHLD && info.ssi_signo != SIGHUP) return Stop();
         }
         Reap();
       }
@@ -371,10 +418,26 @@ class Server {
     }
   }
 
+  // The spares go; the program starts again in this process, keeping the
+  // socket; requests under way finish, and the new program reaps them.
+  void Restart() {
+    Accepted();
+    for (const auto& [pid, child] : children_) {
+      if (!child.busy) kill(pid, SIGTERM);
+    }
+    fcntl(listener_, F_SETFD, 0);
+    setenv(kListenerVariable, std::to_string(listener_).c_str(), 1);
+    execv(g_program.c_str(), argv_);
+    Log("cannot start again: %s", std::strerror(errno));
+    unsetenv(kListenerVariable);
+    fcntl(listener_, F_SETFD, FD_CLOEXEC);
+  }
+
   int Stop() {
     // New requests find no socket; those under way finish, the spares go.
     stopping_ = true;
     unlink(options_.socket_path.c_str());
+    unlink((SocketFolder(options_) + "/" + kPidFileName).c_str());
     close(listener_);
     for (const auto& [pid, child] : children_) {
       if (!child.busy) kill(pid, SIGTERM);
@@ -383,6 +446,7 @@ class Server {
   }
 
   const Options& options_;
+  char** const argv_;
   const int listener_;
   const int signals_;
   const uid_t peer_uid_;
@@ -403,9 +467,19 @@ int Main(int argc, char** argv) {
     return 2;
   }
   BindNowOrReexec(argv);
+  char self[4096];
+  const ssize_t length = readlink("/proc/self/exe", self, sizeof self - 1);
+  if (length <= 0) return 1;
+  g_program.assign(self, static_cast<size_t>(length));
   umask(022);
   if (chdir("/") != 0) return 1;
-  close_range(3, ~0u, 0);
+  const int inherited = InheritedListener(options.socket_path);
+  if (inherited >= 0) {
+    close_range(3, static_cast<unsigned>(inherited) - 1, 0);
+    close_range(static_cast<unsigned>(inherited) + 1, ~0u, 0);
+  } else {
+    close_range(3, ~0u, 0);
+  }
   const passwd* peer = getpwnam(options.peer_user.c_str());
   if (peer == nullptr) {
     Log("no such user: %s", options.peer_user.c_str());
@@ -422,10 +496,11 @@ int Main(int argc, char** argv) {
   // A client gone before its answer is the child's concern, never the parent's.
   signal(SIGPIPE, SIG_IGN);
   const int signals = signalfd(-1, &handled, SFD_CLOEXEC | SFD_NONBLOCK);
-  const int listener = Listen(options, peer_gid);
+  const int listener = inherited >= 0 ? inherited : Listen(options, peer_gid);
   if (signals < 0 || listener < 0) return 1;
+  WritePidFile(options);
   std::fprintf(stderr, "tidepool-webapi: serving on %s\n", options.socket_path.c_str());
-  Server server(options, listener, signals, peer_uid);
+  Server server(options, argv, listener, signals, peer_uid);
   return server.Run();
 }
 

@@ -18,6 +18,7 @@
 #include <functional>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "host-accounts.h"
@@ -280,6 +281,34 @@ TEST_F(WebApiServerTest, OnlyTheWebServerConnectsAndADeadParentIsA503) {
   ASSERT_TRUE(server.RestartWebApi()) << tptest::ReadFile(tptest::kWebApiLog);
   EXPECT_TRUE(tptest::Eventually(
       [&] { return Fetch(server, "api=KSTX.Test&method=echo").json["success"] == true; }));
+}
+
+// A restart takes up what is installed now (here: the module's index gone),
+// in the same process, and no request in between meets a closed door.
+TEST_F(WebApiServerTest, ARestartTakesUpWhatIsInstalledWithoutAGap) {
+  tptest::Lighttpd server;
+  ASSERT_NE(server.port(), 0) << tptest::ReadFile(tptest::kWebApiLog);
+  const pid_t parent = server.webapi_pid();
+  EXPECT_EQ(tptest::ReadFile("/tmp/tidepool-webapi/webapi.pid"), std::to_string(parent) + "\n");
+  fs::remove("/usr/kstx/webapi/modules.d/test.index");
+  EXPECT_EQ(Fetch(server, "api=KSTX.Test&method=echo").json["success"], true);
+
+  std::vector<std::string> statuses;
+  std::thread client([&] {
+    for (int i = 0; i < 60; ++i)
+      statuses.push_back(Fetch(server, "api=KSTX.Test&method=echo").status);
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  const auto restarted = tptest::RunProcess(
+      {"/var/packages/Tidepool/target/bin/driftway-control", "service", "--restart"});
+  EXPECT_NE(restarted.out.find("restarted tidepool-webapi"), std::string::npos) << restarted.err;
+  client.join();
+  for (const std::string& status : statuses) EXPECT_EQ(status, "200");
+
+  EXPECT_TRUE(tptest::Eventually(
+      [&] { return Fetch(server, "api=KSTX.Test&method=echo").json["error"]["code"] == 103; }));
+  EXPECT_EQ(kill(parent, 0), 0);
+  EXPECT_EQ(tptest::ReadFile("/tmp/tidepool-webapi/webapi.pid"), std::to_string(parent) + "\n");
 }
 
 }  // namespace

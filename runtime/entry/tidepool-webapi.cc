@@ -63,8 +63,6 @@
 #include "scgi.h"
 #include "serve-request.h"
 
-extern char** environ;
-
 namespace kstxentry {
 namespace {
 
@@ -133,8 +131,10 @@ bool ParseOptions(int argc, char** argv, Options& options) {
       return false;
     }
   }
-  return options.socket_path.size() < sizeof(sockaddr_un::sun_path) &&
-         options.socket_path.front() == '/';
+  // An absolute path in a folder of its own, which gets the access rights.
+  const std::string& path = options.socket_path;
+  return path.size() < sizeof(sockaddr_un::sun_path) && !path.empty() && path.front() == '/' &&
+         path.rfind('/') > 0;
 }
 
 // This program's file, as started: a restart runs whatever build is there now.

@@ -21,6 +21,9 @@
 #include "handlers/node/restore/finish.h"
 #include "handlers/node/restore/start.h"
 #include "handlers/node/restore/status.h"
+#include "handlers/share/list-active.h"
+#include "handlers/share/list.h"
+#include "handlers/share/set.h"
 #include "logger.h"
 
 extern "C" void Process(KSTX::APIRequest* request, KSTX::APIResponse* response);
@@ -110,6 +113,9 @@ void Process(KSTX::APIRequest* request, KSTX::APIResponse* response) {
   bridge.AddHandler(new LogListHandler);
   bridge.AddHandler(new LogDeleteHandler);
   bridge.AddHandler(new LogExportHandler);
+  bridge.AddHandler(new ShareListActiveHandler);
+  bridge.AddHandler(new ShareListHandler);
+  bridge.AddHandler(new ShareSetHandler);
   bridge.Process();
 }
 

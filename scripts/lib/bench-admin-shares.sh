@@ -59,18 +59,7 @@ set_ms=$(ms "$t0" "$(now)")
 check=$(sqlite3 "$repo/views/$((first + homes - 1)).sqlite" "SELECT value FROM meta WHERE key = 'rotate_policy'")
 [ "$check" = smart ] || { echo "admin-shares: the last home's view was not changed" >&2; exit 1; }
 sync
-floor_ms=$(python3 - "$repo/views" "$first" "$homes" <<'PY'
-import sqlite3, sys, time
-folder, first, count = sys.argv[1], int(sys.argv[2]), int(sys.argv[3])
-t0 = time.monotonic()
-for view in range(first, first + count):
-    db = sqlite3.connect(f"{folder}/{view}.sqlite", isolation_level=None)
-    db.execute("PRAGMA synchronous=NORMAL")  # as the service opens its views
-    db.execute("INSERT OR REPLACE INTO meta VALUES ('bench', '1')")
-    db.close()
-print(f"{(time.monotonic() - t0) * 1000:.1f}")
-PY
-)
+floor_ms=$("$build/bench/bench_open_write" "$repo/views" "$first" "$homes")
 echo "admin-shares: Share.set rotation of all homes over $homes homes: ${set_ms} ms; floor (open $homes SQLite files, one row each, one process) ${floor_ms} ms: $(ratio "$set_ms" "$floor_ms")x"
 
 # 2. Shares.

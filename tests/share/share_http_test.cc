@@ -11,6 +11,7 @@
 #include "db/manager.h"
 #include "process.h"
 #include "restore-world.h"
+#include "sandbox.h"
 #include "user-manager.h"
 
 using namespace rtest;
@@ -20,6 +21,7 @@ namespace {
 constexpr const char* kApi = "KSTX.Tidepool.Share";
 constexpr const char* kControl = "/var/packages/Tidepool/target/bin/driftway-control";
 constexpr const char* kAdminTool = "/usr/kstx/bin/kstx-admin";
+constexpr const char* kSettings = "/var/packages/Tidepool/etc/setting.conf";
 
 struct RunningService {
   RunningService() {
@@ -136,6 +138,18 @@ TEST_F(ShareHttpTest, AdministratorTableAndWhatUsersSee) {
   auto homes_search = List({{"query", "home"}, {"limit", 10}});
   EXPECT_TRUE(Names(homes_search, "share_name").empty());
   EXPECT_EQ(homes_search.json["data"]["total"].asInt(), 0);
+
+  // The home service turned off: "homes" shows so, with no rotation, and
+  // users are offered no home.
+  const std::string settings = tptest::ReadFile(kSettings);
+  tptest::WriteFile(kSettings, settings + "local_home_service=\"no\"\n");
+  const Json::Value off = List({}).json["data"]["items"][0];
+  EXPECT_EQ(off["share_status"].asString(), "home_disabled");
+  EXPECT_FALSE(off["share_enable"].asBool());
+  EXPECT_EQ(off["rotate_cnt"].asString(), "--");
+  EXPECT_EQ(Names(Call(kApi, "list_active", {}, alice_), "type"),
+            (std::vector<std::string>{"share"}));
+  tptest::WriteFile(kSettings, settings);
 
   // Not an administrator: no table.
   auto refused = List({}, alice_);

@@ -161,6 +161,10 @@ TEST_F(ShareHttpTest, AdministratorTableAndWhatUsersSee) {
   EXPECT_EQ(Names(mine, "name"), (std::vector<std::string>{"MyTidepool", "team"}));
   EXPECT_EQ(Names(mine, "type"), (std::vector<std::string>{"home", "share"}));
   EXPECT_EQ(mine.json["data"]["total"].asInt(), 1);
+  // Values of a kind the methods do not take are no failure.
+  EXPECT_TRUE(List({{"query", Json::Value(Json::arrayValue)}}).success());
+  EXPECT_EQ(Names(Call(kApi, "list_active", {{"exclude_home", "yes"}}, alice_), "type"),
+            (std::vector<std::string>{"home", "share"}));
   auto bobs = Call(kApi, "list_active", {{"exclude_home", true}}, bob_);
   EXPECT_EQ(Names(bobs, "name"), (std::vector<std::string>{"team"}));
   EXPECT_EQ(bobs.json["data"]["total"].asInt(), 1);

@@ -20,7 +20,9 @@ ShareListActiveHandler::ShareListActiveHandler() {
 
 int ShareListActiveHandler::Handle(const RequestAuthentication& auth, BridgeRequest& request,
                                    BridgeResponse& response) {
-  const bool exclude_home = request.GetParamRef("exclude_home", Json::Value(false)).asBool();
+  // No schema tests this method's parameter.
+  const Json::Value& exclude = request.GetParamRef("exclude_home", Json::Value(false));
+  const bool exclude_home = exclude.isBool() && exclude.asBool();
   const Platform::ShareService shares(true);
   const Platform::UserService users(true);
   Json::Value items(Json::arrayValue);

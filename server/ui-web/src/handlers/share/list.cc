@@ -5,6 +5,7 @@
 #include "list.h"
 
 #include <list>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -37,6 +38,13 @@ bool Upper(const std::string& text, std::string& out) {
   return true;
 }
 
+// Owners' names compare as the user database compares them.
+std::string AsciiLower(std::string text) {
+  for (char& c : text)
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+  return text;
+}
+
 ShareInfo HomesRow() {
   ShareInfo homes;
   homes.share_name = kHomes;
@@ -64,7 +72,9 @@ ShareListHandler::ShareListHandler() {
 
 int ShareListHandler::Handle(const RequestAuthentication& /*auth*/, BridgeRequest& request,
                              BridgeResponse& response) {
-  const std::string query = request.GetParamRef("query", Json::Value("")).asString();
+  // The schema tests `prefix`, not `query`: any kind of value may come.
+  const Json::Value& query_param = request.GetParamRef("query", Json::Value(""));
+  const std::string query = query_param.isString() ? query_param.asString() : "";
   const int offset = request.GetParamRef("offset", Json::Value(0)).asInt();
   const int limit = request.GetParamRef("limit", Json::Value(0)).asInt();
   const std::string direction =
@@ -83,6 +93,17 @@ int ShareListHandler::Handle(const RequestAuthentication& /*auth*/, BridgeReques
     return RESPONSE_FAIL(response, 401, "failed to enumerate shares");
   }
 
+  // The share users in one reading rather than a look-up per share: what
+  // GetShareUser would find for a name, an enabled owner of that name.
+  std::list<UserInfo> share_users;
+  if (UserManager::EnumShareUser(share_users, "") < 0) {
+    LOG_ERROR("Fail to enumerate shares\n");
+    return RESPONSE_FAIL(response, 401, "failed to enumerate shares");
+  }
+  std::map<std::string, const UserInfo*> user_of;
+  for (const UserInfo& user : share_users)
+    if (user.isEnabled()) user_of[AsciiLower(user.name)] = &user;
+
   const Platform::ShareService shares(true);
   const bool sharing = ServiceSupportSharing();
   std::vector<ShareInfo> rows;
@@ -93,15 +114,14 @@ int ShareListHandler::Handle(const RequestAuthentication& /*auth*/, BridgeReques
         (!Upper(name, upper_name) || upper_name.find(upper_query) == std::string::npos))
       continue;
     Platform::Share share;
-    UserInfo info;
-    if (shares.GetShare(name, share) < 0 || !sharing || UserManager::GetShareUser(name, info) < 0)
-      continue;
+    if (shares.GetShare(name, share) < 0 || !sharing) continue;
+    const auto user = user_of.find(AsciiLower(name));
     ShareInfo row;
     row.share_name = name;
     row.share_status = StatusOf(share);
-    row.share_enable = !info.name.empty() && info.isEnabled();
+    row.share_enable = user != user_of.end();
     if (row.share_enable)
-      UserManager::QueryRotateSettingTable(info.view_id, row.rotate_cnt, row.rotate_policy,
+      UserManager::QueryRotateSettingTable(user->second->view_id, row.rotate_cnt, row.rotate_policy,
                                            row.rotate_days);
     rows.push_back(std::move(row));
   }

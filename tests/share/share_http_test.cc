@@ -207,6 +207,12 @@ TEST_F(ShareHttpTest, EnablingRotationAndTheirRecordsReachTheService) {
   EXPECT_EQ(ViewRotateCount(HomeViewOf("alice")), 4);
   EXPECT_EQ(ViewRotateCount(HomeViewOf("bob")), 4);
   EXPECT_EQ(ViewRotateCount(ShareViewOf("team")), 32);
+  // A home enabled later follows the rotation of all homes.
+  ASSERT_EQ(tptest::RunProcess({kAdminTool, "user", "add", "carol", "--password", "carol-pw"})
+                .exit_status,
+            0);
+  ASSERT_EQ(tptest::RunProcess({kControl, "user", "--enable", "carol"}).exit_status, 0);
+  EXPECT_EQ(ViewRotateCount(HomeViewOf("carol")), 4);
   auto rotations = Logs(db::kLogRotateCountSet);
   ASSERT_EQ(rotations.size(), 3u);
   EXPECT_EQ(rotations[0].p, (std::vector<std::string>{"3"}));

@@ -46,7 +46,8 @@ SQLite::Database* CachedDirectory();
 // Drops the kept connection after it failed.
 void DropCachedDirectory();
 // A statement of the kept connection, prepared once and reset for each use.
-// `sql` is a literal: its address names the statement.
+// `sql` is a literal: its address names the statement. The caller resets it
+// when done, or its read lock stays on the directory.
 SQLite::Statement& CachedStatement(const char* sql);
 
 // As WithDirectory, over the kept connection.

@@ -119,8 +119,14 @@ int ShareService::GetShare(const std::string& name, Share& out) const {
     return 0;
   };
   if (cached_) {
-    return hostaccounts::WithCachedDirectory(
-        [&](SQLite::Database&) { return lookup(hostaccounts::CachedStatement(kSql)); });
+    return hostaccounts::WithCachedDirectory([&](SQLite::Database&) {
+      SQLite::Statement& query = hostaccounts::CachedStatement(kSql);
+      const int rc = lookup(query);
+      // A statement left on its row keeps the file's read lock, which
+      // would shut writers out until the next look-up.
+      query.reset();
+      return rc;
+    });
   }
   return WithDirectory([&](SQLite::Database& db) {
     SQLite::Statement query(db, kSql);

@@ -4,6 +4,10 @@
 
 #include "bridge/webapi-bridge.h"
 #include "handlers/check-user.h"
+#include "handlers/delete-database.h"
+#include "handlers/get-client-link.h"
+#include "handlers/get-directory-service-status.h"
+#include "handlers/get-extension.h"
 #include "handlers/get-status.h"
 #include "handlers/log/delete.h"
 #include "handlers/log/export.h"
@@ -21,6 +25,7 @@
 #include "handlers/node/restore/finish.h"
 #include "handlers/node/restore/start.h"
 #include "handlers/node/restore/status.h"
+#include "handlers/resume-freeze.h"
 #include "handlers/share/list-active.h"
 #include "handlers/share/list.h"
 #include "handlers/share/set.h"
@@ -95,8 +100,13 @@ const KSTXAPITableRow* GetAPITable() { return gTable; }
 void Process(KSTX::APIRequest* request, KSTX::APIResponse* response) {
   WebAPIBridge bridge(request, response);
   Logger::Initialize(0, "", kDebugSettingsPath, 50, 1);
+  bridge.AddHandler(new ResumeFreezeHandler);
+  bridge.AddHandler(new DeleteDatabaseHandler);
+  bridge.AddHandler(new GetExtensionHandler);
+  bridge.AddHandler(new GetClientLinkHandler);
   bridge.AddHandler(new GetStatusHandler);
   bridge.AddHandler(new CheckUserHandler);
+  bridge.AddHandler(new GetDirectoryServiceStatusHandler);
   bridge.AddHandler(new NodeListHandler);
   bridge.AddHandler(new NodeListParentHandler);
   bridge.AddHandler(new NodeListVersionHandler);

@@ -31,6 +31,9 @@
 #include "handlers/node/restore/start.h"
 #include "handlers/node/restore/status.h"
 #include "handlers/resume-freeze.h"
+#include "handlers/share/list-active.h"
+#include "handlers/share/list.h"
+#include "handlers/share/set.h"
 #include "logger.h"
 
 extern "C" void Process(KSTX::APIRequest* request, KSTX::APIResponse* response);
@@ -130,6 +133,9 @@ void Process(KSTX::APIRequest* request, KSTX::APIResponse* response) {
   bridge.AddHandler(new DBUsageStatusHandler);
   bridge.AddHandler(new DBUsageStopHandler);
   bridge.AddHandler(new DBUsageGetHandler);
+  bridge.AddHandler(new ShareListActiveHandler);
+  bridge.AddHandler(new ShareListHandler);
+  bridge.AddHandler(new ShareSetHandler);
   bridge.Process();
 }
 

@@ -287,16 +287,30 @@ bool PeerAllowed(int fd, uid_t peer_uid) {
   if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || getppid() != parent) _exit(1);
   // The page tells the parent about this request only, not its children's.
   madvise(const_cast<std::uint8_t*>(streaming), 4096, MADV_DONTFORK);
-  sigset_t stop;
-  sigemptyset(&stop);
-  sigaddset(&stop, SIGTERM);
+  // SIGTERM (the parent retiring its spares at a restart) may end this
+  // spare only while it waits: once it holds a connection, the request is
+  // served. So the signal stays blocked except inside ppoll, and accepting
+  // never blocks (another spare may take the connection first).
   signal(SIGTERM, SIG_DFL);
-  sigprocmask(SIG_UNBLOCK, &stop, nullptr);
-  int connection;
-  do {
+  sigset_t waiting;
+  sigprocmask(SIG_SETMASK, nullptr, &waiting);
+  sigdelset(&waiting, SIGTERM);
+  const int flags = fcntl(listener, F_GETFL);
+  if (flags < 0 || (!(flags & O_NONBLOCK) && fcntl(listener, F_SETFL, flags | O_NONBLOCK) != 0)) {
+    _exit(1);
+  }
+  int connection = -1;
+  while (connection < 0) {
+    pollfd ready = {listener, POLLIN, 0};
+    if (ppoll(&ready, 1, nullptr, &waiting) < 0 && errno != EINTR) _exit(1);
     connection = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-  } while (connection < 0 && (errno == EINTR || errno == ECONNABORTED));
-  if (connection < 0) _exit(1);
+    if (connection < 0 && errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR &&
+        errno != ECONNABORTED) {
+      _exit(1);
+    }
+  }
+  // A SIGTERM that came after the connection is dropped, not left pending.
+  signal(SIGTERM, SIG_IGN);
   const pid_t self = getpid();
   (void)!write(accepted_pipe, &self, sizeof self);
   // From here the request finishes even if the parent dies, and it is known

@@ -21,8 +21,11 @@ struct ScanOptions {
   // changed; a view not named here is scanned whole.
   std::map<uint64_t, std::vector<std::string>> folders;
   // Folders still being written to: what lies in them is left as it is in
-  // the view, neither versioned nor removed, until a later pass.
+  // the view, neither versioned nor removed, until a later pass. With
+  // `settle_ms` 0 or more, only the files in them changed (by ctime) within
+  // the last `settle_ms` are left, and the rest is versioned.
   std::map<uint64_t, std::vector<std::string>> busy;
+  int64_t settle_ms = -1;
 };
 
 struct ScanSummary {

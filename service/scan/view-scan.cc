@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <set>
 
 #include "content-pass.h"
@@ -121,17 +122,7 @@ int ViewScan::Run() {
     return db::kErrCannotOpen;
   }
   summary_.deferred += static_cast<unsigned>(deferred_.size());
-  const auto busy = options_.busy.find(target_.view_id);
-  if (busy != options_.busy.end()) {
-    // A busy folder's own entry is versioned; what lies in it waits.
-    for (const std::string& folder : busy->second) {
-      if (folder.empty() || folder == "/") continue;
-      entries_.erase(std::remove_if(entries_.begin(), entries_.end(),
-                                    [&](const DiskEntry& e) { return IsUnder(e.path, folder); }),
-                     entries_.end());
-      busy_.push_back(folder);
-    }
-  }
+  SetAsideBusy();
   int rc = scope_.empty() ? LoadLive() : LoadScope();
   if (rc < 0 || (rc = state_.Load(target_.view_id, recorded_)) < 0) return rc;
   if (view_.Reader().GetRotateCount(rotate_count_) < 0) rotate_count_ = 0;
@@ -145,7 +136,7 @@ int ViewScan::Run() {
   if (rc >= 0) rc = PlaceAll();
   std::vector<const Live*> left;
   for (const auto& [id, live] : live_)
-    if (!live.claimed && !live.gone && !IsDeferred(live.path)) left.push_back(&live);
+    if (!live.claimed && !live.kept && !live.gone && !IsDeferred(live.path)) left.push_back(&live);
   std::sort(left.begin(), left.end(),
             [](const Live* a, const Live* b) { return a->path < b->path; });
   for (const Live* live : left)
@@ -159,9 +150,47 @@ int ViewScan::Run() {
 bool ViewScan::IsDeferred(const std::string& path) const {
   for (const std::string& d : deferred_)
     if (path == d || IsUnder(path, d)) return true;
-  for (const std::string& b : busy_)
-    if (IsUnder(path, b)) return true;
+  // Without a settle time nothing in a busy folder is taken as removed;
+  // with one, what waits keeps its node (see Match).
+  if (options_.settle_ms < 0)
+    for (const std::string& b : busy_)
+      if (IsUnder(path, b)) return true;
   return false;
+}
+
+bool ViewScan::InBusy(const std::string& path) const {
+  for (const std::string& b : busy_)
+    if (b == "/" || IsUnder(path, b)) return true;
+  return false;
+}
+
+bool ViewScan::Unsettled(const DiskEntry& e) const {
+  if (options_.settle_ms < 0) return true;
+  const int64_t ctime_ns =
+      static_cast<int64_t>(e.st.st_ctim.tv_sec) * 1000000000 + e.st.st_ctim.tv_nsec;
+  return e.file_type == db::kFileTypeFile && ctime_ns > settled_before_ns_;
+}
+
+void ViewScan::SetAsideBusy() {
+  const auto busy = options_.busy.find(target_.view_id);
+  if (busy == options_.busy.end()) return;
+  for (const std::string& folder : busy->second) {
+    // The whole view waiting would make the pass pointless.
+    if (folder.empty() || (folder == "/" && options_.settle_ms < 0)) continue;
+    busy_.push_back(folder);
+  }
+  if (busy_.empty()) return;
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  settled_before_ns_ = static_cast<int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec -
+                       std::max<int64_t>(options_.settle_ms, 0) * 1000000;
+  // A busy folder's own entry is versioned; what lies in it waits (with a
+  // settle time: the files changed since `settled_before_ns_`).
+  auto waits = [&](const DiskEntry& e) { return InBusy(e.path) && Unsettled(e); };
+  for (const DiskEntry& e : entries_)
+    if (waits(e)) waiting_.push_back(e);
+  entries_.erase(std::remove_if(entries_.begin(), entries_.end(), waits), entries_.end());
+  summary_.deferred += static_cast<unsigned>(waiting_.size());
 }
 
 void ViewScan::Defer(const DiskEntry& e) {
@@ -306,6 +335,14 @@ void ViewScan::Match() {
   std::unordered_map<std::pair<uint64_t, uint64_t>, uint64_t, PairHash> by_inode;
   for (const auto& [id, r] : recorded_)
     if (live_.count(id)) by_inode[{r.dev, r.ino}] = id;
+  // A file left for later keeps its node where it is, also when it was
+  // just moved here from elsewhere: the next pass places it.
+  for (const DiskEntry& e : waiting_) {
+    const auto it = by_inode.find({e.st.st_dev, e.st.st_ino});
+    if (it != by_inode.end()) live_[it->second].kept = true;
+    const auto at = at_path_.find(e.path);
+    if (at != at_path_.end() && at->second != root_id_) live_[at->second].kept = true;
+  }
   node_of_.assign(entries_.size(), 0);
   placed_.assign(entries_.size(), false);
   for (size_t i = 0; i < entries_.size(); ++i) {
@@ -571,6 +608,11 @@ int ViewScan::Record(size_t i, uint64_t node_id) {
     now = FromDisk(e);
   }
   const ScopedFd fd(opened);
+  if (opened >= 0 && InBusy(e.path) && Unsettled(e)) {
+    // Written to again since it was listed.
+    Defer(e);
+    return db::kOk;
+  }
   int rc = StoreContent(e, fd.get(), have_prev ? &prev : nullptr, now);
   if (rc >= 0) rc = StoreMacAttr(e, fd.get(), have_prev ? &prev : nullptr, now);
   if (rc < 0) return rc;

@@ -39,6 +39,7 @@ class ViewScan {
     std::string path;
     int32_t type = 0;
     bool claimed = false;
+    bool kept = false;  // its file waits for a later pass: not removed
     bool gone = false;
   };
 
@@ -67,6 +68,12 @@ class ViewScan {
   // Whether `path` is, or lies under, an entry left for the next pass.
   bool IsDeferred(const std::string& path) const;
   void Defer(const DiskEntry& e);
+  // Takes what lies in busy folders out of the walk into `waiting_`.
+  void SetAsideBusy();
+  bool InBusy(const std::string& path) const;
+  // Whether `e`, in a busy folder, must wait: all of it without a settle
+  // time, else a file changed since `settled_before_ns_`.
+  bool Unsettled(const DiskEntry& e) const;
   void RemoveLive(uint64_t node_id);
   void Rotate(uint64_t node_id, const std::string& path, int32_t type);
   int PreviousOf(uint64_t node_id, Recorded& out);
@@ -85,6 +92,8 @@ class ViewScan {
   int rotate_count_ = 0;
   std::vector<std::string> scope_;  // empty: the whole view
   std::vector<std::string> busy_;   // folders whose contents wait
+  std::vector<DiskEntry> waiting_;  // entries of them left for a later pass
+  int64_t settled_before_ns_ = 0;
   std::vector<DiskEntry> entries_;
   std::vector<std::string> deferred_;
   std::vector<uint64_t> node_of_;  // per entry; 0 for a new node

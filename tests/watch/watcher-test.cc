@@ -19,6 +19,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <map>
 #include <memory>
 #include <set>
 #include <string>
@@ -43,12 +44,14 @@ bool Contains(const std::vector<std::string>& v, const std::string& s) {
 // Records what the callbacks say.
 struct Recorder {
   std::vector<uint64_t> changed;
-  std::vector<std::string> folders;  // the folder of each change
+  std::vector<std::string> folders;       // the folder of each change
+  std::map<std::string, unsigned> added;  // entries added, by folder
   std::vector<std::pair<uint64_t, std::string>> rescans;
   Watcher::Callbacks Callbacks() {
-    return {[this](uint64_t id, const std::string& folder) {
+    return {[this](uint64_t id, const std::string& folder, unsigned n) {
               changed.push_back(id);
               folders.push_back(folder);
+              added[folder] += n;
             },
             [this](uint64_t id, const std::string& why) { rescans.emplace_back(id, why); }};
   }

@@ -34,9 +34,10 @@ using Clock = std::chrono::steady_clock;
 constexpr auto kFrozenRecheck = std::chrono::seconds(10);
 // Folders due within this much of each other are versioned in one pass.
 constexpr auto kTogether = std::chrono::milliseconds(200);
-// A folder into which this many entries were added and left alone for the
-// quiet moment is versioned in part while it still changes: a copy of many
-// files is versioned as it goes rather than all after its end.
+// A folder into which this many entries were added and left alone for a
+// moment is versioned in part while it still changes (what its writers are
+// done with): a copy of many files is versioned as it goes rather than all
+// after its end.
 constexpr size_t kSettleCount = 32;
 // Past this many changed folders a view is scanned whole: one walk beats
 // many, and the command line stays short.
@@ -126,7 +127,8 @@ Versioner::Versioner(EventLoop& loop, VersionerOptions options)
                      why.c_str());
             Due(view_id);
           }}),
-      debouncer_(options_.quiet, options_.max_wait, kSettleCount) {}
+      debouncer_(options_.quiet, options_.max_wait, kSettleCount,
+                 std::chrono::milliseconds(scan::kClosedSettleMs)) {}
 
 Versioner::~Versioner() {
   Stop();
@@ -230,8 +232,9 @@ void Versioner::OnTimer() {
     due_.insert(view_id);
   }
   // A folder still being written yet settled goes into the next pass too;
-  // it stays pending (so it is --busy there) and only what has not changed
-  // for the quiet moment is versioned.
+  // it stays pending (so it is --busy there): only the files left alone for
+  // the quiet moment, or new ones their writers are done with, are
+  // versioned.
   for (uint64_t key : debouncer_.TakeSettled(now)) {
     const auto found = folders_of_key_.find(key);
     if (found == folders_of_key_.end() || !views_.count(found->second.first)) continue;

@@ -28,6 +28,12 @@ struct ScanOptions {
   int64_t settle_ms = -1;
 };
 
+// In a busy folder, a new file that no one has open for writing is settled
+// this soon (or at the settle time, if shorter): a copy of many files is
+// versioned as it goes, while a file rewritten in place still waits the
+// whole settle time.
+constexpr int64_t kClosedSettleMs = 250;
+
 struct ScanSummary {
   unsigned views = 0;
   unsigned added = 0;

@@ -1,6 +1,7 @@
 #include "view-scan.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
@@ -9,6 +10,7 @@
 #include <cstring>
 #include <ctime>
 #include <set>
+#include <unordered_set>
 
 #include "content-pass.h"
 #include "db/errors.h"
@@ -56,6 +58,22 @@ bool HasMacAttrs(int fd) {
   names.resize(static_cast<size_t>(n));
   for (size_t pos = 0; pos < names.size(); pos += strlen(names.c_str() + pos) + 1)
     if (names.compare(pos, sizeof kPrefix - 1, kPrefix) == 0) return true;
+  return false;
+}
+
+// Whether anyone may have the open file `fd` open for writing: a read
+// lease is refused while someone does. Taken and given back at once; the
+// kernel would signal this process if a writer came meanwhile, which must
+// not end it. True also when the file system offers no leases.
+bool OpenForWriting(int fd) {
+  static const bool ignoring = [] {
+    struct sigaction now {};
+    if (sigaction(SIGIO, nullptr, &now) == 0 && now.sa_handler == SIG_DFL) signal(SIGIO, SIG_IGN);
+    return true;
+  }();
+  (void)ignoring;
+  if (fcntl(fd, F_SETLEASE, F_RDLCK) != 0) return true;
+  fcntl(fd, F_SETLEASE, F_UNLCK);
   return false;
 }
 
@@ -122,9 +140,9 @@ int ViewScan::Run() {
     return db::kErrCannotOpen;
   }
   summary_.deferred += static_cast<unsigned>(deferred_.size());
-  SetAsideBusy();
   int rc = scope_.empty() ? LoadLive() : LoadScope();
   if (rc < 0 || (rc = state_.Load(target_.view_id, recorded_)) < 0) return rc;
+  SetAsideBusy();
   if (view_.Reader().GetRotateCount(rotate_count_) < 0) rotate_count_ = 0;
   Match();
   // One transaction per database for the whole view: a scan of many small
@@ -164,11 +182,13 @@ bool ViewScan::InBusy(const std::string& path) const {
   return false;
 }
 
-bool ViewScan::Unsettled(const DiskEntry& e) const {
-  if (options_.settle_ms < 0) return true;
+ViewScan::Settled ViewScan::SettledOf(const DiskEntry& e, bool is_new) const {
+  if (options_.settle_ms < 0) return Settled::kNo;
+  if (e.file_type != db::kFileTypeFile) return Settled::kYes;
   const int64_t ctime_ns =
       static_cast<int64_t>(e.st.st_ctim.tv_sec) * 1000000000 + e.st.st_ctim.tv_nsec;
-  return e.file_type == db::kFileTypeFile && ctime_ns > settled_before_ns_;
+  if (ctime_ns <= settled_before_ns_) return Settled::kYes;
+  return is_new && ctime_ns <= closed_before_ns_ ? Settled::kIfClosed : Settled::kNo;
 }
 
 void ViewScan::SetAsideBusy() {
@@ -182,11 +202,23 @@ void ViewScan::SetAsideBusy() {
   if (busy_.empty()) return;
   timespec now{};
   clock_gettime(CLOCK_REALTIME, &now);
-  settled_before_ns_ = static_cast<int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec -
-                       std::max<int64_t>(options_.settle_ms, 0) * 1000000;
+  const int64_t now_ns = static_cast<int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec;
+  const int64_t settle_ms = std::max<int64_t>(options_.settle_ms, 0);
+  settled_before_ns_ = now_ns - settle_ms * 1000000;
+  closed_before_ns_ = now_ns - std::min<int64_t>(settle_ms, kClosedSettleMs) * 1000000;
+  std::unordered_set<std::pair<uint64_t, uint64_t>, PairHash> known;
+  for (const auto& [id, r] : recorded_)
+    if (live_.count(id)) known.insert({r.dev, r.ino});
   // A busy folder's own entry is versioned; what lies in it waits (with a
-  // settle time: the files changed since `settled_before_ns_`).
-  auto waits = [&](const DiskEntry& e) { return InBusy(e.path) && Unsettled(e); };
+  // settle time: the files changed since `settled_before_ns_`, but a new
+  // file only until its writer is done with it).
+  auto waits = [&](const DiskEntry& e) {
+    if (!InBusy(e.path)) return false;
+    const bool is_new = !at_path_.count(e.path) && !known.count({e.st.st_dev, e.st.st_ino});
+    const Settled settled = SettledOf(e, is_new);
+    if (settled == Settled::kIfClosed) closed_check_.insert(e.path);
+    return settled == Settled::kNo;
+  };
   for (const DiskEntry& e : entries_)
     if (waits(e)) waiting_.push_back(e);
   entries_.erase(std::remove_if(entries_.begin(), entries_.end(), waits), entries_.end());
@@ -608,10 +640,14 @@ int ViewScan::Record(size_t i, uint64_t node_id) {
     now = FromDisk(e);
   }
   const ScopedFd fd(opened);
-  if (opened >= 0 && InBusy(e.path) && Unsettled(e)) {
-    // Written to again since it was listed.
-    Defer(e);
-    return db::kOk;
+  if (opened >= 0 && InBusy(e.path)) {
+    // Written to again since it was listed, or still open for writing.
+    const Settled settled = SettledOf(e, closed_check_.count(e.path) > 0);
+    if (settled == Settled::kNo || (settled == Settled::kIfClosed && OpenForWriting(opened))) {
+      deferred_.push_back(e.path);
+      ++summary_.deferred;
+      return db::kOk;
+    }
   }
   int rc = StoreContent(e, fd.get(), have_prev ? &prev : nullptr, now);
   if (rc >= 0) rc = StoreMacAttr(e, fd.get(), have_prev ? &prev : nullptr, now);

@@ -7,6 +7,7 @@
 
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "db/view-writer.h"
@@ -71,9 +72,11 @@ class ViewScan {
   // Takes what lies in busy folders out of the walk into `waiting_`.
   void SetAsideBusy();
   bool InBusy(const std::string& path) const;
-  // Whether `e`, in a busy folder, must wait: all of it without a settle
-  // time, else a file changed since `settled_before_ns_`.
-  bool Unsettled(const DiskEntry& e) const;
+  // Whether `e`, in a busy folder, may be versioned now: nothing without a
+  // settle time; else files changed since `settled_before_ns_` wait, but a
+  // new one changed before `closed_before_ns_` only while open for writing.
+  enum class Settled { kNo, kYes, kIfClosed };
+  Settled SettledOf(const DiskEntry& e, bool is_new) const;
   void RemoveLive(uint64_t node_id);
   void Rotate(uint64_t node_id, const std::string& path, int32_t type);
   int PreviousOf(uint64_t node_id, Recorded& out);
@@ -94,6 +97,8 @@ class ViewScan {
   std::vector<std::string> busy_;   // folders whose contents wait
   std::vector<DiskEntry> waiting_;  // entries of them left for a later pass
   int64_t settled_before_ns_ = 0;
+  int64_t closed_before_ns_ = 0;
+  std::unordered_set<std::string> closed_check_;  // new files of kIfClosed
   std::vector<DiskEntry> entries_;
   std::vector<std::string> deferred_;
   std::vector<uint64_t> node_of_;  // per entry; 0 for a new node

@@ -11,8 +11,11 @@ constexpr auto kGroup = std::chrono::milliseconds(100);
 }  // namespace
 
 Debouncer::Debouncer(std::chrono::milliseconds quiet, std::chrono::milliseconds max_wait,
-                     size_t settle_count)
-    : quiet_(quiet), max_wait_(max_wait), settle_count_(settle_count) {}
+                     size_t settle_count, std::chrono::milliseconds settle)
+    : quiet_(quiet),
+      max_wait_(max_wait),
+      settle_count_(settle_count),
+      settle_(settle.count() > 0 ? std::min(settle, quiet) : quiet) {}
 
 TimePoint Debouncer::DueAt(const Burst& b) const {
   return std::min(b.last + quiet_, b.first + max_wait_);
@@ -23,7 +26,7 @@ std::optional<TimePoint> Debouncer::SettledAt(const Burst& b) const {
   size_t count = 0;
   for (const auto& [at, n] : b.added) {
     count += n;
-    if (count >= settle_count_) return at + quiet_;
+    if (count >= settle_count_) return at + settle_;
   }
   return std::nullopt;
 }
@@ -46,11 +49,11 @@ std::vector<uint64_t> Debouncer::TakeSettled(TimePoint now) {
     const auto at = SettledAt(burst);
     if (!at || *at > now) continue;
     out.push_back(id);
-    // What was added before `now - quiet` has been left alone since; the
+    // What was added before `now - settle` has been left alone since; the
     // rest waits for the next time or the end of the burst.
     auto& added = burst.added;
     added.erase(added.begin(), std::find_if(added.begin(), added.end(), [&](const auto& group) {
-                  return group.first + quiet_ > now;
+                  return group.first + settle_ > now;
                 }));
   }
   return out;

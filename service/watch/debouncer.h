@@ -5,8 +5,8 @@
 //
 // A view that keeps changing while entries are added to it (a copy of many
 // files) need not wait for its end: once `settle_count` added entries have
-// been left alone for `quiet`, it is "settled" and may be versioned in part
-// (what has not changed for `quiet`), while it stays pending for the rest.
+// been left alone for `settle` (at most `quiet`), it is "settled" and may be
+// versioned in part, while it stays pending for the rest.
 //
 // The caller gives every time, so the daemon drives it from its loop and
 // tests from a fake clock. Not thread-safe.
@@ -27,7 +27,7 @@ class Debouncer {
  public:
   // `settle_count` 0: never settled, always versioned whole.
   Debouncer(std::chrono::milliseconds quiet, std::chrono::milliseconds max_wait,
-            size_t settle_count = 0);
+            size_t settle_count = 0, std::chrono::milliseconds settle = {});
 
   // A change in the view at `now`, with `added` entries created or moved
   // in; starts a burst when none is pending.
@@ -38,7 +38,7 @@ class Debouncer {
   // so a later Touch starts a new burst.
   std::vector<uint64_t> TakeDue(TimePoint now);
   // The pending views settled at `now`, in ascending order. They stay
-  // pending; the additions older than `quiet` are counted as taken.
+  // pending; the additions older than `settle` are counted as taken.
   std::vector<uint64_t> TakeSettled(TimePoint now);
   // The earliest moment a pending view becomes due or settled (possibly
   // already past), or nothing when none is pending: what the daemon's timer
@@ -62,6 +62,7 @@ class Debouncer {
   std::chrono::milliseconds quiet_;
   std::chrono::milliseconds max_wait_;
   size_t settle_count_;
+  std::chrono::milliseconds settle_;
   std::map<uint64_t, Burst> pending_;
 };
 

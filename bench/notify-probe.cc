@@ -30,7 +30,6 @@
 #include <cstring>
 #include <fstream>
 #include <map>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -63,22 +62,15 @@ long RssKib() {
   return 0;
 }
 
-// Bytes held in the slab caches whose names start with `prefix` (active
-// objects times object size); -1 when /proc/slabinfo cannot be read.
-long long SlabBytes(const std::string& prefix) {
-  std::ifstream in("/proc/slabinfo");
-  if (!in) return -1;
-  std::string line;
-  long long total = 0;
-  while (std::getline(in, line)) {
-    if (line.rfind(prefix, 0) != 0) continue;
-    std::istringstream fields(line);
-    std::string name;
-    long long active = 0, count = 0, size = 0;
-    fields >> name >> active >> count >> size;
-    total += active * size;
-  }
-  return total;
+// Bytes held in the slab cache `name` (objects times object size), from
+// /sys/kernel/slab, which also names caches the kernel merged with others
+// (their other users add noise); -1 when it cannot be read.
+long long SlabBytes(const std::string& name) {
+  const std::string dir = "/sys/kernel/slab/" + name + "/";
+  std::ifstream objects(dir + "objects"), size(dir + "object_size");
+  long long count = 0, bytes = 0;
+  if (!(objects >> count) || !(size >> bytes)) return -1;
+  return count * bytes;
 }
 
 void Put(const char* name, double value) { printf("%s %.6g\n", name, value); }
@@ -186,7 +178,10 @@ int main(int argc, char** argv) {
 
   // inotify: a watch per folder.
   Inotify in;
-  long long slab0 = SlabBytes("inotify_inode_mark");
+  const auto inotify_slab = [] {
+    return SlabBytes("inotify_inode_mark") + SlabBytes("fsnotify_mark_connector");
+  };
+  const long long slab0 = inotify_slab();
   long rss0 = RssKib();
   double w0 = Wall(), c0 = ThreadCpu();
   if (in.watcher.AddView(1, dir) < 0) Die("inotify on " + dir);
@@ -194,12 +189,15 @@ int main(int argc, char** argv) {
   Put("inotify-setup-cpu-s", ThreadCpu() - c0);
   Put("inotify-folders", static_cast<double>(in.watcher.Stats().at(0).folders));
   Put("inotify-rss-kib", static_cast<double>(RssKib() - rss0));
-  if (slab0 >= 0) Put("inotify-kernel-kib", (SlabBytes("inotify_inode_mark") - slab0) / 1024.0);
+  if (slab0 >= 0) Put("inotify-kernel-kib", static_cast<double>(inotify_slab() - slab0) / 1024.0);
 
   // fanotify: one mark on the file system holding DIR.
   Fanotify fa;
   fa.root = dir + "/";
-  const long long fslab0 = SlabBytes("fanotify") + SlabBytes("fsnotify_mark");
+  const auto fanotify_slab = [] {
+    return SlabBytes("fanotify_mark") + SlabBytes("fsnotify_mark_connector");
+  };
+  const long long fslab0 = fanotify_slab();
   rss0 = RssKib();
   w0 = Wall();
   c0 = ThreadCpu();
@@ -221,8 +219,7 @@ int main(int argc, char** argv) {
     Put("fanotify-setup-cpu-s", ThreadCpu() - c0);
     Put("fanotify-rss-kib", static_cast<double>(RssKib() - rss0));
     if (fslab0 >= 0) {
-      Put("fanotify-kernel-kib",
-          (SlabBytes("fanotify") + SlabBytes("fsnotify_mark") - fslab0) / 1024.0);
+      Put("fanotify-kernel-kib", static_cast<double>(fanotify_slab() - fslab0) / 1024.0);
     }
   }
 

@@ -219,9 +219,10 @@ void ViewScan::SetAsideBusy() {
     if (settled == Settled::kIfClosed) closed_check_.insert(e.path);
     return settled == Settled::kNo;
   };
-  for (const DiskEntry& e : entries_)
-    if (waits(e)) waiting_.push_back(e);
-  entries_.erase(std::remove_if(entries_.begin(), entries_.end(), waits), entries_.end());
+  std::vector<DiskEntry> now_entries;
+  now_entries.reserve(entries_.size());
+  for (DiskEntry& e : entries_) (waits(e) ? waiting_ : now_entries).push_back(std::move(e));
+  entries_.swap(now_entries);
   summary_.deferred += static_cast<unsigned>(waiting_.size());
 }
 

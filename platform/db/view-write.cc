@@ -275,14 +275,24 @@ int ViewDB::Rekey() {
 }
 
 int ViewDB::LiveNodeAt(const std::string& path, uint64_t& node_id, int32_t& file_type) {
-  SQLite::Statement q(*db_, "SELECT node_id, file_type FROM nodes WHERE path = ? AND removed = 0");
-  q.bind(1, path);
-  if (!q.executeStep()) return kErrNotFound;
-  long long id = q.getColumn(0).getInt64();
+  auto q = Prepared("SELECT node_id, file_type FROM nodes WHERE path = ? AND removed = 0");
+  q->bind(1, path);
+  if (!q->executeStep()) return kErrNotFound;
+  long long id = q->getColumn(0).getInt64();
   if (id <= 0) return kErrCorrupt;
   node_id = static_cast<uint64_t>(id);
-  file_type = q.getColumn(1).getInt();
+  file_type = q->getColumn(1).getInt();
   return kOk;
+}
+
+ViewDB::Reused ViewDB::Prepared(const std::string& sql) {
+  auto& q = prepared_[sql];
+  if (!q) {
+    q = std::make_unique<SQLite::Statement>(*db_, sql);
+  } else {
+    q->clearBindings();
+  }
+  return Reused(*q);
 }
 
 int ViewDB::SubtreeIds(uint64_t node_id, bool live_only, std::vector<uint64_t>& out) {
@@ -297,19 +307,19 @@ int ViewDB::SubtreeIds(uint64_t node_id, bool live_only, std::vector<uint64_t>& 
 int ViewDB::InsertVersionFrom(uint64_t node_id, uint64_t parent_id, const std::string& name,
                               uint32_t ctime, const std::string& client_id, bool removed) {
   std::string key = SortKeyOf(name);
-  SQLite::Statement q(*db_, kCopyVersion);
-  q.bind(1, static_cast<int64_t>(node_id));
-  q.bind(2, static_cast<int64_t>(parent_id));
-  q.bind(3, name);
-  q.bind(4, key.data(), static_cast<int>(key.size()));
-  q.bind(5, ExtensionOf(name));
-  q.bind(6, static_cast<int64_t>(ctime));
-  q.bind(7, client_id);
-  q.bind(8, removed ? 1 : 0);
-  if (q.exec() != 1) return kErrCorrupt;
-  SQLite::Statement refresh(*db_, kRefreshNode);
-  refresh.bind(1, static_cast<int64_t>(node_id));
-  refresh.exec();
+  auto q = Prepared(kCopyVersion);
+  q->bind(1, static_cast<int64_t>(node_id));
+  q->bind(2, static_cast<int64_t>(parent_id));
+  q->bind(3, name);
+  q->bind(4, key.data(), static_cast<int>(key.size()));
+  q->bind(5, ExtensionOf(name));
+  q->bind(6, static_cast<int64_t>(ctime));
+  q->bind(7, client_id);
+  q->bind(8, removed ? 1 : 0);
+  if (q->exec() != 1) return kErrCorrupt;
+  auto refresh = Prepared(kRefreshNode);
+  refresh->bind(1, static_cast<int64_t>(node_id));
+  refresh->exec();
   return kOk;
 }
 
@@ -336,30 +346,29 @@ int ViewDB::AddVersion(const NewVersion& v, Node& out) {
     int32_t type = 0;
     if (!root) found = LiveNodeAt(path, node_id, type);
     if (found == kErrNotFound) {
-      SQLite::Statement next(*db_, "SELECT ifnull(max(permanent_id), 1000) + 1 FROM nodes");
-      next.executeStep();
-      SQLite::Statement node(*db_,
-                             "INSERT INTO nodes(permanent_id, permanent_link, parent_id, path, "
-                             "name, sort_key, grp, extension, file_type, size, mtime, ctime, "
-                             "sync_id, ver_cnt, removed, encrypted) VALUES(?, ?, ?, ?, ?, x'', "
-                             "1, '', 0, 0, 0, 0, 0, 0, 0, 0)");
-      node.bind(1, next.getColumn(0).getInt64());
-      node.bind(2, RandomLink());
-      node.bind(3, static_cast<int64_t>(parent_id));
-      node.bind(4, path);
-      node.bind(5, name);
-      node.exec();
+      auto next = Prepared("SELECT ifnull(max(permanent_id), 1000) + 1 FROM nodes");
+      next->executeStep();
+      auto node = Prepared(
+          "INSERT INTO nodes(permanent_id, permanent_link, parent_id, path, name, sort_key, grp, "
+          "extension, file_type, size, mtime, ctime, sync_id, ver_cnt, removed, encrypted) "
+          "VALUES(?, ?, ?, ?, ?, x'', 1, '', 0, 0, 0, 0, 0, 0, 0, 0)");
+      node->bind(1, next->getColumn(0).getInt64());
+      node->bind(2, RandomLink());
+      node->bind(3, static_cast<int64_t>(parent_id));
+      node->bind(4, path);
+      node->bind(5, name);
+      node->exec();
       node_id = static_cast<uint64_t>(db_->getLastInsertRowid());
     } else if (found < 0) {
       return found;
     }
     std::string key = SortKeyOf(name);
-    SQLite::Statement q(*db_,
-                        "INSERT INTO versions(node_id, parent_id, name, sort_key, extension, "
-                        "file_type, size, hash, ctime, mtime, uid, gid, mode, acl, ver_type, "
-                        "file_id, file_uuid, mac_attr_file_id, mac_attr_uuid, mac_attr_hash, "
-                        "client_id, removed, encrypted) VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, "
-                        "?, ?, ?, ?, ?, ?, ?, ?, ?, ?, 0, ?)");
+    auto reused = Prepared(
+        "INSERT INTO versions(node_id, parent_id, name, sort_key, extension, file_type, size, "
+        "hash, ctime, mtime, uid, gid, mode, acl, ver_type, file_id, file_uuid, mac_attr_file_id, "
+        "mac_attr_uuid, mac_attr_hash, client_id, removed, encrypted) VALUES(?, ?, ?, ?, ?, ?, ?, "
+        "?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, 0, ?)");
+    SQLite::Statement& q = *reused;
     int i = 1;
     q.bind(i++, static_cast<int64_t>(node_id));
     q.bind(i++, static_cast<int64_t>(parent_id));
@@ -384,9 +393,9 @@ int ViewDB::AddVersion(const NewVersion& v, Node& out) {
     q.bind(i++, v.client_id);
     q.bind(i++, v.encrypted ? 1 : 0);
     q.exec();
-    SQLite::Statement refresh(*db_, kRefreshNode);
-    refresh.bind(1, static_cast<int64_t>(node_id));
-    refresh.exec();
+    auto refresh = Prepared(kRefreshNode);
+    refresh->bind(1, static_cast<int64_t>(node_id));
+    refresh->exec();
     return QueryNode(node_id, out, kQueryWithRemoved);
   });
   return rc;

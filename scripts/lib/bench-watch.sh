@@ -140,6 +140,8 @@ fi
 # The daemon's own CPU ticks, and those of its passes (children it waited for).
 cpu_ticks() { awk '{ print $14 + $15 }' "/proc/$pid/stat"; }
 child_ticks() { awk '{ print $16 + $17 }' "/proc/$pid/stat"; }
+# Those of the children this shell waited for, such as a scan by hand.
+own_child_ticks() { awk '{ print $16 + $17 }' "/proc/$$/stat"; }
 ticks_s() { awk -v a="$1" -v b="$2" -v t="$(getconf CLK_TCK)" 'BEGIN { printf "%.2f", (b - a) / t }'; }
 # A burst of files in ORDER (tree or spread, see bench_watch_probe) into
 # /NAME watched, then into /NAME-ref with the daemon stopped and scanned by
@@ -163,11 +165,13 @@ burst_case() {  # NAME ORDER LABEL
   t0=$(now)
   "$probe" files "$home/$1-ref" "$burst" 100 4096 16384 7 "$alice" "$2"
   t_last=$(now)
+  k0=$(own_child_ticks)
   "$control" scan --view "$view" --client driftway >/dev/null
+  k1=$(own_child_ticks)
   t1=$(now)
   ref_s=$(secs "$t0" "$t1")
   echo "daemon stopped: $ref_s s from the first write ($(secs "$t0" "$t_last") s of writing," \
-    "scan $(secs "$t_last" "$t1") s)"
+    "scan $(secs "$t_last" "$t1") s, its CPU $(ticks_s "$k0" "$k1") s)"
   "$probe" wait-count "$db" "/$1-ref" $((burst + 100)) 5 >/dev/null
   "$control" service --start >/dev/null
   pid=$(status | sed -n 's/^driftway: running (pid \([0-9]*\)).*/\1/p')

@@ -117,6 +117,10 @@ class ViewDB final : public ViewManager, public ViewWriter {
     SQLite::Statement& q_;
   };
   Reused Prepared(const std::string& sql);
+  // Runs the savepoint statements of a change, each prepared once.
+  auto Savepoints() {
+    return [this](const char* sql) { Prepared(sql)->exec(); };
+  }
 
   uint64_t view_id_;
   uint64_t root_id_ = 0;

@@ -104,20 +104,21 @@ std::string RandomLink() {
 
 // A statement in a savepoint of its own, so a failed operation leaves
 // nothing behind while an open batch goes on.
-template <typename F>
-int Atomically(SQLite::Database& db, const char* what, F&& f) {
+// `exec` runs one statement (prepared once by the caller).
+template <typename Exec, typename F>
+int Atomically(Exec&& exec, const char* what, F&& f) {
   return Guard(what, [&]() -> int {
-    db.exec("SAVEPOINT op");
+    exec("SAVEPOINT op");
     int rc = kErrGeneral;
     try {
       rc = f();
     } catch (...) {
-      db.exec("ROLLBACK TO op");
-      db.exec("RELEASE op");
+      exec("ROLLBACK TO op");
+      exec("RELEASE op");
       throw;
     }
-    if (rc < 0) db.exec("ROLLBACK TO op");
-    db.exec("RELEASE op");
+    if (rc < 0) exec("ROLLBACK TO op");
+    exec("RELEASE op");
     return rc;
   });
 }
@@ -336,7 +337,7 @@ int ViewDB::AddVersion(const NewVersion& v, Node& out) {
     return kErrInvalid;
   }
   const std::string path = NormalizePath(v.path);
-  int rc = Atomically(*db_, "add version", [&]() -> int {
+  int rc = Atomically(Savepoints(), "add version", [&]() -> int {
     uint64_t parent_id = 0;
     int32_t parent_type = kFileTypeDir;
     int found = root ? static_cast<int>(kOk) : LiveNodeAt(parent_path, parent_id, parent_type);
@@ -403,7 +404,7 @@ int ViewDB::AddVersion(const NewVersion& v, Node& out) {
 
 int ViewDB::RemoveNode(uint64_t node_id, uint32_t ctime, const std::string& client_id) {
   if (node_id == root_id_ || node_id > static_cast<uint64_t>(LLONG_MAX)) return kErrInvalid;
-  return Atomically(*db_, "remove node", [&]() -> int {
+  return Atomically(Savepoints(), "remove node", [&]() -> int {
     Node node;
     int rc = QueryNode(node_id, node, kQueryExisting);
     if (rc < 0) return rc;
@@ -428,7 +429,7 @@ int ViewDB::MoveNode(uint64_t node_id, const std::string& new_path, uint32_t cti
     return kErrInvalid;
   }
   const std::string path = NormalizePath(new_path);
-  return Atomically(*db_, "move node", [&]() -> int {
+  return Atomically(Savepoints(), "move node", [&]() -> int {
     Node node;
     int rc = QueryNode(node_id, node, kQueryExisting);
     if (rc < 0) return rc;
@@ -469,7 +470,7 @@ int ViewDB::RotateVersions(uint64_t node_id, int keep, std::vector<Version>& rem
   if (rc < 0) return rc;
   const size_t kept = keep < 1 ? 1 : static_cast<size_t>(keep);
   if (all.size() <= kept) return 0;
-  rc = Atomically(*db_, "rotate versions", [&]() -> int {
+  rc = Atomically(Savepoints(), "rotate versions", [&]() -> int {
     SQLite::Statement del(*db_, "DELETE FROM versions WHERE sync_id = ? AND node_id = ?");
     for (size_t i = 0; i + kept < all.size(); ++i) {
       del.reset();
@@ -490,7 +491,7 @@ int ViewDB::RotateVersions(uint64_t node_id, int keep, std::vector<Version>& rem
 int ViewDB::PurgeNode(uint64_t node_id, std::vector<PurgedNode>& purged) {
   purged.clear();
   if (node_id == root_id_) return kErrInvalid;
-  return Atomically(*db_, "purge node", [&]() -> int {
+  return Atomically(Savepoints(), "purge node", [&]() -> int {
     SQLite::Statement known(*db_, "SELECT 1 FROM nodes WHERE node_id = ?");
     known.bind(1, static_cast<int64_t>(node_id));
     if (!known.executeStep()) return static_cast<int>(kErrNotFound);
@@ -509,7 +510,7 @@ int ViewDB::PurgeNode(uint64_t node_id, std::vector<PurgedNode>& purged) {
 
 int ViewDB::PurgeRemoved(std::vector<PurgedNode>& purged) {
   purged.clear();
-  return Atomically(*db_, "purge removed", [&]() -> int {
+  return Atomically(Savepoints(), "purge removed", [&]() -> int {
     db_->exec("CREATE TEMP TABLE IF NOT EXISTS purge_ids(id INTEGER PRIMARY KEY)");
     db_->exec("DELETE FROM temp.purge_ids");
     // A removed folder's children are removed too; whatever still hangs

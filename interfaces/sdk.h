@@ -32,19 +32,20 @@ class UserService {
                                std::vector<std::string>& names) const;
 };
 
-// Directory services. This host has none: they are never enabled and list
-// no users (count 0, names empty, result 0).
+// Directory services. Whether one is enabled comes from
+// /usr/kstx/etc/directory.conf; a plain host has none. They list no users
+// (count 0, names empty, result 0).
 class LDAPService {
  public:
-  bool IsServiceEnabled() const { return false; }
-  std::string GetDomainName() const { return {}; }
+  bool IsServiceEnabled() const;
+  std::string GetDomainName() const;  // empty when none is configured
   int ListUsersWithPaging(int offset, int limit, const std::string& substr, uint32_t& count,
                           std::vector<std::string>& names) const;
 };
 
 class DomainService {
  public:
-  bool IsServiceEnabled() const { return false; }
+  bool IsServiceEnabled() const;
   int ListUsersWithPaging(int offset, int limit, const std::string& substr,
                           const std::string& domain, uint32_t& count,
                           std::vector<std::string>& names) const;

@@ -65,3 +65,10 @@ bool ServiceSupportMovingRepository();
 bool ServiceSupportSharing();
 // 0 local, 2 LDAP, 3 domain.
 bool ServiceIsHomeServiceEnabled(int user_type);
+
+// The folder of a namespace that another package of the service keeps beside
+// the repository: "<repository volume>/@tidepool-<name>" ("office" for the
+// office service's documents). Nonzero with `path` when that folder exists
+// (a real folder, not a link); 0 when it does not, when `name` is not a
+// plain lower-case word or when no repository volume is configured.
+int KSTXTidepoolGetNSPath(const std::string& name, std::string& path);

@@ -32,6 +32,9 @@ class Manager {
   static std::string GetFilePath(const std::string& uuid, uint64_t file_id);
   // Volume name ("/volume1") to its file database's folder.
   static int EnumVolumeTable(std::map<std::string, std::string>& out);
+  // Each volume's file database by its uuid (for GetFileDB), to the volume
+  // name; the number of entries, or negative.
+  static int EnumFileDBTable(std::map<std::string, std::string>& out);
   static int GetDBUsage(unsigned long long& size, std::string& detail);
   static int SetDBUsage(unsigned long long size, const std::string& detail);
   static int GetViewDBFileSize(uint64_t view_id, unsigned long long& size);

@@ -7,12 +7,24 @@
 // caller clears user_id when an administrator is to see everything.
 //
 // Paging is by OFFSET over the (time, id) index. A keyset would save the
-// skip, but callers page by number and read several pages ahead anyway;
-// on a million records a page at the far end costs tens of milliseconds.
+// skip, but callers page by number and read several pages ahead anyway.
+// The skip stays cheap because it reads no record: the time index also
+// holds every column a filter other than the keyword tests, so a page's ids
+// are found in the index alone, and only the page's own records are read.
+//
+// Keywords match as literal substrings of a record's lower-cased names and
+// paths. A trigram index (FTS5, which answers LIKE from it) finds the few
+// records of a rare keyword without reading the rest; a common one is
+// cheaper found by walking the time index, where a page fills quickly, so
+// the search probes the trigram index first and picks the walk when it
+// holds more than a few thousand candidates. The trigram index only
+// narrows: instr on the stored text decides.
 #include "db/log-manager.h"
 
 #include <SQLiteCpp/Statement.h>
+#include <SQLiteCpp/Transaction.h>
 
+#include <algorithm>
 #include <climits>
 #include <ctime>
 
@@ -45,6 +57,25 @@ CREATE INDEX logs_by_view ON logs(view_id, time, id);
 CREATE INDEX logs_by_user ON logs(user_id, time, id);
 CREATE INDEX logs_by_type ON logs(type, time, id);
 )sql";
+
+// The time index covers the filter columns; the trigram index follows the
+// table through triggers (positions are not kept: instr checks each hit).
+constexpr const char* kSchema2 = R"sql(
+DROP INDEX logs_by_time;
+CREATE INDEX logs_by_time ON logs(time, id, type, view_id, user_id);
+CREATE VIRTUAL TABLE logs_text USING fts5(search_text, content='logs', content_rowid='id',
+  tokenize='trigram', detail='none', columnsize=0);
+INSERT INTO logs_text(logs_text) VALUES('rebuild');
+CREATE TRIGGER logs_text_insert AFTER INSERT ON logs BEGIN
+  INSERT INTO logs_text(rowid, search_text) VALUES(new.id, new.search_text);
+END;
+CREATE TRIGGER logs_text_delete AFTER DELETE ON logs BEGIN
+  INSERT INTO logs_text(logs_text, rowid, search_text) VALUES('delete', old.id, old.search_text);
+END;
+)sql";
+
+// A keyword with more trigram hits than this is searched by walking time.
+constexpr int kKeywordIndexCap = 5000;
 
 constexpr int kDefaultCount = 1000000;
 constexpr int kDefaultSpan = 2592000;  // thirty days
@@ -110,6 +141,32 @@ int SetSetting(const char* enabled_key, const char* value_key, bool enabled, int
   });
 }
 
+// "%keyword%" for the trigram index. Its % and _ stay wildcards, which also
+// match themselves, so the pattern finds every literal hit and perhaps a
+// few more that instr then drops. (An ESCAPE clause would keep the index
+// from being used.)
+std::string LikePattern(const std::string& keyword) { return "%" + keyword + "%"; }
+
+// Whether the trigram index narrows the keyword to a few records. It needs
+// a run of three characters with no wildcard to say anything.
+bool FewKeywordHits(const std::string& keyword) {
+  size_t run = 0, longest = 0;
+  for (unsigned char c : keyword) {
+    if (c == '%' || c == '_') {
+      run = 0;
+    } else if ((c & 0xC0) != 0x80) {
+      longest = std::max(longest, ++run);
+    }
+  }
+  if (longest < 3) return false;
+  SQLite::Statement probe(*Handle(),
+                          "SELECT count(*) FROM (SELECT rowid FROM logs_text WHERE search_text "
+                          "LIKE ? LIMIT ?)");
+  probe.bind(1, LikePattern(keyword));
+  probe.bind(2, kKeywordIndexCap + 1);
+  return probe.executeStep() && probe.getColumn(0).getInt() <= kKeywordIndexCap;
+}
+
 // WHERE clause and its values for a filter.
 std::string WhereOf(const LogFilter& f, std::vector<std::string>& texts,
                     std::vector<long long>& numbers, std::vector<bool>& is_text) {
@@ -148,9 +205,15 @@ std::string WhereOf(const LogFilter& f, std::vector<std::string>& texts,
     where += ")";
   }
   if (!f.keyword.empty()) {
+    const std::string keyword = Lower(f.keyword);
+    if (FewKeywordHits(keyword)) {
+      where += " AND id IN (SELECT rowid FROM logs_text WHERE search_text LIKE ?)";
+      texts.push_back(LikePattern(keyword));
+      is_text.push_back(true);
+    }
     // instr, not LIKE: the keyword is literal text, % and _ included.
     where += " AND instr(search_text, ?) > 0";
-    texts.push_back(Lower(f.keyword));
+    texts.push_back(keyword);
     is_text.push_back(true);
   }
   return where;
@@ -179,7 +242,7 @@ bool U32(const SQLite::Column& c, uint32_t& out) {
 
 int LogManager::Initialize(const std::string& /*repo_location*/, const std::string& connect_param,
                            const std::string& backend, bool /*read_only*/) {
-  static const std::vector<const char*> migrations = {kSchema1};
+  static const std::vector<const char*> migrations = {kSchema1, kSchema2};
   return internal::OpenProcessWide(Handle(), connect_param, backend, kFileName, migrations);
 }
 
@@ -262,17 +325,20 @@ int LogManager::SearchLog(const LogFilter& filter, std::vector<Log>& out) {
     std::vector<std::string> texts;
     std::vector<long long> numbers;
     std::vector<bool> is_text;
+    const char* order = filter.oldest_first ? " ORDER BY time, id" : " ORDER BY time DESC, id DESC";
     std::string sql =
         "SELECT type, time, user_id, user_name, view_id, share_name, share_type, "
-        "target_view_id, target_share_name, target_share_type, p_args, s_args FROM logs" +
-        WhereOf(filter, texts, numbers, is_text) +
-        (filter.oldest_first ? " ORDER BY time, id" : " ORDER BY time DESC, id DESC");
+        "target_view_id, target_share_name, target_share_type, p_args, s_args FROM logs";
     if (filter.limit > 0 || filter.offset > 0) {
-      sql += " LIMIT ? OFFSET ?";
+      // The page's ids first, from the index alone; then only its records.
+      sql += std::string(" WHERE id IN (SELECT id FROM logs") +
+             WhereOf(filter, texts, numbers, is_text) + order + " LIMIT ? OFFSET ?)" + order;
       numbers.push_back(filter.limit > 0 ? filter.limit : -1);
       numbers.push_back(filter.offset);
       is_text.push_back(false);
       is_text.push_back(false);
+    } else {
+      sql += WhereOf(filter, texts, numbers, is_text) + order;
     }
     SQLite::Statement q(*Handle(), sql);
     Bind(q, texts, numbers, is_text);
@@ -404,7 +470,16 @@ int LogManager::CountLog(const LogFilter& filter, unsigned int& count) {
 int LogManager::DeleteLog() {
   if (!Handle()) return kErrInvalid;
   return internal::Guard("delete log", [&]() -> int {
+    // Emptied whole, the trigram index is cleared at once rather than
+    // record by record through its trigger.
+    SQLite::Transaction transaction(*Handle());
+    Handle()->exec("DROP TRIGGER logs_text_delete");
     Handle()->exec("DELETE FROM logs");
+    Handle()->exec("INSERT INTO logs_text(logs_text) VALUES('delete-all')");
+    Handle()->exec(
+        "CREATE TRIGGER logs_text_delete AFTER DELETE ON logs BEGIN INSERT INTO "
+        "logs_text(logs_text, rowid, search_text) VALUES('delete', old.id, old.search_text); END");
+    transaction.commit();
     return static_cast<int>(kOk);
   });
 }

@@ -171,6 +171,16 @@ int Manager::EnumVolumeTable(std::map<std::string, std::string>& out) {
   });
 }
 
+int Manager::EnumFileDBTable(std::map<std::string, std::string>& out) {
+  out.clear();
+  if (!IsInitialized()) return kErrInvalid;
+  return internal::Guard("volume table", [&]() -> int {
+    SQLite::Statement q(*Current().handle, "SELECT uuid, volume FROM volumes ORDER BY volume");
+    while (q.executeStep()) out[q.getColumn(0).getString()] = q.getColumn(1).getString();
+    return static_cast<int>(out.size());
+  });
+}
+
 int Manager::GetDBUsage(unsigned long long& size, std::string& detail) {
   size = 0;
   detail.clear();

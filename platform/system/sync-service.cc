@@ -4,6 +4,7 @@
 // freeze (full volumes; its presence means frozen).
 #include "sync-service.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -143,3 +144,20 @@ bool ServiceSupportSharing() { return true; }
 
 // Only local homes: this host has no LDAP or domain directory service.
 bool ServiceIsHomeServiceEnabled(int user_type) { return user_type == 0; }
+
+int KSTXTidepoolGetNSPath(const std::string& name, std::string& path) {
+  path.clear();
+  if (name.empty() || name.size() > 32 ||
+      name.find_first_not_of("abcdefghijklmnopqrstuvwxyz0123456789_") != std::string::npos) {
+    return 0;
+  }
+  SyncConfigMgr config;
+  if (!config.IsLoaded()) return 0;
+  const std::string folder = config.GetSysShareBin() + "/@tidepool-" + name;
+  // A link there is not the service's folder: whoever reads it would be led
+  // elsewhere.
+  struct stat st {};
+  if (lstat(folder.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) return 0;
+  path = folder;
+  return 1;
+}

@@ -9,6 +9,7 @@ here=$(cd "$(dirname "$0")" && pwd)
 control=/var/packages/Tidepool/target/bin/driftway-control
 
 "$here/seed-demo.sh"
+"$here/demo-update.sh" "$port"
 
 stopping=0
 stop() {

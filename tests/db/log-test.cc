@@ -161,4 +161,56 @@ TEST_F(LogTest, RotationByCountAndBySpan) {
   EXPECT_EQ(db::LogManager::SetLogDelSpan(true, -1), db::kErrInvalid);
 }
 
+// A keyword is a literal substring however many records hold it: a rare one
+// and one found in thousands of records give the same pages as a plain
+// match, also after rotation and deletion removed records.
+TEST_F(LogTest, KeywordsRareAndCommonMatchTheSameRecords) {
+  constexpr uint32_t kRecords = 7000;
+  ASSERT_EQ(db::LogManager::SetLogDelCount(true, 6500), 0);
+  for (uint32_t i = 0; i < kRecords; ++i) {
+    // Every record holds "part-", one in seven "part-3/", and one "100%".
+    const std::string path = "/Part-" + std::to_string(i % 7) + "/file-" + std::to_string(i) +
+                             (i == 4321 ? "-100%.txt" : ".txt");
+    db::Log log = Record(13, 1000 + i, 1026, "alice", 1, {path});
+    ASSERT_EQ(db::LogManager::InsertLog(log), 0);
+  }
+  // Rotation kept the newest 6,500: records 500 to 6,999.
+  auto expect = [](const std::string& needle, uint32_t offset, uint32_t limit) {
+    std::vector<uint32_t> want;
+    for (uint32_t i = kRecords; i-- > 500;) {
+      const std::string path = "/part-" + std::to_string(i % 7) + "/file-" + std::to_string(i) +
+                               (i == 4321 ? "-100%.txt" : ".txt");
+      if (path.find(needle) != std::string::npos) want.push_back(1000 + i);
+    }
+    if (offset >= want.size()) return std::vector<uint32_t>{};
+    want.erase(want.begin(), want.begin() + offset);
+    if (limit > 0 && want.size() > limit) want.resize(limit);
+    return want;
+  };
+  struct Case {
+    const char* keyword;
+    const char* needle;
+    int32_t offset, limit;
+  };
+  for (const Case& c : {Case{"PART-", "part-", 0, 0}, Case{"part-", "part-", 3000, 50},
+                        Case{"part-3/", "part-3/", 0, 0}, Case{"part-3/", "part-3/", 900, 10},
+                        Case{"file-4321-", "file-4321-", 0, 0}, Case{"100%", "100%", 0, 0},
+                        Case{"file-123.", "file-123.", 0, 5}, Case{"file-12.", "file-12.", 0, 0},
+                        Case{"e-6", "e-6", 0, 0}, Case{"e-", "e-", 6000, 0}}) {
+    db::LogFilter f;
+    f.keyword = c.keyword;
+    f.offset = c.offset;
+    f.limit = c.limit;
+    EXPECT_EQ(Times(f), expect(c.needle, c.offset, c.limit)) << c.keyword << " at " << c.offset;
+  }
+
+  // Emptied and written again, the log finds only the new records.
+  ASSERT_GE(db::LogManager::DeleteLog(), 0);
+  db::Log again = Record(13, 50, 1026, "alice", 1, {"/part-3/again.txt"});
+  ASSERT_EQ(db::LogManager::InsertLog(again), 0);
+  db::LogFilter f;
+  f.keyword = "part-3/";
+  EXPECT_EQ(Times(f), std::vector<uint32_t>{50});
+}
+
 }  // namespace

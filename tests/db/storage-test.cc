@@ -103,6 +103,10 @@ TEST(Storage, VolumesUsageAndSizes) {
   EXPECT_EQ(volumes,
             (std::map<std::string, std::string>{{"/volume1", "/volume1/@tidepool/@sync"},
                                                 {"/volume2", "/volume2/@tidepool/@sync"}}));
+  // The same table by store: a volume whose store was replaced names the new one.
+  ASSERT_EQ(db::Manager::EnumFileDBTable(volumes), 2);
+  EXPECT_EQ(volumes,
+            (std::map<std::string, std::string>{{"uuid-1", "/volume1"}, {"uuid-3", "/volume2"}}));
   db::FileDBInterface files;
   EXPECT_EQ(db::Manager::GetFileDB("no-such-uuid", files, false, ""), db::kErrCannotOpen);
   EXPECT_EQ(db::Manager::GetFilePath("no-such-uuid", 1), "");

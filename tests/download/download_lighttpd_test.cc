@@ -55,14 +55,20 @@ int StartAndWait(const std::string& sid, const Json::Value& nodes) {
   return start.json["data"]["task_id"].asInt();
 }
 
+// The CGIs of this test's own sandbox: other tests on the machine run theirs
+// in mount namespaces of their own.
 std::vector<pid_t> RunningCgis() {
   std::vector<pid_t> pids;
+  std::error_code error;
+  const auto own_namespace = fs::read_symlink("/proc/self/ns/mnt", error);
   for (const auto& entry : fs::directory_iterator("/proc")) {
     const std::string name = entry.path().filename().string();
     if (name.find_first_not_of("0123456789") != std::string::npos) continue;
     std::ifstream comm(entry.path() / "comm");
     std::string command;
-    if (comm >> command && command == "entry.cgi") pids.push_back(std::stoi(name));
+    if (!(comm >> command) || command != "entry.cgi") continue;
+    if (fs::read_symlink(entry.path() / "ns" / "mnt", error) != own_namespace) continue;
+    pids.push_back(std::stoi(name));
   }
   return pids;
 }

@@ -4,6 +4,14 @@
 
 #include "bridge/webapi-bridge.h"
 #include "handlers/check-user.h"
+#include "handlers/dbusage/get.h"
+#include "handlers/dbusage/start.h"
+#include "handlers/dbusage/status.h"
+#include "handlers/dbusage/stop.h"
+#include "handlers/delete-database.h"
+#include "handlers/get-client-link.h"
+#include "handlers/get-directory-service-status.h"
+#include "handlers/get-extension.h"
 #include "handlers/get-status.h"
 #include "handlers/log/delete.h"
 #include "handlers/log/export.h"
@@ -21,6 +29,7 @@
 #include "handlers/node/restore/finish.h"
 #include "handlers/node/restore/start.h"
 #include "handlers/node/restore/status.h"
+#include "handlers/resume-freeze.h"
 #include "logger.h"
 
 extern "C" void Process(KSTX::APIRequest* request, KSTX::APIResponse* response);
@@ -92,8 +101,13 @@ const KSTXAPITableRow* GetAPITable() { return gTable; }
 void Process(KSTX::APIRequest* request, KSTX::APIResponse* response) {
   WebAPIBridge bridge(request, response);
   Logger::Initialize(0, "", kDebugSettingsPath, 50, 1);
+  bridge.AddHandler(new ResumeFreezeHandler);
+  bridge.AddHandler(new DeleteDatabaseHandler);
+  bridge.AddHandler(new GetExtensionHandler);
+  bridge.AddHandler(new GetClientLinkHandler);
   bridge.AddHandler(new GetStatusHandler);
   bridge.AddHandler(new CheckUserHandler);
+  bridge.AddHandler(new GetDirectoryServiceStatusHandler);
   bridge.AddHandler(new NodeListHandler);
   bridge.AddHandler(new NodeListParentHandler);
   bridge.AddHandler(new NodeListVersionHandler);
@@ -110,6 +124,10 @@ void Process(KSTX::APIRequest* request, KSTX::APIResponse* response) {
   bridge.AddHandler(new LogListHandler);
   bridge.AddHandler(new LogDeleteHandler);
   bridge.AddHandler(new LogExportHandler);
+  bridge.AddHandler(new DBUsageStartHandler);
+  bridge.AddHandler(new DBUsageStatusHandler);
+  bridge.AddHandler(new DBUsageStopHandler);
+  bridge.AddHandler(new DBUsageGetHandler);
   bridge.Process();
 }
 

@@ -16,6 +16,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <ctime>
 #include <sstream>
@@ -35,14 +36,28 @@ constexpr size_t kWriteBuffer = 1 << 18;
 // Records read per query: memory stays flat however long the log is.
 constexpr int kPageSize = 5000;
 
+// "2024-01-31T10:00:01Z". Records of one day share their date, so gmtime
+// runs once a day of records, not once a record.
 std::string IsoTime(uint32_t seconds) {
-  const time_t t = seconds;
-  struct tm tm {};
-  char text[32];
-  if (gmtime_r(&t, &tm) == nullptr || strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &tm) == 0) {
-    return "";
+  static uint32_t cached_day = UINT32_MAX;
+  static char date[16];
+  const uint32_t day = seconds / 86400;
+  if (day != cached_day) {
+    const time_t t = seconds;
+    struct tm tm {};
+    if (gmtime_r(&t, &tm) == nullptr || strftime(date, sizeof date, "%Y-%m-%dT", &tm) == 0) {
+      return "";
+    }
+    cached_day = day;
   }
-  return text;
+  const uint32_t in_day = seconds % 86400;
+  const unsigned h = in_day / 3600, m = in_day / 60 % 60, sec = in_day % 60;
+  std::string out(date);
+  const char clock[] = {char('0' + h / 10),   char('0' + h % 10),   ':',
+                        char('0' + m / 10),   char('0' + m % 10),   ':',
+                        char('0' + sec / 10), char('0' + sec % 10), 'Z'};
+  out.append(clock, sizeof clock);
+  return out;
 }
 
 std::string BaseName(const std::string& path) {
@@ -69,10 +84,12 @@ class Args {
 
 void Quote(const std::string& value, std::string& out) {
   out += '"';
-  for (char c : value) {
-    if (c == '"') out += '"';
-    out += c;
+  size_t from = 0;
+  for (size_t quote; (quote = value.find('"', from)) != std::string::npos; from = quote + 1) {
+    out.append(value, from, quote + 1 - from);
+    out += '"';
   }
+  out.append(value, from, std::string::npos);
   out += '"';
 }
 
@@ -177,161 +194,149 @@ void LogExportHandler::InsertExportLog(const RequestAuthentication& auth) {
   InsertLogs(auth.user, auth.uid, {log});
 }
 
-const Json::Value& LogExportHandler::Columns() {
-  static const Json::Value columns = [] {
-    Json::Value names(Json::arrayValue);
-    for (const char* name : {"Date Time", "Operator", "Action", "Related Path", "Related User",
-                             "Related Share", "Device Name", "Additional"}) {
-      names.append(name);
-    }
-    return names;
-  }();
-  return columns;
-}
+const char* const LogExportHandler::kColumnNames[kColumns] = {
+    "Date Time",    "Operator",      "Action",      "Related Path",
+    "Related User", "Related Share", "Device Name", "Additional"};
 
 std::string LogExportHandler::GetRelatedPath(const std::string& path, const db::Log& log) {
   if (log.getShareType() == db::kShareTypeShare) return "/" + log.getShareName() + path;
   return "/homes/" + log.getShareName() + "/Tidepool" + path;
 }
 
-Json::Value LogExportHandler::ConvertLogToRow(const db::Log& log) {
+bool LogExportHandler::ConvertLogToRow(const db::Log& log, Row& row) {
   const uint32_t type = log.getType();
-  if (type == db::kLogHidden) return Json::Value();
+  if (type == db::kLogHidden) return false;
   const Args p(log.getPArg());
   const Args s(log.getSArg());
-  Json::Value row(Json::objectValue);
-  row["Date Time"] = IsoTime(log.getTime());
-  row["Operator"] = log.getUserName().empty() ? "system" : log.getUserName();
-  row[log.getShareType() == db::kShareTypeShare ? "Related Share" : "Related User"] =
-      log.getShareName();
+  row.present = 0;
+  row.additional = Json::Value();
+  row.Set(kDateTime, IsoTime(log.getTime()));
+  row.Set(kOperator, log.getUserName().empty() ? "system" : log.getUserName());
+  row.Set(log.getShareType() == db::kShareTypeShare ? kRelatedShare : kRelatedUser,
+          log.getShareName());
 
-  auto set = [&](const char* column, const Args& args, size_t n) {
-    if (args.Has(n)) row[column] = args(n);
+  auto set = [&](Column column, const Args& args, size_t n) {
+    if (args.Has(n)) row.Set(column, args(n));
   };
-  auto set_path = [&](const char* column, size_t n) {
-    if (s.Has(n)) row[column] = GetRelatedPath(s(n), log);
+  auto set_path = [&](Column column, size_t n) {
+    if (s.Has(n)) row.Set(column, GetRelatedPath(s(n), log));
   };
-  auto set_extra = [&](const char* key, const std::string& value) {
-    row["Additional"][key] = value;
-  };
+  auto set_extra = [&](const char* key, const std::string& value) { row.additional[key] = value; };
   const bool on = p(1) == "1";
 
   switch (type) {
     case db::kLogServiceStartStop:
-      row["Action"] = on ? "Start service" : "Stop service";
+      row.Set(kAction, on ? "Start service" : "Stop service");
       break;
     case db::kLogShareEnable:
-      row["Action"] = on ? "Enable share" : "Disable share";
-      set("Related Share", s, 1);
+      row.Set(kAction, on ? "Enable share" : "Disable share");
+      set(kRelatedShare, s, 1);
       break;
     case db::kLogClientUnlink:
-      row["Action"] = "Client unlink";
-      set("Related User", s, 1);
-      set("Device Name", s, 2);
+      row.Set(kAction, "Client unlink");
+      set(kRelatedUser, s, 1);
+      set(kDevice, s, 2);
       break;
     case db::kLogRestore:
-      row["Action"] = "Restore version";
-      set_path("Related Path", 1);
+      row.Set(kAction, "Restore version");
+      set_path(kRelatedPath, 1);
       break;
     case db::kLogPathPurge:
-      row["Action"] = "Delete all versions";
-      set_path("Related Path", 1);
+      row.Set(kAction, "Delete all versions");
+      set_path(kRelatedPath, 1);
       break;
     case db::kLogFilterPurge:
-      row["Action"] = "Delete all versions";
-      row["Related Path"] = GetRelatedPath("/", log);
+      row.Set(kAction, "Delete all versions");
+      row.Set(kRelatedPath, GetRelatedPath("/", log));
       if (s.Has(1)) set_extra("filter", s(1));
       break;
     case db::kLogRotateCountSet:
-      row["Action"] = "Rotate version count";
+      row.Set(kAction, "Rotate version count");
       set_extra("count", p(1));
-      set("Related Share", s, 1);
+      set(kRelatedShare, s, 1);
       break;
     case db::kLogDbVolumeChange:
-      row["Action"] = "Database volume location";
+      row.Set(kAction, "Database volume location");
       set_extra("old", p(1));
       set_extra("new", p(2));
       break;
     case db::kLogDelCountSet:
     case db::kLogDelSpanSet:
       // Both carry their number under "count", the span too.
-      row["Action"] =
-          std::string(type == db::kLogDelCountSet ? "Log rotate count " : "Log rotate span ") +
-          (on ? "enable" : "disable");
+      row.Set(kAction,
+              std::string(type == db::kLogDelCountSet ? "Log rotate count " : "Log rotate span ") +
+                  (on ? "enable" : "disable"));
       if (on) set_extra("count", p(2));
       break;
     case db::kLogDeleteAll:
-      row["Action"] = "Log delete";
+      row.Set(kAction, "Log delete");
       break;
     case db::kLogClientLink:
-      row["Action"] = "Client link";
-      set("Device Name", s, 1);
+      row.Set(kAction, "Client link");
+      set(kDevice, s, 1);
       break;
     case db::kLogNodeAdd:
     case db::kLogNodeRemove:
     case db::kLogNodeModify:
-      row["Action"] = type == db::kLogNodeAdd      ? "Add"
-                      : type == db::kLogNodeRemove ? "Remove"
-                                                   : "Modify";
-      set_path("Related Path", 1);
-      set("Device Name", s, 2);
+      row.Set(kAction, type == db::kLogNodeAdd      ? "Add"
+                       : type == db::kLogNodeRemove ? "Remove"
+                                                    : "Modify");
+      set_path(kRelatedPath, 1);
+      set(kDevice, s, 2);
       break;
     case db::kLogVersionRotate:
-      row["Action"] = "Version rotate";
-      set_path("Related Path", 1);
+      row.Set(kAction, "Version rotate");
+      set_path(kRelatedPath, 1);
       break;
     case db::kLogNodeMove:
       // S1 is the new path, S2 the old one: the same name elsewhere is a move.
       if (BaseName(s(1)) == BaseName(s(2))) {
-        row["Action"] = "Move";
+        row.Set(kAction, "Move");
         set_extra("move_to", GetRelatedPath(ParentFolder(s(1)), log));
       } else {
-        row["Action"] = "Rename";
+        row.Set(kAction, "Rename");
         set_extra("old_name", BaseName(s(2)));
         set_extra("new_name", BaseName(s(1)));
       }
-      set_path("Related Path", 2);
-      set("Device Name", s, 3);
+      set_path(kRelatedPath, 2);
+      set(kDevice, s, 3);
       break;
     case db::kLogNodeCopy:
     case db::kLogRestoreCopy:
-      row["Action"] = type == db::kLogNodeCopy ? "Copy" : "Restore copy";
-      set_path("Related Path", 2);
+      row.Set(kAction, type == db::kLogNodeCopy ? "Copy" : "Restore copy");
+      set_path(kRelatedPath, 2);
       if (s.Has(1))
         set_extra(type == db::kLogNodeCopy ? "copy_to" : "restore_to", GetRelatedPath(s(1), log));
-      set("Device Name", s, 3);
+      set(kDevice, s, 3);
       break;
     case db::kLogRecycleDelete:
-      row["Action"] = "Delete from recycle bin";
-      set_path("Related Path", 1);
+      row.Set(kAction, "Delete from recycle bin");
+      set_path(kRelatedPath, 1);
       break;
     case db::kLogRecycleRestore:
-      row["Action"] = "Restore from recycle bin";
-      set_path("Related Path", 1);
+      row.Set(kAction, "Restore from recycle bin");
+      set_path(kRelatedPath, 1);
       break;
     case db::kLogExport:
-      row["Action"] = "Export logs";
+      row.Set(kAction, "Export logs");
       break;
     default:
       break;  // a code this module does not know: who, when and where only
   }
-  return row;
+  return true;
 }
 
 bool LogExportHandler::OutputAsCSV(FILE* out, bool& search_failed) {
   line_.clear();
-  const Json::Value& columns = Columns();
-  for (Json::ArrayIndex i = 0; i < columns.size(); ++i) {
+  for (int i = 0; i < kColumns; ++i) {
     if (i > 0) line_ += ',';
-    Quote(columns[i].asString(), line_);
+    Quote(kColumnNames[i], line_);
   }
   line_ += '\n';
   if (fwrite(line_.data(), 1, line_.size(), out) != line_.size()) return false;
   for (;;) {
     for (const db::Log& log : page_) {
-      const Json::Value row = ConvertLogToRow(log);
-      if (row.isNull()) continue;
-      WriteRow(out, row);
+      if (ConvertLogToRow(log, row_)) WriteRow(out, row_);
     }
     if (ferror(out)) return false;
     if (page_.size() < static_cast<size_t>(kPageSize)) return true;
@@ -343,21 +348,18 @@ bool LogExportHandler::OutputAsCSV(FILE* out, bool& search_failed) {
   }
 }
 
-void LogExportHandler::WriteRow(FILE* out, const Json::Value& row) {
+void LogExportHandler::WriteRow(FILE* out, const Row& row) {
   line_.clear();
-  const Json::Value& columns = Columns();
-  for (Json::ArrayIndex i = 0; i < columns.size(); ++i) {
+  for (int i = 0; i < kColumns - 1; ++i) {
     if (i > 0) line_ += ',';
-    const char* name = columns[i].asCString();
-    const Json::Value* value = row.find(name, name + strlen(name));
-    if (value == nullptr) continue;
-    if (value->isString()) {
-      Quote(value->asString(), line_);
-    } else {
-      std::ostringstream json;
-      json_writer_->write(*value, &json);
-      Quote(json.str(), line_);
-    }
+    if (row.present & (1u << i)) Quote(row.cells[i], line_);
+  }
+  line_ += ',';
+  if (!row.additional.isNull()) {
+    std::ostringstream json;
+    json_writer_->write(row.additional, &json);
+    additional_ = json.str();
+    Quote(additional_, line_);
   }
   line_ += '\n';
   fwrite(line_.data(), 1, line_.size(), out);

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "bridge/request-handler.h"
@@ -24,10 +25,25 @@ class LogExportHandler : public RequestHandler {
              BridgeResponse& response) override;
 
   // The columns of the file, in order.
-  static const Json::Value& Columns();
-  // One record as a row keyed by column name, holding only the columns that
-  // apply ("Additional" is an object); null for a record the file leaves out.
-  static Json::Value ConvertLogToRow(const db::Log& log);
+  static constexpr int kColumns = 8;
+  static const char* const kColumnNames[kColumns];
+  enum Column { kDateTime, kOperator, kAction, kRelatedPath, kRelatedUser, kRelatedShare, kDevice };
+
+  // One record as a row: the text columns that apply, and "Additional" as
+  // an object (null when the record has none). Kept between records so that
+  // its strings keep their room.
+  struct Row {
+    std::string cells[kColumns - 1];
+    unsigned present = 0;  // bit per column of `cells`
+    Json::Value additional;
+
+    void Set(Column c, std::string_view value) {
+      cells[c].assign(value.data(), value.size());
+      present |= 1u << c;
+    }
+  };
+  // Fills `row` for one record; false for a record the file leaves out.
+  static bool ConvertLogToRow(const db::Log& log, Row& row);
   // Where `path` of the record's view lies as the user knows it.
   static std::string GetRelatedPath(const std::string& path, const db::Log& log);
 
@@ -41,11 +57,13 @@ class LogExportHandler : public RequestHandler {
   // Writes the header line, then every record page by page; false on a
   // failed search (`search_failed`) or write.
   bool OutputAsCSV(FILE* out, bool& search_failed);
-  void WriteRow(FILE* out, const Json::Value& row);
+  void WriteRow(FILE* out, const Row& row);
 
   db::LogFilter filter_;
   db::LogManager::LogCursor cursor_;
   std::vector<db::Log> page_;  // the page read last, not yet written
   std::unique_ptr<Json::StreamWriter> json_writer_;
   std::string line_;
+  std::string additional_;
+  Row row_;
 };

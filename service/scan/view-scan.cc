@@ -141,7 +141,7 @@ int ViewScan::Run() {
   }
   summary_.deferred += static_cast<unsigned>(deferred_.size());
   int rc = scope_.empty() ? LoadLive() : LoadScope();
-  if (rc < 0 || (rc = state_.Load(target_.view_id, recorded_)) < 0) return rc;
+  if (rc < 0 || (rc = LoadRecorded()) < 0) return rc;
   SetAsideBusy();
   if (view_.Reader().GetRotateCount(rotate_count_) < 0) rotate_count_ = 0;
   Match();
@@ -163,6 +163,17 @@ int ViewScan::Run() {
   store_.CommitBatch();
   const int commit = view_.Commit();
   return commit < 0 ? commit : rc;
+}
+
+int ViewScan::LoadRecorded() {
+  // Only live nodes are ever matched or compared; past this share of a
+  // large view one read of all its rows is cheaper than a look-up each.
+  constexpr size_t kByNode = 20000;
+  if (scope_.empty() || live_.size() > kByNode) return state_.Load(target_.view_id, recorded_);
+  std::vector<uint64_t> ids;
+  ids.reserve(live_.size());
+  for (const auto& [id, live] : live_) ids.push_back(id);
+  return state_.LoadNodes(target_.view_id, ids, recorded_);
 }
 
 bool ViewScan::IsDeferred(const std::string& path) const {

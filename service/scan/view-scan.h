@@ -49,6 +49,8 @@ class ViewScan {
   // up to the nearest one that still exists on disk and in the view.
   int WalkScope();
   int LoadScope();
+  // What the last scans recorded of the nodes in `live_`.
+  int LoadRecorded();
   void Match();
   // The root's owner, mode and ACL govern everything below it, so the root
   // is versioned like any folder.

@@ -10,6 +10,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "db/view-manager.h"
@@ -105,10 +106,33 @@ class ViewDB final : public ViewManager, public ViewWriter {
   int InsertVersionFrom(uint64_t node_id, uint64_t parent_id, const std::string& name,
                         uint32_t ctime, const std::string& client_id, bool removed);
 
+  // A statement prepared once per view file and kept: the scan of many new
+  // files spent most of its time preparing the same few statements. Reset
+  // (so that it holds no read open) when the holder goes out of scope.
+  class Reused {
+   public:
+    explicit Reused(SQLite::Statement& q) : q_(q) {}
+    ~Reused() { q_.tryReset(); }
+    Reused(const Reused&) = delete;
+    Reused& operator=(const Reused&) = delete;
+    SQLite::Statement* operator->() { return &q_; }
+    SQLite::Statement& operator*() { return q_; }
+
+   private:
+    SQLite::Statement& q_;
+  };
+  Reused Prepared(const std::string& sql);
+  // Runs the savepoint statements of a change, each prepared once.
+  auto Savepoints() {
+    return [this](const char* sql) { Prepared(sql)->exec(); };
+  }
+
   uint64_t view_id_;
   uint64_t root_id_ = 0;
   int batch_depth_ = 0;
   std::unique_ptr<SQLite::Database> db_;
+  // Declared after db_: finalized before the database closes.
+  std::unordered_map<std::string, std::unique_ptr<SQLite::Statement>> prepared_;
   // Prepared once: a folder restore opens a version per file. Declared after
   // db_ so that it is finalized before the database closes.
   std::unique_ptr<SQLite::Statement> open_version_;

@@ -142,10 +142,10 @@ int ViewDB::FindNodeRow(const char* where, int flags, Node& out, uint64_t key) {
   return Guard("query node", [&]() -> int {
     std::string sql = std::string("SELECT ") + kNodeColumns + " FROM nodes s WHERE " + where;
     if (flags == kQueryExisting) sql += " AND s.removed = 0";
-    SQLite::Statement q(*db_, sql);
-    q.bind(1, static_cast<int64_t>(Clamp(key)));
-    if (!q.executeStep()) return static_cast<int>(kErrNotFound);
-    return NodeFromRow(q, nullptr, out);
+    auto q = Prepared(sql);
+    q->bind(1, static_cast<int64_t>(Clamp(key)));
+    if (!q->executeStep()) return static_cast<int>(kErrNotFound);
+    return NodeFromRow(*q, nullptr, out);
   });
 }
 
@@ -422,12 +422,15 @@ int ViewDB::CountNode(const SearchNodeFilter& filter, unsigned long long& count)
 int ViewDB::ListVersion(uint64_t node_id, std::vector<Version>& out, ListVersionFlag) {
   out.clear();
   return Guard("list version", [&]() -> int {
-    SQLite::Statement exists(*db_, "SELECT 1 FROM nodes WHERE node_id = ?");
-    exists.bind(1, static_cast<int64_t>(Clamp(node_id)));
-    if (!exists.executeStep()) return static_cast<int>(kErrNotFound);
-    SQLite::Statement q(*db_, std::string("SELECT ") + kVersionColumns +
-                                  " FROM versions v JOIN nodes n ON n.node_id = v.node_id "
-                                  "WHERE v.node_id = ? ORDER BY v.ctime, v.sync_id");
+    {
+      auto exists = Prepared("SELECT 1 FROM nodes WHERE node_id = ?");
+      exists->bind(1, static_cast<int64_t>(Clamp(node_id)));
+      if (!exists->executeStep()) return static_cast<int>(kErrNotFound);
+    }
+    auto reused = Prepared(std::string("SELECT ") + kVersionColumns +
+                           " FROM versions v JOIN nodes n ON n.node_id = v.node_id "
+                           "WHERE v.node_id = ? ORDER BY v.ctime, v.sync_id");
+    SQLite::Statement& q = *reused;
     q.bind(1, static_cast<int64_t>(Clamp(node_id)));
     while (q.executeStep()) {
       Version v;

@@ -105,20 +105,21 @@ std::string RandomLink() {
 
 // A statement in a savepoint of its own, so a failed operation leaves
 // nothing behind while an open batch goes on.
-template <typename F>
-int Atomically(SQLite::Database& db, const char* what, F&& f) {
+// `exec` runs one statement (prepared once by the caller).
+template <typename Exec, typename F>
+int Atomically(Exec&& exec, const char* what, F&& f) {
   return Guard(what, [&]() -> int {
-    db.exec("SAVEPOINT op");
+    exec("SAVEPOINT op");
     int rc = kErrGeneral;
     try {
       rc = f();
     } catch (...) {
-      db.exec("ROLLBACK TO op");
-      db.exec("RELEASE op");
+      exec("ROLLBACK TO op");
+      exec("RELEASE op");
       throw;
     }
-    if (rc < 0) db.exec("ROLLBACK TO op");
-    db.exec("RELEASE op");
+    if (rc < 0) exec("ROLLBACK TO op");
+    exec("RELEASE op");
     return rc;
   });
 }
@@ -284,14 +285,24 @@ int ViewDB::Rekey() {
 }
 
 int ViewDB::LiveNodeAt(const std::string& path, uint64_t& node_id, int32_t& file_type) {
-  SQLite::Statement q(*db_, "SELECT node_id, file_type FROM nodes WHERE path = ? AND removed = 0");
-  q.bind(1, path);
-  if (!q.executeStep()) return kErrNotFound;
-  long long id = q.getColumn(0).getInt64();
+  auto q = Prepared("SELECT node_id, file_type FROM nodes WHERE path = ? AND removed = 0");
+  q->bind(1, path);
+  if (!q->executeStep()) return kErrNotFound;
+  long long id = q->getColumn(0).getInt64();
   if (id <= 0) return kErrCorrupt;
   node_id = static_cast<uint64_t>(id);
-  file_type = q.getColumn(1).getInt();
+  file_type = q->getColumn(1).getInt();
   return kOk;
+}
+
+ViewDB::Reused ViewDB::Prepared(const std::string& sql) {
+  auto& q = prepared_[sql];
+  if (!q) {
+    q = std::make_unique<SQLite::Statement>(*db_, sql);
+  } else {
+    q->clearBindings();
+  }
+  return Reused(*q);
 }
 
 int ViewDB::SubtreeIds(uint64_t node_id, bool live_only, std::vector<uint64_t>& out) {
@@ -306,19 +317,19 @@ int ViewDB::SubtreeIds(uint64_t node_id, bool live_only, std::vector<uint64_t>& 
 int ViewDB::InsertVersionFrom(uint64_t node_id, uint64_t parent_id, const std::string& name,
                               uint32_t ctime, const std::string& client_id, bool removed) {
   std::string key = SortKeyOf(name);
-  SQLite::Statement q(*db_, kCopyVersion);
-  q.bind(1, static_cast<int64_t>(node_id));
-  q.bind(2, static_cast<int64_t>(parent_id));
-  q.bind(3, name);
-  q.bind(4, key.data(), static_cast<int>(key.size()));
-  q.bind(5, ExtensionOf(name));
-  q.bind(6, static_cast<int64_t>(ctime));
-  q.bind(7, client_id);
-  q.bind(8, removed ? 1 : 0);
-  if (q.exec() != 1) return kErrCorrupt;
-  SQLite::Statement refresh(*db_, kRefreshNode);
-  refresh.bind(1, static_cast<int64_t>(node_id));
-  refresh.exec();
+  auto q = Prepared(kCopyVersion);
+  q->bind(1, static_cast<int64_t>(node_id));
+  q->bind(2, static_cast<int64_t>(parent_id));
+  q->bind(3, name);
+  q->bind(4, key.data(), static_cast<int>(key.size()));
+  q->bind(5, ExtensionOf(name));
+  q->bind(6, static_cast<int64_t>(ctime));
+  q->bind(7, client_id);
+  q->bind(8, removed ? 1 : 0);
+  if (q->exec() != 1) return kErrCorrupt;
+  auto refresh = Prepared(kRefreshNode);
+  refresh->bind(1, static_cast<int64_t>(node_id));
+  refresh->exec();
   return kOk;
 }
 
@@ -335,7 +346,7 @@ int ViewDB::AddVersion(const NewVersion& v, Node& out) {
     return kErrInvalid;
   }
   const std::string path = NormalizePath(v.path);
-  int rc = Atomically(*db_, "add version", [&]() -> int {
+  int rc = Atomically(Savepoints(), "add version", [&]() -> int {
     uint64_t parent_id = 0;
     int32_t parent_type = kFileTypeDir;
     int found = root ? static_cast<int>(kOk) : LiveNodeAt(parent_path, parent_id, parent_type);
@@ -345,30 +356,29 @@ int ViewDB::AddVersion(const NewVersion& v, Node& out) {
     int32_t type = 0;
     if (!root) found = LiveNodeAt(path, node_id, type);
     if (found == kErrNotFound) {
-      SQLite::Statement next(*db_, "SELECT ifnull(max(permanent_id), 1000) + 1 FROM nodes");
-      next.executeStep();
-      SQLite::Statement node(*db_,
-                             "INSERT INTO nodes(permanent_id, permanent_link, parent_id, path, "
-                             "name, sort_key, grp, extension, file_type, size, mtime, ctime, "
-                             "sync_id, ver_cnt, removed, encrypted) VALUES(?, ?, ?, ?, ?, x'', "
-                             "1, '', 0, 0, 0, 0, 0, 0, 0, 0)");
-      node.bind(1, next.getColumn(0).getInt64());
-      node.bind(2, RandomLink());
-      node.bind(3, static_cast<int64_t>(parent_id));
-      node.bind(4, path);
-      node.bind(5, name);
-      node.exec();
+      auto next = Prepared("SELECT ifnull(max(permanent_id), 1000) + 1 FROM nodes");
+      next->executeStep();
+      auto node = Prepared(
+          "INSERT INTO nodes(permanent_id, permanent_link, parent_id, path, name, sort_key, grp, "
+          "extension, file_type, size, mtime, ctime, sync_id, ver_cnt, removed, encrypted) "
+          "VALUES(?, ?, ?, ?, ?, x'', 1, '', 0, 0, 0, 0, 0, 0, 0, 0)");
+      node->bind(1, next->getColumn(0).getInt64());
+      node->bind(2, RandomLink());
+      node->bind(3, static_cast<int64_t>(parent_id));
+      node->bind(4, path);
+      node->bind(5, name);
+      node->exec();
       node_id = static_cast<uint64_t>(db_->getLastInsertRowid());
     } else if (found < 0) {
       return found;
     }
     std::string key = SortKeyOf(name);
-    SQLite::Statement q(*db_,
-                        "INSERT INTO versions(node_id, parent_id, name, sort_key, extension, "
-                        "file_type, size, hash, ctime, mtime, uid, gid, mode, acl, ver_type, "
-                        "file_id, file_uuid, mac_attr_file_id, mac_attr_uuid, mac_attr_hash, "
-                        "client_id, removed, encrypted) VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, "
-                        "?, ?, ?, ?, ?, ?, ?, ?, ?, ?, 0, ?)");
+    auto reused = Prepared(
+        "INSERT INTO versions(node_id, parent_id, name, sort_key, extension, file_type, size, "
+        "hash, ctime, mtime, uid, gid, mode, acl, ver_type, file_id, file_uuid, mac_attr_file_id, "
+        "mac_attr_uuid, mac_attr_hash, client_id, removed, encrypted) VALUES(?, ?, ?, ?, ?, ?, ?, "
+        "?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, 0, ?)");
+    SQLite::Statement& q = *reused;
     int i = 1;
     q.bind(i++, static_cast<int64_t>(node_id));
     q.bind(i++, static_cast<int64_t>(parent_id));
@@ -393,9 +403,9 @@ int ViewDB::AddVersion(const NewVersion& v, Node& out) {
     q.bind(i++, v.client_id);
     q.bind(i++, v.encrypted ? 1 : 0);
     q.exec();
-    SQLite::Statement refresh(*db_, kRefreshNode);
-    refresh.bind(1, static_cast<int64_t>(node_id));
-    refresh.exec();
+    auto refresh = Prepared(kRefreshNode);
+    refresh->bind(1, static_cast<int64_t>(node_id));
+    refresh->exec();
     return QueryNode(node_id, out, kQueryWithRemoved);
   });
   return rc;
@@ -403,7 +413,7 @@ int ViewDB::AddVersion(const NewVersion& v, Node& out) {
 
 int ViewDB::RemoveNode(uint64_t node_id, uint32_t ctime, const std::string& client_id) {
   if (node_id == root_id_ || node_id > static_cast<uint64_t>(LLONG_MAX)) return kErrInvalid;
-  return Atomically(*db_, "remove node", [&]() -> int {
+  return Atomically(Savepoints(), "remove node", [&]() -> int {
     Node node;
     int rc = QueryNode(node_id, node, kQueryExisting);
     if (rc < 0) return rc;
@@ -428,7 +438,7 @@ int ViewDB::MoveNode(uint64_t node_id, const std::string& new_path, uint32_t cti
     return kErrInvalid;
   }
   const std::string path = NormalizePath(new_path);
-  return Atomically(*db_, "move node", [&]() -> int {
+  return Atomically(Savepoints(), "move node", [&]() -> int {
     Node node;
     int rc = QueryNode(node_id, node, kQueryExisting);
     if (rc < 0) return rc;
@@ -469,7 +479,7 @@ int ViewDB::RotateVersions(uint64_t node_id, int keep, std::vector<Version>& rem
   if (rc < 0) return rc;
   const size_t kept = keep < 1 ? 1 : static_cast<size_t>(keep);
   if (all.size() <= kept) return 0;
-  rc = Atomically(*db_, "rotate versions", [&]() -> int {
+  rc = Atomically(Savepoints(), "rotate versions", [&]() -> int {
     SQLite::Statement del(*db_, "DELETE FROM versions WHERE sync_id = ? AND node_id = ?");
     for (size_t i = 0; i + kept < all.size(); ++i) {
       del.reset();
@@ -523,7 +533,7 @@ int ViewDB::DropVersions(uint64_t node_id, const std::vector<uint64_t>& sync_ids
 int ViewDB::PurgeNode(uint64_t node_id, std::vector<PurgedNode>& purged) {
   purged.clear();
   if (node_id == root_id_) return kErrInvalid;
-  return Atomically(*db_, "purge node", [&]() -> int {
+  return Atomically(Savepoints(), "purge node", [&]() -> int {
     SQLite::Statement known(*db_, "SELECT 1 FROM nodes WHERE node_id = ?");
     known.bind(1, static_cast<int64_t>(node_id));
     if (!known.executeStep()) return static_cast<int>(kErrNotFound);
@@ -542,7 +552,7 @@ int ViewDB::PurgeNode(uint64_t node_id, std::vector<PurgedNode>& purged) {
 
 int ViewDB::PurgeRemoved(std::vector<PurgedNode>& purged) {
   purged.clear();
-  return Atomically(*db_, "purge removed", [&]() -> int {
+  return Atomically(Savepoints(), "purge removed", [&]() -> int {
     db_->exec("CREATE TEMP TABLE IF NOT EXISTS purge_ids(id INTEGER PRIMARY KEY)");
     db_->exec("DELETE FROM temp.purge_ids");
     // A removed folder's children are removed too; whatever still hangs

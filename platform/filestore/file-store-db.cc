@@ -205,9 +205,14 @@ int FileTable::Get(uint64_t file_id, FileRow& out) {
 
 int FileTable::Insert(FileRow& row) {
   return Guard("insert", [&] {
-    SQLite::Statement q(*db_,
-                        "INSERT INTO file(base_id, depth, size, stored_size, hash, has_signature, "
-                        "encrypted) VALUES (?, ?, ?, ?, ?, ?, ?)");
+    if (!insert_) {
+      insert_ = std::make_unique<SQLite::Statement>(
+          *db_,
+          "INSERT INTO file(base_id, depth, size, stored_size, hash, has_signature, encrypted) "
+          "VALUES (?, ?, ?, ?, ?, ?, ?)");
+    }
+    SQLite::Statement& q = *insert_;
+    q.reset();
     q.bind(1, static_cast<int64_t>(row.base_id));
     q.bind(2, static_cast<int64_t>(row.depth));
     q.bind(3, static_cast<int64_t>(row.size));
@@ -216,6 +221,7 @@ int FileTable::Insert(FileRow& row) {
     q.bind(6, row.has_signature ? 1 : 0);
     q.bind(7, row.encrypted ? 1 : 0);
     q.exec();
+    q.reset();
     row.file_id = static_cast<uint64_t>(db_->getLastInsertRowid());
     return static_cast<int>(db::kOk);
   });

@@ -69,6 +69,7 @@ class FileTable {
   // Prepared once: a restore looks up thousands of rows. Finalized before
   // the database closes, being declared after it.
   std::unique_ptr<SQLite::Statement> get_;
+  std::unique_ptr<SQLite::Statement> insert_;  // one per stored file
   std::unique_ptr<SQLite::Statement> release_, children_, doom_;
 };
 

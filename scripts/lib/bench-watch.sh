@@ -28,7 +28,8 @@
 # Knobs for a quick try: BENCH_CHANGES (200), BENCH_GAP_MS (500),
 # BENCH_ISOLATED (20), BENCH_BURST (10000), BENCH_REWRITES (100),
 # BENCH_IDLE_FILES (100000), BENCH_IDLE_FOLDERS (5000), BENCH_IDLE_S (60),
-# BENCH_QUIET_MS (2000, the service's watch_quiet_ms).
+# BENCH_QUIET_MS (2000, the service's watch_quiet_ms), BENCH_PARTS ("latency
+# burst rewrites idle": the sections to run).
 set -euo pipefail
 shopt -s inherit_errexit
 build=$1
@@ -47,6 +48,8 @@ idle_files=${BENCH_IDLE_FILES:-100000}
 idle_folders=${BENCH_IDLE_FOLDERS:-5000}
 idle_s=${BENCH_IDLE_S:-60}
 quiet_ms=${BENCH_QUIET_MS:-2000}
+parts=" ${BENCH_PARTS:-latency burst rewrites idle} "
+want() { [[ $parts == *" $1 "* ]]; }
 home=/volume1/homes/alice/Tidepool
 setting=/var/packages/Tidepool/etc/setting.conf
 
@@ -99,6 +102,7 @@ percentile() {
 }
 quiet_s=$(awk -v q="$quiet_ms" 'BEGIN { printf "%.1f", q / 1000 }')
 
+if want latency; then
 echo "== 1. latency of $changes single changes, one every $gap_ms ms, then $isolated one at a time (quiet $quiet_s s) =="
 "$probe" latency "$url" "$sid" "$db" "$home" 0 "$((changes + isolated))" -1 "$alice"
 sleep 1
@@ -132,9 +136,12 @@ row "latency p99, one at a time" "$iso99 s" "" "" "(none)" "-"
 row "changes never versioned" "$((missed + missed_iso))" "of $((changes + isolated))" "" "0" \
   "$(verdict "$((missed + missed_iso))" "==" 0)"
 
+fi
 # The daemon's own CPU ticks, and those of its passes (children it waited for).
 cpu_ticks() { awk '{ print $14 + $15 }' "/proc/$pid/stat"; }
 child_ticks() { awk '{ print $16 + $17 }' "/proc/$pid/stat"; }
+# Those of the children this shell waited for, such as a scan by hand.
+own_child_ticks() { awk '{ print $16 + $17 }' "/proc/$$/stat"; }
 ticks_s() { awk -v a="$1" -v b="$2" -v t="$(getconf CLK_TCK)" 'BEGIN { printf "%.2f", (b - a) / t }'; }
 # A burst of files in ORDER (tree or spread, see bench_watch_probe) into
 # /NAME watched, then into /NAME-ref with the daemon stopped and scanned by
@@ -158,11 +165,13 @@ burst_case() {  # NAME ORDER LABEL
   t0=$(now)
   "$probe" files "$home/$1-ref" "$burst" 100 4096 16384 7 "$alice" "$2"
   t_last=$(now)
+  k0=$(own_child_ticks)
   "$control" scan --view "$view" --client driftway >/dev/null
+  k1=$(own_child_ticks)
   t1=$(now)
   ref_s=$(secs "$t0" "$t1")
   echo "daemon stopped: $ref_s s from the first write ($(secs "$t0" "$t_last") s of writing," \
-    "scan $(secs "$t_last" "$t1") s)"
+    "scan $(secs "$t_last" "$t1") s, its CPU $(ticks_s "$k0" "$k1") s)"
   "$probe" wait-count "$db" "/$1-ref" $((burst + 100)) 5 >/dev/null
   "$control" service --start >/dev/null
   pid=$(status | sed -n 's/^driftway: running (pid \([0-9]*\)).*/\1/p')
@@ -175,11 +184,14 @@ burst_case() {  # NAME ORDER LABEL
       'BEGIN { printf "%.2f", (a - q / 1000) / b }')x less quiet)" "<= 1.2x" \
     "$(verdict "$ratio" "<=" 1.2)"
 }
+if want burst; then
 echo "== 2a. a burst of $burst new files of 4-16 KiB, 100 folders one after another =="
 burst_case burst tree "folder by folder"
 echo "== 2b. the same, every file into the next of the 100 folders =="
 burst_case spread spread "all folders at once"
+fi
 
+if want rewrites; then
 echo "== 3. $rewrites rewrites of a 100 MiB file =="
 big=$home/big.bin
 "$data" random "$big" 100 5
@@ -228,6 +240,8 @@ echo "versions of the file: $grow_versions; $((p1 - p0)) passes"
 row "versions of a file written for 6 s" "$grow_versions" "a change elsewhere" "" "1" \
   "$(verdict "$grow_versions" "==" 1)"
 
+fi
+if want idle; then
 echo "== 4./5. $idle_files more files in $idle_folders folders watched =="
 rss_kib() { awk '/^VmRSS/ { print $2 }' "/proc/$pid/status"; }
 # The watches of the daemon's inotify descriptors (one line each), if the
@@ -276,6 +290,8 @@ per_folder=$(awk -v a="$rss0" -v b="$rss1" -v n="$added" 'BEGIN {
   if (n <= 0) { print "n/a"; exit } printf "%.0f", (b - a) * 1024 / n }')
 row "RSS per watched folder" "$per_folder B" "RSS $rss0 -> $rss1 KiB" \
   "$added folders, $((w1 - w0)) watches" "(none)" "-"
+
+fi
 
 echo "== summary (quiet $quiet_s s) =="
 {

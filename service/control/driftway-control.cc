@@ -36,7 +36,7 @@ int Usage() {
           "       driftway-control user --enable NAME [NAME...] | --disable NAME [NAME...]\n"
           "       driftway-control share --enable NAME | --disable NAME\n"
           "       driftway-control scan [--at TIMESTAMP] [--view ID]... [--folder ID:/PATH]...\n"
-          "                             [--busy ID:/PATH]...\n"
+          "                             [--busy ID:/PATH]... [--settle MS]\n"
           "                             [--client NAME]\n"
           "       driftway-control check [--view ID]\n"
           "       driftway-control jobs\n");
@@ -152,12 +152,17 @@ int ScanCommand(const std::vector<std::string>& args) {
     const bool numeric = !value.empty() && value[0] != '-' && *end == '\0' && number != 0;
     if (args[i] == "--at" && numeric && number <= UINT32_MAX) {
       options.at = static_cast<uint32_t>(number);
+    } else if (args[i] == "--settle" && !value.empty() && value[0] != '-' && *end == '\0' &&
+               number <= INT32_MAX) {
+      options.settle_ms = static_cast<int64_t>(number);
     } else if (args[i] == "--view" && numeric) {
       options.views.push_back(number);
     } else if ((args[i] == "--folder" || args[i] == "--busy") &&
                value.find(":/") != std::string::npos) {
       // "VIEW:/a/b": of that view, only that folder and what lies below it
-      // (--folder), or everything in it left for later (--busy).
+      // (--folder), or still being written (--busy): what lies in it is
+      // left for later, or with --settle MS only the files changed within
+      // the last MS milliseconds.
       const size_t colon = value.find(":/");
       const std::string view = value.substr(0, colon);
       char* view_end = nullptr;

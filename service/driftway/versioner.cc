@@ -34,6 +34,11 @@ using Clock = std::chrono::steady_clock;
 constexpr auto kFrozenRecheck = std::chrono::seconds(10);
 // Folders due within this much of each other are versioned in one pass.
 constexpr auto kTogether = std::chrono::milliseconds(200);
+// A folder into which this many entries were added and left alone for a
+// moment is versioned in part while it still changes (what its writers are
+// done with): a copy of many files is versioned as it goes rather than all
+// after its end.
+constexpr size_t kSettleCount = 32;
 // Past this many changed folders a view is scanned whole: one walk beats
 // many, and the command line stays short.
 constexpr size_t kMaxFolders = 64;
@@ -114,15 +119,16 @@ Versioner::Versioner(EventLoop& loop, VersionerOptions options)
     : loop_(loop),
       options_(std::move(options)),
       watcher_(watch::Watcher::Callbacks{
-          [this](uint64_t view_id, const std::string& folder) {
-            debouncer_.Touch(KeyOf(view_id, "/" + folder), Clock::now());
+          [this](uint64_t view_id, const std::string& folder, unsigned added) {
+            debouncer_.Touch(KeyOf(view_id, "/" + folder), Clock::now(), added);
           },
           [this](uint64_t view_id, const std::string& why) {
             LOG_INFO("view %llu is scanned whole: %s\n", static_cast<unsigned long long>(view_id),
                      why.c_str());
             Due(view_id);
           }}),
-      debouncer_(options_.quiet, options_.max_wait) {}
+      debouncer_(options_.quiet, options_.max_wait, kSettleCount,
+                 std::chrono::milliseconds(scan::kClosedSettleMs)) {}
 
 Versioner::~Versioner() {
   Stop();
@@ -225,6 +231,16 @@ void Versioner::OnTimer() {
     dirty_[view_id].insert(folder);
     due_.insert(view_id);
   }
+  // A folder still being written yet settled goes into the next pass too;
+  // it stays pending (so it is --busy there): only the files left alone for
+  // the quiet moment, or new ones their writers are done with, are
+  // versioned.
+  for (uint64_t key : debouncer_.TakeSettled(now)) {
+    const auto found = folders_of_key_.find(key);
+    if (found == folders_of_key_.end() || !views_.count(found->second.first)) continue;
+    dirty_[found->second.first].insert(found->second.second);
+    due_.insert(found->second.first);
+  }
   if (now >= next_rescan_) {
     Reload();
     for (const auto& [view_id, root] : views_) Due(view_id);
@@ -285,7 +301,9 @@ bool Versioner::EvaluateFreeze() {
 
 void Versioner::StartPass() {
   if (EvaluateFreeze()) return;
-  std::vector<std::string> args = {options_.scanner, "scan", "--client", options_.client};
+  std::vector<std::string> args = {options_.scanner, "scan",
+                                   "--client",       options_.client,
+                                   "--settle",       std::to_string(options_.quiet.count())};
   // A view whose changes all lie in some folders is scanned there only.
   for (uint64_t view_id : due_) {
     // A folder below another changed one is covered by it.
@@ -307,10 +325,11 @@ void Versioner::StartPass() {
       args.push_back(std::to_string(view_id) + ":" + folder);
     }
   }
-  // Folders of these views that are still changing are left for their own
-  // pass: a file being written is never versioned half way.
+  // In folders of these views that are still changing, a file changed
+  // within the quiet moment is left for a later pass: a file being written
+  // is never versioned half way.
   for (const auto& [key, id] : keys_) {
-    if (!due_.count(key.first) || key.second == "/") continue;
+    if (!due_.count(key.first)) continue;
     args.push_back("--busy");
     args.push_back(std::to_string(key.first) + ":" + key.second);
   }

@@ -73,37 +73,65 @@ int ScanState::Open(const std::string& repository) {
   });
 }
 
+namespace {
+
+constexpr const char* kColumns =
+    "SELECT node_id, dev, ino, file_type, size, mtime_ns, uid, gid, mode, acl, hash, file_id, "
+    "file_uuid, ver_type, ctime_ns, mac_file_id, mac_uuid, mac_hash FROM recorded ";
+
+Recorded RecordedOf(SQLite::Statement& q) {
+  Recorded r;
+  int i = 0;
+  r.node_id = static_cast<uint64_t>(q.getColumn(i++).getInt64());
+  r.dev = static_cast<uint64_t>(q.getColumn(i++).getInt64());
+  r.ino = static_cast<uint64_t>(q.getColumn(i++).getInt64());
+  r.file_type = q.getColumn(i++).getInt();
+  r.size = static_cast<uint64_t>(q.getColumn(i++).getInt64());
+  r.mtime_ns = q.getColumn(i++).getInt64();
+  r.uid = static_cast<uint32_t>(q.getColumn(i++).getInt64());
+  r.gid = static_cast<uint32_t>(q.getColumn(i++).getInt64());
+  r.mode = static_cast<uint32_t>(q.getColumn(i++).getInt64());
+  r.acl = q.getColumn(i++).getString();
+  r.hash = q.getColumn(i++).getString();
+  r.file_id = static_cast<uint64_t>(q.getColumn(i++).getInt64());
+  r.file_uuid = q.getColumn(i++).getString();
+  r.ver_type = static_cast<uint32_t>(q.getColumn(i++).getInt64());
+  r.ctime_ns = q.getColumn(i++).getInt64();
+  r.mac_file_id = static_cast<uint64_t>(q.getColumn(i++).getInt64());
+  r.mac_uuid = q.getColumn(i++).getString();
+  r.mac_hash = q.getColumn(i++).getString();
+  return r;
+}
+
+}  // namespace
+
 int ScanState::Load(uint64_t view_id, std::unordered_map<uint64_t, Recorded>& out) {
   out.clear();
   return Guard("load", [&] {
-    SQLite::Statement q(*db_,
-                        "SELECT node_id, dev, ino, file_type, size, mtime_ns, uid, gid, mode, "
-                        "acl, hash, file_id, file_uuid, ver_type, ctime_ns, mac_file_id, mac_uuid, "
-                        "mac_hash FROM recorded WHERE view_id = ?");
+    SQLite::Statement q(*db_, std::string(kColumns) + "WHERE view_id = ?");
     q.bind(1, I(view_id));
     while (q.executeStep()) {
-      Recorded r;
-      int i = 0;
-      r.node_id = static_cast<uint64_t>(q.getColumn(i++).getInt64());
-      r.dev = static_cast<uint64_t>(q.getColumn(i++).getInt64());
-      r.ino = static_cast<uint64_t>(q.getColumn(i++).getInt64());
-      r.file_type = q.getColumn(i++).getInt();
-      r.size = static_cast<uint64_t>(q.getColumn(i++).getInt64());
-      r.mtime_ns = q.getColumn(i++).getInt64();
-      r.uid = static_cast<uint32_t>(q.getColumn(i++).getInt64());
-      r.gid = static_cast<uint32_t>(q.getColumn(i++).getInt64());
-      r.mode = static_cast<uint32_t>(q.getColumn(i++).getInt64());
-      r.acl = q.getColumn(i++).getString();
-      r.hash = q.getColumn(i++).getString();
-      r.file_id = static_cast<uint64_t>(q.getColumn(i++).getInt64());
-      r.file_uuid = q.getColumn(i++).getString();
-      r.ver_type = static_cast<uint32_t>(q.getColumn(i++).getInt64());
-      r.ctime_ns = q.getColumn(i++).getInt64();
-      r.mac_file_id = static_cast<uint64_t>(q.getColumn(i++).getInt64());
-      r.mac_uuid = q.getColumn(i++).getString();
-      r.mac_hash = q.getColumn(i++).getString();
+      Recorded r = RecordedOf(q);
       out.emplace(r.node_id, std::move(r));
     }
+    return static_cast<int>(db::kOk);
+  });
+}
+
+int ScanState::LoadNodes(uint64_t view_id, const std::vector<uint64_t>& node_ids,
+                         std::unordered_map<uint64_t, Recorded>& out) {
+  out.clear();
+  return Guard("load nodes", [&] {
+    SQLite::Statement q(*db_, std::string(kColumns) + "WHERE view_id = ? AND node_id = ?");
+    q.bind(1, I(view_id));
+    for (uint64_t id : node_ids) {
+      q.reset();
+      q.bind(2, I(id));
+      if (!q.executeStep()) continue;
+      Recorded r = RecordedOf(q);
+      out.emplace(r.node_id, std::move(r));
+    }
+    q.reset();
     return static_cast<int>(db::kOk);
   });
 }

@@ -11,6 +11,7 @@
 #include <memory>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
 namespace scan {
 
@@ -42,6 +43,10 @@ class ScanState {
   int Open(const std::string& repository);
   // Every node of the view, by node id.
   int Load(uint64_t view_id, std::unordered_map<uint64_t, Recorded>& out);
+  // Only these nodes of the view: a pass over a few changed folders of a
+  // large view reads a few rows instead of all of them.
+  int LoadNodes(uint64_t view_id, const std::vector<uint64_t>& node_ids,
+                std::unordered_map<uint64_t, Recorded>& out);
   int Put(uint64_t view_id, const Recorded& r);
   int Forget(uint64_t view_id, uint64_t node_id);
   int Begin();

@@ -21,9 +21,18 @@ struct ScanOptions {
   // changed; a view not named here is scanned whole.
   std::map<uint64_t, std::vector<std::string>> folders;
   // Folders still being written to: what lies in them is left as it is in
-  // the view, neither versioned nor removed, until a later pass.
+  // the view, neither versioned nor removed, until a later pass. With
+  // `settle_ms` 0 or more, only the files in them changed (by ctime) within
+  // the last `settle_ms` are left, and the rest is versioned.
   std::map<uint64_t, std::vector<std::string>> busy;
+  int64_t settle_ms = -1;
 };
+
+// In a busy folder, a new file that no one has open for writing is settled
+// this soon (or at the settle time, if shorter): a copy of many files is
+// versioned as it goes, while a file rewritten in place still waits the
+// whole settle time.
+constexpr int64_t kClosedSettleMs = 250;
 
 struct ScanSummary {
   unsigned views = 0;

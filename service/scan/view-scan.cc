@@ -1,13 +1,16 @@
 #include "view-scan.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <set>
+#include <unordered_set>
 
 #include "content-pass.h"
 #include "db/errors.h"
@@ -75,6 +78,22 @@ bool HasMacAttrs(int fd) {
   return false;
 }
 
+// Whether anyone may have the open file `fd` open for writing: a read
+// lease is refused while someone does. Taken and given back at once; the
+// kernel would signal this process if a writer came meanwhile, which must
+// not end it. True also when the file system offers no leases.
+bool OpenForWriting(int fd) {
+  static const bool ignoring = [] {
+    struct sigaction now {};
+    if (sigaction(SIGIO, nullptr, &now) == 0 && now.sa_handler == SIG_DFL) signal(SIGIO, SIG_IGN);
+    return true;
+  }();
+  (void)ignoring;
+  if (fcntl(fd, F_SETLEASE, F_RDLCK) != 0) return true;
+  fcntl(fd, F_SETLEASE, F_UNLCK);
+  return false;
+}
+
 // SHA-256 of a small file, lower-case hex; empty when it cannot be read.
 std::string HashOf(int fd) {
   struct stat st;
@@ -138,19 +157,9 @@ int ViewScan::Run() {
     return db::kErrCannotOpen;
   }
   summary_.deferred += static_cast<unsigned>(deferred_.size());
-  const auto busy = options_.busy.find(target_.view_id);
-  if (busy != options_.busy.end()) {
-    // A busy folder's own entry is versioned; what lies in it waits.
-    for (const std::string& folder : busy->second) {
-      if (folder.empty() || folder == "/") continue;
-      entries_.erase(std::remove_if(entries_.begin(), entries_.end(),
-                                    [&](const DiskEntry& e) { return IsUnder(e.path, folder); }),
-                     entries_.end());
-      busy_.push_back(folder);
-    }
-  }
   int rc = scope_.empty() ? LoadLive() : LoadScope();
-  if (rc < 0 || (rc = state_.Load(target_.view_id, recorded_)) < 0) return rc;
+  if (rc < 0 || (rc = LoadRecorded()) < 0) return rc;
+  SetAsideBusy();
   db::RotateSettings rotation;
   if (view_.GetRotateSettings(rotation) < 0) {
     rotation.count = 0;  // a damaged setting keeps every version
@@ -167,7 +176,7 @@ int ViewScan::Run() {
   if (rc >= 0) rc = PlaceAll();
   std::vector<const Live*> left;
   for (const auto& [id, live] : live_)
-    if (!live.claimed && !live.gone && !IsDeferred(live.path)) left.push_back(&live);
+    if (!live.claimed && !live.kept && !live.gone && !IsDeferred(live.path)) left.push_back(&live);
   std::sort(left.begin(), left.end(),
             [](const Live* a, const Live* b) { return a->path < b->path; });
   for (const Live* live : left)
@@ -184,12 +193,76 @@ int ViewScan::Run() {
   return commit < 0 ? commit : rc;
 }
 
+int ViewScan::LoadRecorded() {
+  // Only live nodes are ever matched or compared; past this share of a
+  // large view one read of all its rows is cheaper than a look-up each.
+  constexpr size_t kByNode = 20000;
+  if (scope_.empty() || live_.size() > kByNode) return state_.Load(target_.view_id, recorded_);
+  std::vector<uint64_t> ids;
+  ids.reserve(live_.size());
+  for (const auto& [id, live] : live_) ids.push_back(id);
+  return state_.LoadNodes(target_.view_id, ids, recorded_);
+}
+
 bool ViewScan::IsDeferred(const std::string& path) const {
   for (const std::string& d : deferred_)
     if (path == d || IsUnder(path, d)) return true;
-  for (const std::string& b : busy_)
-    if (IsUnder(path, b)) return true;
+  // Without a settle time nothing in a busy folder is taken as removed;
+  // with one, what waits keeps its node (see Match).
+  if (options_.settle_ms < 0)
+    for (const std::string& b : busy_)
+      if (IsUnder(path, b)) return true;
   return false;
+}
+
+bool ViewScan::InBusy(const std::string& path) const {
+  for (const std::string& b : busy_)
+    if (b == "/" || IsUnder(path, b)) return true;
+  return false;
+}
+
+ViewScan::Settled ViewScan::SettledOf(const DiskEntry& e, bool is_new) const {
+  if (options_.settle_ms < 0) return Settled::kNo;
+  if (e.file_type != db::kFileTypeFile) return Settled::kYes;
+  const int64_t ctime_ns =
+      static_cast<int64_t>(e.st.st_ctim.tv_sec) * 1000000000 + e.st.st_ctim.tv_nsec;
+  if (ctime_ns <= settled_before_ns_) return Settled::kYes;
+  return is_new && ctime_ns <= closed_before_ns_ ? Settled::kIfClosed : Settled::kNo;
+}
+
+void ViewScan::SetAsideBusy() {
+  const auto busy = options_.busy.find(target_.view_id);
+  if (busy == options_.busy.end()) return;
+  for (const std::string& folder : busy->second) {
+    // The whole view waiting would make the pass pointless.
+    if (folder.empty() || (folder == "/" && options_.settle_ms < 0)) continue;
+    busy_.push_back(folder);
+  }
+  if (busy_.empty()) return;
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  const int64_t now_ns = static_cast<int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec;
+  const int64_t settle_ms = std::max<int64_t>(options_.settle_ms, 0);
+  settled_before_ns_ = now_ns - settle_ms * 1000000;
+  closed_before_ns_ = now_ns - std::min<int64_t>(settle_ms, kClosedSettleMs) * 1000000;
+  std::unordered_set<std::pair<uint64_t, uint64_t>, PairHash> known;
+  for (const auto& [id, r] : recorded_)
+    if (live_.count(id)) known.insert({r.dev, r.ino});
+  // A busy folder's own entry is versioned; what lies in it waits (with a
+  // settle time: the files changed since `settled_before_ns_`, but a new
+  // file only until its writer is done with it).
+  auto waits = [&](const DiskEntry& e) {
+    if (!InBusy(e.path)) return false;
+    const bool is_new = !at_path_.count(e.path) && !known.count({e.st.st_dev, e.st.st_ino});
+    const Settled settled = SettledOf(e, is_new);
+    if (settled == Settled::kIfClosed) closed_check_.insert(e.path);
+    return settled == Settled::kNo;
+  };
+  std::vector<DiskEntry> now_entries;
+  now_entries.reserve(entries_.size());
+  for (DiskEntry& e : entries_) (waits(e) ? waiting_ : now_entries).push_back(std::move(e));
+  entries_.swap(now_entries);
+  summary_.deferred += static_cast<unsigned>(waiting_.size());
 }
 
 void ViewScan::Defer(const DiskEntry& e) {
@@ -334,6 +407,14 @@ void ViewScan::Match() {
   std::unordered_map<std::pair<uint64_t, uint64_t>, uint64_t, PairHash> by_inode;
   for (const auto& [id, r] : recorded_)
     if (live_.count(id)) by_inode[{r.dev, r.ino}] = id;
+  // A file left for later keeps its node where it is, also when it was
+  // just moved here from elsewhere: the next pass places it.
+  for (const DiskEntry& e : waiting_) {
+    const auto it = by_inode.find({e.st.st_dev, e.st.st_ino});
+    if (it != by_inode.end()) live_[it->second].kept = true;
+    const auto at = at_path_.find(e.path);
+    if (at != at_path_.end() && at->second != root_id_) live_[at->second].kept = true;
+  }
   node_of_.assign(entries_.size(), 0);
   placed_.assign(entries_.size(), false);
   for (size_t i = 0; i < entries_.size(); ++i) {
@@ -599,6 +680,15 @@ int ViewScan::Record(size_t i, uint64_t node_id) {
     now = FromDisk(e);
   }
   const ScopedFd fd(opened);
+  if (opened >= 0 && InBusy(e.path)) {
+    // Written to again since it was listed, or still open for writing.
+    const Settled settled = SettledOf(e, closed_check_.count(e.path) > 0);
+    if (settled == Settled::kNo || (settled == Settled::kIfClosed && OpenForWriting(opened))) {
+      deferred_.push_back(e.path);
+      ++summary_.deferred;
+      return db::kOk;
+    }
+  }
   int rc = StoreContent(e, fd.get(), have_prev ? &prev : nullptr, now);
   if (rc >= 0) rc = StoreMacAttr(e, fd.get(), have_prev ? &prev : nullptr, now);
   if (rc < 0) return rc;

@@ -7,6 +7,7 @@
 
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "db/view-writer.h"
@@ -40,6 +41,7 @@ class ViewScan {
     std::string path;
     int32_t type = 0;
     bool claimed = false;
+    bool kept = false;  // its file waits for a later pass: not removed
     bool gone = false;
   };
 
@@ -48,6 +50,8 @@ class ViewScan {
   // up to the nearest one that still exists on disk and in the view.
   int WalkScope();
   int LoadScope();
+  // What the last scans recorded of the nodes in `live_`.
+  int LoadRecorded();
   void Match();
   // The root's owner, mode and ACL govern everything below it, so the root
   // is versioned like any folder.
@@ -68,6 +72,14 @@ class ViewScan {
   // Whether `path` is, or lies under, an entry left for the next pass.
   bool IsDeferred(const std::string& path) const;
   void Defer(const DiskEntry& e);
+  // Takes what lies in busy folders out of the walk into `waiting_`.
+  void SetAsideBusy();
+  bool InBusy(const std::string& path) const;
+  // Whether `e`, in a busy folder, may be versioned now: nothing without a
+  // settle time; else files changed since `settled_before_ns_` wait, but a
+  // new one changed before `closed_before_ns_` only while open for writing.
+  enum class Settled { kNo, kYes, kIfClosed };
+  Settled SettledOf(const DiskEntry& e, bool is_new) const;
   void RemoveLive(uint64_t node_id);
   void Rotate(uint64_t node_id, const std::string& path, int32_t type);
   // Every history the rule may shorten, after a change of the rule.
@@ -88,6 +100,10 @@ class ViewScan {
   RotateRule rule_;
   std::vector<std::string> scope_;  // empty: the whole view
   std::vector<std::string> busy_;   // folders whose contents wait
+  std::vector<DiskEntry> waiting_;  // entries of them left for a later pass
+  int64_t settled_before_ns_ = 0;
+  int64_t closed_before_ns_ = 0;
+  std::unordered_set<std::string> closed_check_;  // new files of kIfClosed
   std::vector<DiskEntry> entries_;
   std::vector<std::string> deferred_;
   std::vector<uint64_t> node_of_;  // per entry; 0 for a new node

@@ -212,7 +212,7 @@ void Watcher::HandleEvent(int wd, uint32_t mask, const char* name) {
     if (mask & (IN_MOVED_FROM | IN_DELETE)) DropSubtree(view_id, child);
     if (mask & (IN_CREATE | IN_MOVED_TO)) WalkFrom(view_id, child);
   }
-  Changed(view_id, rel);
+  Changed(view_id, rel, name && (mask & (IN_CREATE | IN_MOVED_TO)));
 }
 
 void Watcher::Resync(uint64_t view_id) {
@@ -375,12 +375,13 @@ void Watcher::Rescan(uint64_t view_id, const std::string& why) {
   notes_.push_back(Note{view_id, true, why});
 }
 
-void Watcher::Changed(uint64_t view_id, const std::string& folder) {
+void Watcher::Changed(uint64_t view_id, const std::string& folder, bool added) {
   if (!notes_.empty() && !notes_.back().rescan && notes_.back().view_id == view_id &&
       notes_.back().why == folder) {
+    notes_.back().added += added;
     return;
   }
-  notes_.push_back(Note{view_id, false, folder});
+  notes_.push_back(Note{view_id, false, folder, added ? 1u : 0u});
 }
 
 void Watcher::Flush() {
@@ -392,7 +393,7 @@ void Watcher::Flush() {
     if (note.rescan) {
       if (callbacks_.rescan) callbacks_.rescan(note.view_id, note.why);
     } else if (callbacks_.changed) {
-      callbacks_.changed(note.view_id, note.why);
+      callbacks_.changed(note.view_id, note.why, note.added);
     }
   }
 }

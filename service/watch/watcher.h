@@ -33,8 +33,9 @@ class Watcher {
  public:
   struct Callbacks {
     // Something in the folder `folder` of the view changed: an entry of
-    // it, or the folder itself. "" is the root, else "a/b".
-    std::function<void(uint64_t view_id, const std::string& folder)> changed;
+    // it, or the folder itself. "" is the root, else "a/b". `added` counts
+    // the entries created or moved into it since the last report.
+    std::function<void(uint64_t view_id, const std::string& folder, unsigned added)> changed;
     // The view must be scanned whole: the event queue overflowed, a watch
     // could not be added (the view stays partly watched), or the root was
     // deleted or moved away. `why` is for the log.
@@ -96,6 +97,7 @@ class Watcher {
     uint64_t view_id;
     bool rescan;
     std::string why;  // a rescan's reason, or the folder that changed
+    unsigned added = 0;
   };
 
   void Walk(uint64_t view_id, int start_fd, const std::string& start_rel,
@@ -110,7 +112,7 @@ class Watcher {
   void HandleEvent(int wd, uint32_t mask, const char* name);
   void RootGone(uint64_t view_id, const std::string& why);
   void Rescan(uint64_t view_id, const std::string& why);
-  void Changed(uint64_t view_id, const std::string& folder);
+  void Changed(uint64_t view_id, const std::string& folder, bool added);
   void Flush();
 
   Callbacks callbacks_;

@@ -67,6 +67,26 @@ class SwapTest : public ::testing::Test {
     return summary;
   }
 
+  // One scan at `at` while `folder` is still being written to: of what lies
+  // in it, only what changed more than `settle_ms` ago (or a new file no
+  // one writes any more) is versioned.
+  scan::ScanSummary ScanBusy(uint32_t at, const std::string& folder, int64_t settle_ms) {
+    SyncConfigMgr config;
+    EXPECT_GE(SyncGetConf(config), 0);
+    EXPECT_GE(UserManager::Initialize("/volume1/@tidepool", "sqlite"), 0);
+    UserInfo alice;
+    EXPECT_GT(UserManager::GetUser("alice", alice, 0), 0);
+    UserManager::Destroy();
+    scan::ScanSummary summary;
+    scan::ScanOptions options;
+    options.at = at;
+    options.busy[alice.view_id] = {folder};
+    options.settle_ms = settle_ms;
+    EXPECT_GE(scan::ScanAll(config, options, summary), 0);
+    EXPECT_EQ(summary.failed, 0u);
+    return summary;
+  }
+
   // Every node of alice's view by path, removed ones too, with the content
   // of each of its versions.
   std::map<std::string, Seen> History() {
@@ -175,6 +195,50 @@ TEST_F(SwapTest, PipesAndFoldersTurnedLinksWaitForTheNextPass) {
   history = History();
   EXPECT_TRUE(history["/sub/inner.txt"].live);
   EXPECT_EQ(history["/sub/inner.txt"].contents, std::vector<std::string>{"inside\n"});
+}
+
+// A copy still going on: what it finished is versioned, a file it still
+// writes and a file rewritten in place wait, and a file moved into the
+// folder keeps its node until the pass that sees it settled.
+TEST_F(SwapTest, AFolderStillBeingWrittenVersionsOnlyWhatSettled) {
+  tptest::WriteFile(kHome + "/busy/old.txt", "old\n");
+  tptest::WriteFile(kHome + "/elsewhere/moved.txt", "moved\n");
+  ScanSwapping(1700000000);
+  tptest::WriteFile(kHome + "/busy/done.txt", "done\n");
+  FILE* held = fopen((kHome + "/busy/held.txt").c_str(), "w");
+  ASSERT_NE(held, nullptr);
+  fputs("part\n", held);
+  fflush(held);
+  usleep(400000);
+  tptest::WriteFile(kHome + "/busy/old.txt", "old, rewritten\n");
+  ASSERT_EQ(rename((kHome + "/elsewhere/moved.txt").c_str(), (kHome + "/busy/moved.txt").c_str()),
+            0);
+
+  const auto busy = ScanBusy(1700000100, "/busy", 60000);
+  EXPECT_EQ(busy.removed, 0u);
+  EXPECT_EQ(busy.moved, 0u);
+  auto history = History();
+  EXPECT_EQ(history["/busy/done.txt"].contents, std::vector<std::string>{"done\n"});
+  EXPECT_EQ(history.count("/busy/held.txt"), 0u);
+  EXPECT_EQ(history["/busy/old.txt"].contents, std::vector<std::string>{"old\n"});
+  EXPECT_TRUE(history["/elsewhere/moved.txt"].live);
+  EXPECT_EQ(history.count("/busy/moved.txt"), 0u);
+
+  // The copy is over: the next pass takes the rest, the move as a move.
+  fputs("rest\n", held);
+  fclose(held);
+  const auto after = ScanSwapping(1700000200);
+  EXPECT_EQ(after.removed, 0u);
+  EXPECT_EQ(after.moved, 1u);
+  history = History();
+  EXPECT_EQ(history["/busy/held.txt"].contents, std::vector<std::string>{"part\nrest\n"});
+  EXPECT_EQ(history["/busy/old.txt"].contents,
+            (std::vector<std::string>{"old\n", "old, rewritten\n"}));
+  EXPECT_TRUE(history["/busy/moved.txt"].live);
+  // A move is a version of its own, of the same content.
+  EXPECT_EQ(history["/busy/moved.txt"].contents, (std::vector<std::string>{"moved\n", "moved\n"}));
+  EXPECT_EQ(history.count("/elsewhere/moved.txt"), 0u);
+  EXPECT_EQ(history["/busy/done.txt"].contents, std::vector<std::string>{"done\n"});
 }
 
 }  // namespace

@@ -70,5 +70,47 @@ TEST(DebouncerTest, ViewsAreIndependentAndForgottenOnesDropOut) {
   EXPECT_EQ(d.Pending(), 0u);
 }
 
+// A folder being copied into is settled as soon as enough of what was added
+// has been left alone, again and again while the copy goes on, and is still
+// due once quiet; a folder only written to is never settled.
+TEST(DebouncerTest, FolderWithManyAdditionsSettlesWhileStillChanging) {
+  Debouncer d(2s, 60s, 10, 250ms);
+  // Folder 1: five entries added every 100 ms for 3 s. Folder 2: one file
+  // written every 100 ms, nothing added.
+  std::vector<TimePoint> settled;
+  for (TimePoint t = t0; t <= t0 + 3s; t += 100ms) {
+    d.Touch(1, t, 5);
+    d.Touch(2, t);
+    if (t >= t0 + 100ms) {
+      ASSERT_LE(*d.NextDue(), t + 250ms);
+    }
+    for (uint64_t id : d.TakeSettled(t)) {
+      EXPECT_EQ(id, 1u);
+      settled.push_back(t);
+    }
+    EXPECT_EQ(d.TakeDue(t), Ids{});
+  }
+  // The first ten additions (at 0 and 100 ms) settle at 350 ms; each take
+  // counts what was older than 250 ms, so the next ten are 200 ms later.
+  ASSERT_GE(settled.size(), 10u);
+  EXPECT_EQ(settled[0], t0 + 400ms);  // the check after 350 ms
+  for (size_t i = 1; i < settled.size(); ++i) EXPECT_LE(settled[i] - settled[i - 1], 200ms);
+  EXPECT_EQ(d.PendingViews(), (Ids{1, 2}));
+  // The copy's end: both are due once quiet, and the last additions settle
+  // before that.
+  size_t after_end = 0;
+  for (TimePoint t = t0 + 3100ms; t < t0 + 5s; t += 100ms) after_end += d.TakeSettled(t).size();
+  EXPECT_GE(after_end, 1u);
+  EXPECT_LE(after_end, 2u);
+  EXPECT_EQ(d.NextDue(), t0 + 5s);
+  EXPECT_EQ(d.TakeDue(t0 + 5s), (Ids{1, 2}));
+
+  // Without a count, nothing ever settles.
+  Debouncer plain(2s, 60s);
+  plain.Touch(3, t0, 1000);
+  EXPECT_EQ(plain.TakeSettled(t0 + 10s), Ids{});
+  EXPECT_EQ(plain.NextDue(), t0 + 2s);
+}
+
 }  // namespace
 }  // namespace watch

@@ -168,6 +168,50 @@ TEST_F(WatchDaemonTest, AFileBeingWrittenIsNotVersionedHalfWay) {
   }
 }
 
+// A copy of many files that outlasts the quiet moment is versioned as it
+// goes, while a file it holds open and one rewritten in place each wait for
+// the end of their writing and get one version.
+TEST_F(WatchDaemonTest, ALongCopyIsVersionedAsItGoes) {
+  Write(kAliceHome + "/copy/old.txt", "before the copy\n");
+  ASSERT_TRUE(tptest::Eventually([&] { return VersionCount(alice_, "/copy/old.txt") == 1; }));
+  ASSERT_TRUE(tptest::Eventually(Idle));
+  Write(kAliceHome + "/copy/held.bin", "");
+  std::ofstream held(kAliceHome + "/copy/held.bin", std::ios::binary);
+  std::ofstream old(kAliceHome + "/copy/old.txt", std::ios::binary | std::ios::app);
+  bool seen_while_copying = false;
+  size_t held_versions_while_open = 0;
+  std::string held_content;
+  for (int i = 0; i < 300; ++i) {
+    Write(kAliceHome + "/copy/f" + std::to_string(i) + ".txt", "file " + std::to_string(i));
+    old << "line " << i << "\n" << std::flush;
+    held << "part " << i << "\n" << std::flush;
+    held_content += "part " + std::to_string(i) + "\n";
+    if (i % 25 == 24) {
+      seen_while_copying = seen_while_copying || VersionCount(alice_, "/copy/f0.txt") == 1;
+      held_versions_while_open += VersionCount(alice_, "/copy/held.bin") > 1;
+    }
+    usleep(10000);
+  }
+  EXPECT_TRUE(seen_while_copying);
+  held.close();
+  old.close();
+  ASSERT_TRUE(tptest::Eventually([&] { return VersionCount(alice_, "/copy/f299.txt") == 1; }));
+  ASSERT_TRUE(tptest::Eventually(Idle));
+  for (const char* name : {"/copy/f0.txt", "/copy/f150.txt", "/copy/f299.txt"})
+    EXPECT_EQ(VersionCount(alice_, name), 1u) << name;
+  EXPECT_EQ(VersionCount(alice_, "/copy/old.txt"), 2u);
+  // Made empty before it was opened, so it may have an empty version; never
+  // one of a part.
+  EXPECT_EQ(held_versions_while_open, 0u);
+  const auto answer = Call("KSTX.Tidepool.Node", "list_version",
+                           {{"target", "mine"}, {"path", "/copy/held.bin"}}, alice_);
+  ASSERT_GE(answer.json["data"]["items"].size(), 1u) << answer.body;
+  for (const Json::Value& item : answer.json["data"]["items"]) {
+    const uint64_t size = item["size"].asUInt64();
+    EXPECT_TRUE(size == 0 || size == held_content.size()) << answer.body;
+  }
+}
+
 TEST_F(WatchDaemonTest, AKilledDaemonCatchesUpWhenItStartsAgain) {
   ASSERT_TRUE(tptest::Eventually(Idle));
   const auto status = Control({"service", "--status"});

@@ -19,6 +19,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <map>
 #include <memory>
 #include <set>
 #include <string>
@@ -43,12 +44,14 @@ bool Contains(const std::vector<std::string>& v, const std::string& s) {
 // Records what the callbacks say.
 struct Recorder {
   std::vector<uint64_t> changed;
-  std::vector<std::string> folders;  // the folder of each change
+  std::vector<std::string> folders;       // the folder of each change
+  std::map<std::string, unsigned> added;  // entries added, by folder
   std::vector<std::pair<uint64_t, std::string>> rescans;
   Watcher::Callbacks Callbacks() {
-    return {[this](uint64_t id, const std::string& folder) {
+    return {[this](uint64_t id, const std::string& folder, unsigned n) {
               changed.push_back(id);
               folders.push_back(folder);
+              added[folder] += n;
             },
             [this](uint64_t id, const std::string& why) { rescans.emplace_back(id, why); }};
   }
@@ -155,6 +158,19 @@ TEST_F(WatcherTest, EveryKindOfChangeReportsItsOwnView) {
   Write(b_ / "other");
   EXPECT_EQ(Reported(), (Ids{kA, kB}));
   EXPECT_TRUE(rec_.rescans.empty());
+
+  // What each folder was given is counted, whatever else changed in it:
+  // created files and folders and what was moved in, not writes, deletes
+  // or what was moved out.
+  rec_.added.clear();
+  for (int i = 0; i < 20; ++i) Write(a_ / ("copy" + std::to_string(i)), "x");
+  fs::create_directory(a_ / "sub" / "made");
+  fs::rename(a_ / "copy0", a_ / "sub" / "copy0");
+  fs::remove(a_ / "copy1");
+  Write(a_ / "copy2", "again");
+  EXPECT_EQ(Reported(), Ids{kA});
+  EXPECT_EQ(rec_.added[""], 20u);
+  EXPECT_EQ(rec_.added["sub"], 2u);
 }
 
 TEST_F(WatcherTest, NewTreesAreWatchedWhole) {

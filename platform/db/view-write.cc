@@ -512,7 +512,7 @@ int ViewDB::DropVersions(uint64_t node_id, const std::vector<uint64_t>& sync_ids
   for (const Version& v : all)
     if (wanted.count(v.getSyncId()) != 0) going.push_back(v);
   if (going.empty()) return 0;
-  rc = Atomically(*db_, "drop versions", [&]() -> int {
+  rc = Atomically(Savepoints(), "drop versions", [&]() -> int {
     SQLite::Statement del(*db_, "DELETE FROM versions WHERE sync_id = ? AND node_id = ?");
     for (const Version& v : going) {
       del.reset();

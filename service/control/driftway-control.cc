@@ -36,7 +36,7 @@ int Usage() {
           "       driftway-control user --enable NAME [NAME...] | --disable NAME [NAME...]\n"
           "       driftway-control share --enable NAME | --disable NAME\n"
           "       driftway-control scan [--at TIMESTAMP] [--view ID]... [--folder ID:/PATH]...\n"
-          "                             [--busy ID:/PATH]... [--settle MS]\n"
+          "                             [--busy ID:/PATH]... [--settle MS] [--open-wait MS]\n"
           "                             [--client NAME]\n"
           "       driftway-control check [--view ID]\n"
           "       driftway-control jobs\n");
@@ -155,6 +155,9 @@ int ScanCommand(const std::vector<std::string>& args) {
     } else if (args[i] == "--settle" && !value.empty() && value[0] != '-' && *end == '\0' &&
                number <= INT32_MAX) {
       options.settle_ms = static_cast<int64_t>(number);
+    } else if (args[i] == "--open-wait" && !value.empty() && value[0] != '-' && *end == '\0' &&
+               number <= INT32_MAX) {
+      options.open_wait_ms = static_cast<int64_t>(number);
     } else if (args[i] == "--view" && numeric) {
       options.views.push_back(number);
     } else if ((args[i] == "--folder" || args[i] == "--busy") &&

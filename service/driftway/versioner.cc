@@ -301,9 +301,11 @@ bool Versioner::EvaluateFreeze() {
 
 void Versioner::StartPass() {
   if (EvaluateFreeze()) return;
-  std::vector<std::string> args = {options_.scanner, "scan",
-                                   "--client",       options_.client,
-                                   "--settle",       std::to_string(options_.quiet.count())};
+  std::vector<std::string> args = {
+      options_.scanner, "scan",
+      "--client",       options_.client,
+      "--settle",       std::to_string(options_.quiet.count()),
+      "--open-wait",    std::to_string(std::chrono::milliseconds(options_.max_wait).count())};
   // A view whose changes all lie in some folders is scanned there only.
   for (uint64_t view_id : due_) {
     // A folder below another changed one is covered by it.

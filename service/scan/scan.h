@@ -26,6 +26,10 @@ struct ScanOptions {
   // the last `settle_ms` are left, and the rest is versioned.
   std::map<uint64_t, std::vector<std::string>> busy;
   int64_t settle_ms = -1;
+  // 0 or more: a file that someone holds open for writing, changed within
+  // the last `open_wait_ms`, is left for a later pass (its close brings it
+  // back); one left open longer is taken as it stands.
+  int64_t open_wait_ms = -1;
 };
 
 // In a busy folder, a new file that no one has open for writing is settled

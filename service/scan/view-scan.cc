@@ -94,6 +94,14 @@ bool OpenForWriting(int fd) {
   return false;
 }
 
+// Whether the entry's ctime lies within the last `ms` milliseconds.
+bool ChangedWithin(const Recorded& entry, int64_t ms) {
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  const int64_t now_ns = static_cast<int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec;
+  return entry.ctime_ns >= now_ns - ms * 1000000;
+}
+
 // SHA-256 of a small file, lower-case hex; empty when it cannot be read.
 std::string HashOf(int fd) {
   struct stat st;
@@ -680,6 +688,15 @@ int ViewScan::Record(size_t i, uint64_t node_id) {
     now = FromDisk(e);
   }
   const ScopedFd fd(opened);
+  // A pass of the watching service leaves a file that someone still holds
+  // open for writing and changed lately: a writer that paused longer than
+  // the quiet moment has not finished, and its close brings the folder back.
+  if (opened >= 0 && options_.open_wait_ms >= 0 && e.file_type == db::kFileTypeFile &&
+      ChangedWithin(now, options_.open_wait_ms) && OpenForWriting(opened)) {
+    deferred_.push_back(e.path);
+    ++summary_.deferred;
+    return db::kOk;
+  }
   if (opened >= 0 && InBusy(e.path)) {
     // Written to again since it was listed, or still open for writing.
     const Settled settled = SettledOf(e, closed_check_.count(e.path) > 0);

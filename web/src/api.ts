@@ -88,7 +88,9 @@ export async function call<T = unknown>(api: string, method: string, params: Par
   const errors = env.error?.errors ?? {};
   const message = typeof errors.message === "string" ? errors.message : "";
   const param = typeof errors.name === "string" ? errors.name : undefined;
-  if (code === 106 || code === 119) {
+  // 106 is a session that timed out; a request with no session at all (the
+  // cookie gone) is refused as anonymous.
+  if (code === 106 || (code === 105 && /anonymous/.test(message))) {
     saveSession(null);
     onSessionLost(code);
   }

@@ -33,7 +33,9 @@ function App() {
   }, []);
 
   useEffect(() => {
-    if (!session && route.view !== "signin") {
+    // The address may already be the sign-in page (the session-lost handler
+    // moved there before this render saw the change).
+    if (!session && route.view !== "signin" && !location.hash.startsWith("#/signin")) {
       location.replace(routeHash("signin", { next: location.hash || "#/browse" }));
     }
   }, [session, route.view]);

@@ -63,6 +63,7 @@ export function Browse({ q }: { q: Q }) {
           sort_by: sort,
           sort_direction: dir,
           list_removed: showRemoved,
+          list_remove: showRemoved,
           offset,
           limit,
           pattern: q.pattern || undefined,
@@ -169,7 +170,7 @@ export function Browse({ q }: { q: Q }) {
           {items.map((n) => (
             <li key={n.view_id}>
               <a href={folderLink(q, n.node_id, "/", n.is_share ? "@" + n.name : "mine")}>
-                <span class="icon" aria-hidden="true">{n.is_share ? "▣" : "⌂"}</span>
+                <span class="icon folder" aria-hidden="true" />
                 {n.name}
                 {n.is_share && <span class="tag">share</span>}
               </a>
@@ -310,7 +311,7 @@ function Row({ n, q, checked, onToggle }: { n: NodeRec; q: Q; checked: boolean; 
         <input type="checkbox" aria-label={`Select ${n.name}`} checked={checked} onChange={onToggle} />
       </td>
       <td class="name">
-        <span class="icon" aria-hidden="true">{folder ? "📁" : "📄"}</span>
+        <span class={folder ? "icon folder" : "icon file"} aria-hidden="true" />
         {folder && !n.is_removed ? <a href={folderLink(q, n.node_id, n.path)}>{n.name}</a> : folder ? <a href={folderLink(q, n.node_id, n.path)}>{n.name}</a> : <a href={versions}>{n.name}</a>}
         {n.is_removed && <span class="tag removed-tag">removed</span>}
       </td>

@@ -22,6 +22,7 @@ export function LogView({ q }: { q: Record<string, string> }) {
     setError("");
     const { offset, limit } = pageRequest(page, LOG_PAGE);
     call<{ items: LogRecord[]; total: number }>("KSTX.Tidepool.Log", "list", {
+      target: "",
       share_type: "all",
       offset,
       limit,

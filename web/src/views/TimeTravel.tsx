@@ -25,10 +25,11 @@ export function TimeTravel(props: { target: string; node?: string; at: number | 
     setError("");
     call<{ items: Bucket[] }>("KSTX.Tidepool.Node", "activity", {
       target: props.target,
-      node_id: props.node ? Number(props.node) : undefined,
+      node_id: props.node || undefined,
       start_date: start,
       end_date: end,
       interval,
+      tz_offset: 0,
     })
       .then((a) => live && setBuckets(a.items.filter((b) => b.activity_count > 0)))
       .catch((e) => live && setError(errorText(e)));

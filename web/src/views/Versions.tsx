@@ -23,7 +23,7 @@ export function Versions({ q }: { q: Record<string, string> }) {
   useEffect(() => {
     let live = true;
     setError("");
-    call<VersionAnswer>("KSTX.Tidepool.Node", "list_version", { target: q.target, path: q.path, node_id: q.node ? Number(q.node) : undefined })
+    call<VersionAnswer>("KSTX.Tidepool.Node", "list_version", { target: q.target, path: q.path, node_id: q.node || undefined })
       .then((a) => live && setAnswer(a))
       .catch((e) => live && setError(errorText(e)));
     return () => {

@@ -1,0 +1,157 @@
+// What a person does in the front-end, in Debian's chromium driven headless
+// by playwright-core, against a running demo system.
+// usage: node scenarios.mjs BASE_URL OUT_DIR [DATA_ROOT]
+// Screenshots go to OUT_DIR; DATA_ROOT ("/" inside the sandbox) is where the
+// demo's volumes are seen, to check restored files on disk.
+import { createRequire } from "node:module";
+import { execFileSync } from "node:child_process";
+import { mkdirSync, readFileSync, existsSync } from "node:fs";
+import { join, dirname } from "node:path";
+import { fileURLToPath } from "node:url";
+import assert from "node:assert/strict";
+
+const here = dirname(fileURLToPath(import.meta.url));
+const require = createRequire(join(here, "../../web/package.json"));
+const { chromium } = require("playwright-core");
+
+const [base, out, dataRoot = "/"] = process.argv.slice(2);
+mkdirSync(out, { recursive: true });
+const alicesHome = join(dataRoot, "volume1/homes/alice/Tidepool");
+
+const browser = await chromium.launch({
+  executablePath: process.env.CHROMIUM ?? "/usr/bin/chromium",
+  args: ["--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage"],
+});
+
+const failures = [];
+async function scenario(name, width, fn) {
+  const context = await browser.newContext({ viewport: { width, height: 800 }, acceptDownloads: true });
+  const page = await context.newPage();
+  page.setDefaultTimeout(15000);
+  const started = Date.now();
+  try {
+    await fn(page, context);
+    console.log(`ok   ${name} (${Date.now() - started} ms)`);
+  } catch (e) {
+    failures.push(name);
+    console.log(`FAIL ${name}: ${e.stack ?? e}`);
+  } finally {
+    await page.screenshot({ path: join(out, `${name}.png`), fullPage: true }).catch(() => {});
+    await context.close();
+  }
+}
+
+async function signIn(page, account, password) {
+  await page.getByLabel("Account").fill(account);
+  await page.getByLabel("Password").fill(password);
+  await page.getByRole("button", { name: "Sign in" }).click();
+  await page.getByRole("button", { name: "Sign out" }).waitFor();
+}
+
+function row(page, name) {
+  return page.locator("table.nodes tbody tr").filter({ has: page.getByRole("link", { name, exact: true }) });
+}
+
+await scenario("restore-deleted-notes", 1280, async (page) => {
+  assert.ok(!existsSync(join(alicesHome, "notes.txt")), "notes.txt is gone before the restore");
+  await page.goto(base);
+  await signIn(page, "alice", "alice-demo");
+  await page.getByRole("link", { name: /My Tidepool/ }).click();
+  const notes = row(page, "notes.txt");
+  await notes.getByText("removed").waitFor();
+
+  // Back to the moment before the deletion: the bar before the last one.
+  await page.getByRole("button", { name: "Time travel" }).click();
+  const bars = page.getByRole("list", { name: "Moments with changes" }).getByRole("button");
+  await bars.nth(2).waitFor();
+  assert.equal(await bars.count(), 3, "three moments of change in the demo's history");
+  await bars.nth(1).click();
+  await page.getByText("Showing this folder as it stood at").waitFor();
+  // notes.txt still exists at that moment.
+  await notes.getByText("removed").waitFor({ state: "detached" });
+  assert.ok(/[?&]at=\d+/.test(page.url()), "the moment is part of the address");
+
+  await notes.getByRole("checkbox").check();
+  await page.getByRole("button", { name: "Restore…" }).click();
+  await page.getByRole("dialog").getByRole("button", { name: "Restore" }).click();
+  await page.getByText("Restored notes.txt.").waitFor();
+
+  await page.getByRole("button", { name: "Back to now" }).click();
+  await page.waitForFunction(() => !location.hash.includes("at="));
+  await notes.waitFor();
+  // The scan that versions it again may take a moment; the file is on disk at once.
+  assert.equal(readFileSync(join(alicesHome, "notes.txt"), "utf8"), "Shopping: milk\n");
+});
+
+await scenario("download-folder-zip", 1280, async (page) => {
+  await page.goto(base);
+  await signIn(page, "alice", "alice-demo");
+  await page.getByRole("link", { name: /My Tidepool/ }).click();
+  await row(page, "projects").getByRole("checkbox").check();
+  const download = page.waitForEvent("download", { timeout: 30000 });
+  await page.getByRole("button", { name: "Download" }).click();
+  const file = await download;
+  assert.equal(file.suggestedFilename(), "projects.zip");
+  const zip = join(out, "projects.zip");
+  await file.saveAs(zip);
+  const listing = execFileSync("unzip", ["-Z1", zip], { encoding: "utf8" }).split("\n").filter(Boolean);
+  assert.ok(listing.includes("projects/plan.txt"), `the archive holds projects/plan.txt: ${listing}`);
+  assert.ok(listing.includes("projects/drafts/idea.txt"), "and the subfolder's file");
+  const plan = execFileSync("unzip", ["-p", zip, "projects/plan.txt"], { encoding: "utf8" });
+  assert.equal(plan, "Plan, first draft\nPlan, second draft\nPlan, final\n");
+  await page.getByText("The download of projects has started.").waitFor();
+});
+
+await scenario("export-log", 1280, async (page) => {
+  await page.goto(base + "#/log");
+  await signIn(page, "admin", "admin-demo");
+  await page.getByRole("heading", { name: "Activity log" }).waitFor();
+  await page.locator("ol.log li").first().waitFor();
+  const download = page.waitForEvent("download");
+  await page.getByRole("button", { name: "Export CSV" }).click();
+  const file = await download;
+  assert.equal(file.suggestedFilename(), "export.csv");
+  const csv = join(out, "export.csv");
+  await file.saveAs(csv);
+  const lines = readFileSync(csv, "utf8").split("\n").filter(Boolean);
+  assert.ok(lines.length > 10, `the export has the demo's records (${lines.length} lines)`);
+  assert.ok(lines.some((l) => l.includes("notes.txt")), "among them notes.txt");
+});
+
+await scenario("session-ends-and-returns", 375, async (page, context) => {
+  await page.goto(base);
+  await signIn(page, "alice", "alice-demo");
+  await page.getByRole("link", { name: /My Tidepool/ }).click();
+  await row(page, "projects").getByRole("link", { name: "projects" }).click();
+  await row(page, "plan.txt").waitFor();
+  const folder = new URL(page.url()).hash;
+  await context.clearCookies();
+  await page.getByRole("button", { name: /Name/ }).click();
+  await page.getByRole("heading", { name: "Sign in to Tidepool" }).waitFor();
+  await page.getByText("Your session has ended").waitFor();
+  await signIn(page, "alice", "alice-demo");
+  await row(page, "plan.txt").waitFor();
+  assert.ok(new URL(page.url()).hash.includes("path=%2Fprojects"), `back in the folder: ${page.url()} (was ${folder})`);
+  // The breadcrumbs lead back up, and the browser's back button works.
+  await page.getByRole("navigation", { name: "Breadcrumbs" }).getByRole("link", { name: "Tidepool" }).waitFor();
+  await page.getByRole("link", { name: "plan.txt", exact: true }).click();
+  await page.getByRole("heading", { name: "Versions of plan.txt" }).waitFor();
+  await page.locator("table.versions tbody tr").nth(2).waitFor();
+  assert.equal(await page.locator("table.versions tbody tr").count(), 3, "plan.txt has three versions");
+  await page.goBack();
+  await row(page, "drafts").waitFor();
+});
+
+await scenario("wrong-password", 375, async (page) => {
+  await page.goto(base);
+  await page.getByLabel("Account").fill("bob");
+  await page.getByLabel("Password").fill("not-his");
+  await page.getByRole("button", { name: "Sign in" }).click();
+  await page.getByRole("alert").getByText("The account name or password is wrong.").waitFor();
+});
+
+await browser.close();
+if (failures.length) {
+  console.log(`${failures.length} scenario(s) failed: ${failures.join(", ")}`);
+  process.exit(1);
+}

@@ -35,7 +35,7 @@ function where(rec: LogRecord): string {
 }
 
 export function describeLog(rec: LogRecord): string {
-  const who = rec.username || "The system";
+  const who = rec.username || "The sync service";
   switch (rec.type) {
     case 0:
       return s(rec, "p1") === "1" ? "The sync service started." : "The sync service stopped.";

@@ -154,6 +154,8 @@ export function Browse({ q }: { q: Q }) {
       );
       setMessage(`Restored ${what}${copyTo ? ` into ${copyTo}` : ""}.`);
       setReload((r) => r + 1);
+      // The service versions what came back a moment later; look again then.
+      setTimeout(() => setReload((r) => r + 1), 4000);
     } catch (e) {
       setMessage(errorText(e));
     } finally {

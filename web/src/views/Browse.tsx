@@ -1,4 +1,4 @@
-import { useEffect, useMemo, useState } from "preact/hooks";
+import { useEffect, useLayoutEffect, useMemo, useState } from "preact/hooks";
 import { call } from "../api";
 import { errorText } from "../errors";
 import { formatSize, formatTime, fromLocalInput, toLocalInput } from "../format";
@@ -72,7 +72,11 @@ export function Browse({ q }: { q: Q }) {
         }
       : { offset, limit };
     call<ListAnswer>("KSTX.Tidepool.Node", "list", params)
-      .then((a) => live && setList(a))
+      .then((a) => {
+        if (!live) return;
+        performance.mark("tp:list-answer");
+        setList(a);
+      })
       .catch((e) => {
         if (!live) return;
         setList(null);
@@ -113,6 +117,14 @@ export function Browse({ q }: { q: Q }) {
       live = false;
     };
   }, [target, q.node]);
+
+  // Marks for the browser's own timeline (scripts/bench web): the page's
+  // rows are in the document, and then on screen.
+  useLayoutEffect(() => {
+    if (!list) return;
+    performance.mark("tp:list-rendered");
+    requestAnimationFrame(() => setTimeout(() => performance.mark("tp:list-painted"), 0));
+  }, [list]);
 
   const items = list?.items ?? [];
   const chosen = useMemo(() => items.filter((n) => selected.has(n.node_id)), [items, selected]);

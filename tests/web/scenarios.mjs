@@ -125,6 +125,24 @@ await scenario("export-log", 1280, async (page) => {
   const lines = readFileSync(csv, "utf8").split("\n").filter(Boolean);
   assert.ok(lines.length > 10, `the export has the demo's records (${lines.length} lines)`);
   assert.ok(lines.some((l) => l.includes("notes.txt")), "among them notes.txt");
+
+  // Filters: a keyword, then a kind; each is part of the address.
+  await page.getByLabel("Keyword").fill("notes.txt");
+  await page.getByRole("button", { name: "Filter" }).click();
+  await page.waitForFunction(() => location.hash.includes("q=notes.txt"));
+  // Only the records of notes.txt: removed, restored, added again.
+  await page.waitForFunction(() => {
+    const shown = [...document.querySelectorAll("ol.log li")].map((li) => li.textContent ?? "");
+    return shown.length >= 3 && shown.every((t) => t.includes("/notes.txt"));
+  });
+  await page.getByText("alice removed the file /notes.txt in alice's home.").waitFor();
+  await page.getByLabel("Kind").selectOption({ label: "Removed" });
+  await page.waitForFunction(() => location.hash.includes("type=14"));
+  await page.waitForFunction(() => document.querySelectorAll("ol.log li").length === 1);
+  await page.getByText("alice removed the file /notes.txt").waitFor();
+  await page.goBack();
+  await page.waitForFunction(() => !location.hash.includes("type="));
+  await page.waitForFunction(() => document.querySelectorAll("ol.log li").length >= 2);
 });
 
 await scenario("session-ends-and-returns", 375, async (page, context) => {

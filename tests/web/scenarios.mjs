@@ -169,6 +169,43 @@ await scenario("session-ends-and-returns", 375, async (page, context) => {
   await row(page, "drafts").waitFor();
 });
 
+await scenario("shares-for-administrators", 1280, async (page, context) => {
+  await page.goto(base);
+  await signIn(page, "admin", "admin-demo");
+  // The root holds the admin's home and the enabled share, not "archive".
+  await page.getByRole("link", { name: /My Tidepool/ }).waitFor();
+  await page.getByRole("link", { name: /team/ }).click();
+  await row(page, "project-10").waitFor();
+  assert.equal(await page.getByRole("link", { name: /archive/ }).count(), 0);
+  // Natural order: project-2 before project-10.
+  const names = await page.locator("table.nodes tbody td.name a").allTextContents();
+  assert.ok(names.indexOf("project-2") < names.indexOf("project-10"), `natural order: ${names}`);
+  const share = page.url();
+
+  // Restore into another folder that is not there: refused with a sentence.
+  await row(page, "private").getByRole("checkbox").check();
+  // Escape closes the dialog and focus is back on the button that opened it.
+  await page.getByRole("button", { name: "Restore…" }).click();
+  await page.getByRole("dialog").waitFor();
+  await page.keyboard.press("Escape");
+  await page.getByRole("dialog").waitFor({ state: "detached" });
+  assert.equal(await page.evaluate(() => document.activeElement?.textContent), "Restore…");
+  await page.getByRole("button", { name: "Restore…" }).click();
+  await page.getByLabel("Into another folder").check();
+  await page.getByLabel("Folder on the server").fill("/volume1/nowhere/at-all");
+  await page.getByRole("dialog").getByRole("button", { name: "Restore" }).click();
+  await page.getByText("You do not have permission for this item.").waitFor();
+
+  // bob, who may read the share but is no administrator, is told why he
+  // cannot browse it from here.
+  await page.getByRole("button", { name: "Sign out" }).click();
+  await page.getByRole("heading", { name: "Sign in to Tidepool" }).waitFor();
+  await context.clearCookies();
+  await page.goto(share);
+  await signIn(page, "bob", "bob-demo");
+  await page.getByRole("alert").getByText("Only an administrator may do this.").waitFor();
+});
+
 await scenario("wrong-password", 375, async (page) => {
   await page.goto(base);
   await page.getByLabel("Account").fill("bob");

@@ -1,4 +1,4 @@
-import { useEffect, useLayoutEffect, useMemo, useState } from "preact/hooks";
+import { useEffect, useLayoutEffect, useMemo, useRef, useState } from "preact/hooks";
 import { call } from "../api";
 import { errorText } from "../errors";
 import { formatSize, formatTime, fromLocalInput, toLocalInput } from "../format";
@@ -45,6 +45,7 @@ export function Browse({ q }: { q: Q }) {
   const [task, setTask] = useState<{ label: string; progress: Progress | null } | null>(null);
   const [message, setMessage] = useState("");
   const [reload, setReload] = useState(0);
+  const [loading, setLoading] = useState(false);
   const [patternInput, setPatternInput] = useState(q.pattern ?? "");
 
   useEffect(() => setPatternInput(q.pattern ?? ""), [q.pattern]);
@@ -53,6 +54,7 @@ export function Browse({ q }: { q: Q }) {
   useEffect(() => {
     let live = true;
     setError("");
+    setLoading(true);
     setSelected(new Set());
     const { offset, limit } = pageRequest(page, PAGE_SIZE);
     const params = target
@@ -76,10 +78,12 @@ export function Browse({ q }: { q: Q }) {
         if (!live) return;
         performance.mark("tp:list-answer");
         setList(a);
+        setLoading(false);
       })
       .catch((e) => {
         if (!live) return;
         setList(null);
+        setLoading(false);
         setError(errorText(e));
       });
     return () => {
@@ -273,7 +277,7 @@ export function Browse({ q }: { q: Q }) {
       )}
       {error && <p class="error" role="alert">{error}</p>}
 
-      <table class="nodes">
+      {!error && <table class="nodes" aria-busy={loading}>
         <caption class="visually-hidden">Contents, {total} items</caption>
         <thead>
           <tr>
@@ -296,7 +300,7 @@ export function Browse({ q }: { q: Q }) {
             <Row key={n.node_id} n={n} q={q} checked={selected.has(n.node_id)} onToggle={() => toggle(n.node_id)} />
           ))}
         </tbody>
-      </table>
+      </table>}
       {list && items.length === 0 && <p>This folder is empty{at ? " at that moment" : ""}.</p>}
       <Pager page={page} count={pageCount(total, PAGE_SIZE)} onPage={(p) => setQ({ page: p > 1 ? String(p) : "" })} />
 
@@ -341,14 +345,34 @@ function RestoreDialog(props: { what: string; onCancel: () => void; onStart: (co
   const [copyTo, setCopyTo] = useState("");
   const [override, setOverride] = useState(true);
   const [includeRemoved, setIncludeRemoved] = useState(false);
+  const form = useRef<HTMLFormElement>(null);
+  // Escape closes; Tab stays inside the dialog; focus goes back to the
+  // button that opened it.
   useEffect(() => {
-    const esc = (e: KeyboardEvent) => e.key === "Escape" && props.onCancel();
-    addEventListener("keydown", esc);
-    return () => removeEventListener("keydown", esc);
+    const opener = document.activeElement as HTMLElement | null;
+    const keys = (e: KeyboardEvent) => {
+      if (e.key === "Escape") props.onCancel();
+      if (e.key !== "Tab" || !form.current) return;
+      const all = [...form.current.querySelectorAll<HTMLElement>("input, button, select")].filter((el) => !el.hasAttribute("disabled"));
+      const first = all[0];
+      const last = all[all.length - 1];
+      if (e.shiftKey && document.activeElement === first) {
+        e.preventDefault();
+        last.focus();
+      } else if (!e.shiftKey && document.activeElement === last) {
+        e.preventDefault();
+        first.focus();
+      }
+    };
+    addEventListener("keydown", keys);
+    return () => {
+      removeEventListener("keydown", keys);
+      opener?.focus();
+    };
   }, []);
   return (
     <div class="dialog-backdrop">
-      <form class="dialog" role="dialog" aria-modal="true" aria-labelledby="restore-title"
+      <form ref={form} class="dialog" role="dialog" aria-modal="true" aria-labelledby="restore-title"
         onSubmit={(e) => { e.preventDefault(); props.onStart(mode === "copy" ? copyTo.trim() : "", override, includeRemoved); }}>
         <h2 id="restore-title">Restore {props.what}</h2>
         <fieldset>

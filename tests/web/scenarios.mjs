@@ -96,6 +96,17 @@ await scenario("download-folder-zip", 1280, async (page) => {
   await page.goto(base);
   await signIn(page, "alice", "alice-demo");
   await page.getByRole("link", { name: /My Tidepool/ }).click();
+  // A size bound narrows the folder, and back undoes it.
+  await row(page, "report.txt").waitFor();
+  await page.getByLabel("At most (KB)").fill("0.012");
+  await page.getByRole("button", { name: "Filter" }).click();
+  await page.waitForFunction(() => location.hash.includes("max=0.012"));
+  const shows = (name) => page.evaluate((n) => [...document.querySelectorAll("td.name a")].some((a) => a.textContent === n), name);
+  await page.waitForFunction(() => ![...document.querySelectorAll("td.name a")].some((a) => a.textContent === "notes.txt"));
+  assert.ok(await shows("report.txt"), "report.txt, of 10 bytes, stays");
+  await page.goBack();
+  await row(page, "notes.txt").first().waitFor();
+
   await row(page, "projects").getByRole("checkbox").check();
   const download = page.waitForEvent("download", { timeout: 30000 });
   await page.getByRole("button", { name: "Download" }).click();

@@ -47,8 +47,11 @@ export function Browse({ q }: { q: Q }) {
   const [reload, setReload] = useState(0);
   const [loading, setLoading] = useState(false);
   const [patternInput, setPatternInput] = useState(q.pattern ?? "");
+  const [bounds, setBounds] = useState({ after: q.after ?? "", before: q.before ?? "", min: q.min ?? "", max: q.max ?? "" });
 
   useEffect(() => setPatternInput(q.pattern ?? ""), [q.pattern]);
+  useEffect(() => setBounds({ after: q.after ?? "", before: q.before ?? "", min: q.min ?? "", max: q.max ?? "" }), [q.after, q.before, q.min, q.max]);
+  const bound = (key: keyof typeof bounds) => (e: Event) => setBounds({ ...bounds, [key]: (e.target as HTMLInputElement).value });
 
   // One `list` request per page shown.
   useEffect(() => {
@@ -71,6 +74,10 @@ export function Browse({ q }: { q: Q }) {
           pattern: q.pattern || undefined,
           list_file_type: q.type || undefined,
           ver_ctime_upper_bound: at ?? undefined,
+          ver_mtime_lower_bound: q.after ? Number(q.after) : undefined,
+          ver_mtime_upper_bound: q.before ? Number(q.before) : undefined,
+          ver_file_size_lower_bound: q.min ? kbToBytes(q.min) : undefined,
+          ver_file_size_upper_bound: q.max ? kbToBytes(q.max) : undefined,
         }
       : { offset, limit };
     call<ListAnswer>("KSTX.Tidepool.Node", "list", params)
@@ -89,7 +96,7 @@ export function Browse({ q }: { q: Q }) {
     return () => {
       live = false;
     };
-  }, [target, q.node, q.path, page, sort, dir, showRemoved, q.pattern, q.type, at, reload]);
+  }, [target, q.node, q.path, page, sort, dir, showRemoved, q.pattern, q.type, at, q.after, q.before, q.min, q.max, reload]);
 
   // Breadcrumbs from the parent chain; a folder the chain cannot reach (one
   // that is removed now) falls back on its path.
@@ -239,7 +246,7 @@ export function Browse({ q }: { q: Q }) {
         </p>
       )}
 
-      <form class="filters" role="search" onSubmit={(e) => { e.preventDefault(); setQ({ pattern: patternInput, page: "" }); }}>
+      <form class="filters" role="search" onSubmit={(e) => { e.preventDefault(); setQ({ pattern: patternInput, ...bounds, page: "" }); }}>
         <label>
           Name
           <input type="search" value={patternInput} placeholder="e.g. *.txt" onInput={(e) => setPatternInput((e.target as HTMLInputElement).value)} />
@@ -251,6 +258,24 @@ export function Browse({ q }: { q: Q }) {
             <option value="file">Files only</option>
             <option value="folder">Folders only</option>
           </select>
+        </label>
+        <label>
+          Modified after
+          <input type="datetime-local" value={bounds.after ? toLocalInput(Number(bounds.after)) : ""}
+            onChange={(e) => setBounds({ ...bounds, after: String(fromLocalInput((e.target as HTMLInputElement).value) ?? "") })} />
+        </label>
+        <label>
+          Modified before
+          <input type="datetime-local" value={bounds.before ? toLocalInput(Number(bounds.before)) : ""}
+            onChange={(e) => setBounds({ ...bounds, before: String(fromLocalInput((e.target as HTMLInputElement).value) ?? "") })} />
+        </label>
+        <label>
+          At least (KB)
+          <input type="number" min="0" step="any" inputMode="decimal" size={6} value={bounds.min} onInput={bound("min")} />
+        </label>
+        <label>
+          At most (KB)
+          <input type="number" min="0" step="any" inputMode="decimal" size={6} value={bounds.max} onInput={bound("max")} />
         </label>
         <label class="check">
           <input type="checkbox" checked={showRemoved} onChange={() => setQ({ removed: showRemoved ? "0" : "", page: "" })} />
@@ -309,6 +334,12 @@ export function Browse({ q }: { q: Q }) {
       )}
     </section>
   );
+}
+
+// Sizes are asked in KB; the server counts bytes.
+export function kbToBytes(kb: string): number | undefined {
+  const v = Number(kb);
+  return Number.isFinite(v) && v > 0 ? Math.round(v * 1024) : undefined;
 }
 
 function depth(path: string) {

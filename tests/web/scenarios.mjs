@@ -92,6 +92,20 @@ await scenario("restore-deleted-notes", 1280, async (page) => {
   }
 });
 
+await scenario("restore-removed-file-at-375", 375, async (page) => {
+  // Without time travel: a removed file comes back as its last version.
+  await page.goto(base);
+  await signIn(page, "alice", "alice-demo");
+  await page.getByRole("link", { name: /My Tidepool/ }).click();
+  const draft = row(page, "report-draft.txt");
+  await draft.getByText("removed").waitFor();
+  await draft.getByRole("checkbox").check();
+  await page.getByRole("button", { name: "Restore…" }).click();
+  await page.getByRole("dialog").getByRole("button", { name: "Restore" }).click();
+  await page.getByText("Restored report-draft.txt.").waitFor();
+  assert.equal(readFileSync(join(alicesHome, "report-draft.txt"), "utf8"), "Report v1\n");
+});
+
 await scenario("download-folder-zip", 1280, async (page) => {
   await page.goto(base);
   await signIn(page, "alice", "alice-demo");

@@ -2,7 +2,7 @@ import { useEffect, useLayoutEffect, useMemo, useRef, useState } from "preact/ho
 import { call } from "../api";
 import { errorText } from "../errors";
 import { formatSize, formatTime, fromLocalInput, toLocalInput } from "../format";
-import { ListAnswer, NodeRec, downloadName, isFolder, taskNode } from "../model";
+import { ListAnswer, NodeRec, TaskNode, downloadName, isFolder, taskNode } from "../model";
 import { pageCount, pageRequest } from "../paging";
 import { go, routeHash } from "../route";
 import { Progress, fraction, runDownload, runRestore } from "../tasks";
@@ -10,6 +10,9 @@ import { Pager } from "./Pager";
 import { TimeTravel } from "./TimeTravel";
 
 export const PAGE_SIZE = 200;
+
+// On a phone the filters start folded away, unless some are in use.
+const narrow = typeof matchMedia === "function" && matchMedia("(max-width: 640px)").matches;
 
 type Q = Record<string, string>;
 
@@ -167,14 +170,18 @@ export function Browse({ q }: { q: Q }) {
 
   const restore = async (copyTo: string, override: boolean, includeRemoved: boolean) => {
     setDialog(null);
-    const nodes = chosen.map((n) => taskNode(n, at));
     const what = describe(chosen);
     setMessage("");
     setTask({ label: `Restoring ${what}`, progress: null });
     try {
-      await runRestore({ target, nodes, copyTo: copyTo || undefined, override, includeRemoved }, (p) =>
+      const nodes = await Promise.all(chosen.map((n) => restorable(target, n, at)));
+      const done = await runRestore({ target, nodes, copyTo: copyTo || undefined, override, includeRemoved }, (p) =>
         setTask({ label: `Restoring ${what}`, progress: p }),
       );
+      if (done.total === 0) {
+        setMessage("Nothing was restored: what you chose was already removed at this moment. Use Time travel to go back to before it was removed.");
+        return;
+      }
       setMessage(`Restored ${what}${copyTo ? ` into ${copyTo}` : ""}.`);
       setReload((r) => r + 1);
       // The service versions what came back a moment later; look again then.
@@ -246,6 +253,8 @@ export function Browse({ q }: { q: Q }) {
         </p>
       )}
 
+      <details class="filterbox" open={!narrow || !!(q.pattern || q.type || q.after || q.before || q.min || q.max)}>
+      <summary>Filters</summary>
       <form class="filters" role="search" onSubmit={(e) => { e.preventDefault(); setQ({ pattern: patternInput, ...bounds, page: "" }); }}>
         <label>
           Name
@@ -283,6 +292,7 @@ export function Browse({ q }: { q: Q }) {
         </label>
         <button type="submit">Filter</button>
       </form>
+      </details>
 
       <div class="actions" role="toolbar" aria-label="Selection">
         <span aria-live="polite">{chosen.length ? `${chosen.length} selected` : "Nothing selected"}</span>
@@ -334,6 +344,20 @@ export function Browse({ q }: { q: Q }) {
       )}
     </section>
   );
+}
+
+// A file that is removed now is restored from its last version, not from
+// its removal, which would restore nothing.
+async function restorable(target: string, n: NodeRec, at: number | null): Promise<TaskNode> {
+  const t = taskNode(n, at);
+  if (!n.is_removed || isFolder(n) || at) return t;
+  const v = await call<{ items: { sync_id: number }[] }>("KSTX.Tidepool.Node", "list_version", {
+    target,
+    path: n.path,
+    node_id: n.node_id,
+  });
+  if (v.items.length) t.sync_id = String(v.items[0].sync_id);
+  return t;
 }
 
 // Sizes are asked in KB; the server counts bytes.

@@ -81,13 +81,19 @@ await scenario("restore-deleted-notes", 1280, async (page) => {
   assert.equal(readFileSync(join(alicesHome, "notes.txt"), "utf8"), "Shopping: milk\n");
   await page.getByRole("button", { name: "Back to now" }).click();
   await page.waitForFunction(() => !location.hash.includes("at="));
+  // A live notes.txt is listed (the removed node may stay beside it).
+  const live = () =>
+    [...document.querySelectorAll("table.nodes tbody tr")].some(
+      (tr) => tr.querySelector("td.name a")?.textContent === "notes.txt" && !tr.querySelector(".removed-tag"),
+    );
+  // Loaded afresh, so that no row of the moment before is still on screen.
   for (let tries = 0; ; tries++) {
+    await page.reload();
     try {
-      await notes.getByText("removed").waitFor({ state: "detached", timeout: 8000 });
+      await page.waitForFunction(live, null, { timeout: 8000 });
       break;
     } catch (e) {
       if (tries === 3) throw e;
-      await page.reload();
     }
   }
 });

@@ -45,7 +45,8 @@ export function Browse({ q }: { q: Q }) {
   const [crumbs, setCrumbs] = useState<Crumb[]>([]);
   const [selected, setSelected] = useState<Set<string>>(new Set());
   const [dialog, setDialog] = useState<"restore" | null>(null);
-  const [task, setTask] = useState<{ label: string; progress: Progress | null } | null>(null);
+  const [task, setTask] = useState<{ label: string; progress: Progress | null; cancel?: boolean } | null>(null);
+  const cancelRef = useRef(false);
   const [message, setMessage] = useState("");
   const [reload, setReload] = useState(0);
   const [loading, setLoading] = useState(false);
@@ -157,12 +158,13 @@ export function Browse({ q }: { q: Q }) {
   const download = async () => {
     const nodes = chosen.map((n) => taskNode(n, at));
     setMessage("");
-    setTask({ label: "Preparing the download", progress: null });
+    cancelRef.current = false;
+    setTask({ label: "Preparing the download", progress: null, cancel: true });
     try {
-      await runDownload(target, nodes, downloadName(chosen), showRemoved, (p) => setTask({ label: "Preparing the download", progress: p }), () => false);
+      await runDownload(target, nodes, downloadName(chosen), showRemoved, (p) => setTask({ label: "Preparing the download", progress: p, cancel: true }), () => cancelRef.current);
       setMessage(`The download of ${describe(chosen)} has started.`);
     } catch (e) {
-      setMessage(errorText(e));
+      setMessage(cancelRef.current ? "The download was cancelled." : errorText(e));
     } finally {
       setTask(null);
     }
@@ -307,7 +309,12 @@ export function Browse({ q }: { q: Q }) {
             {task.label}
             {task.progress && task.progress.total > 0 ? ` (${task.progress.current} of ${task.progress.total})` : "…"}
             <progress max={1} value={fraction(task.progress)} />
-          </label>
+          </label>{" "}
+          {task.cancel && (
+            <button type="button" onClick={() => (cancelRef.current = true)}>
+              Cancel
+            </button>
+          )}
         </div>
       )}
       {error && <p class="error" role="alert">{error}</p>}
@@ -402,9 +409,10 @@ function RestoreDialog(props: { what: string; onCancel: () => void; onStart: (co
   const [includeRemoved, setIncludeRemoved] = useState(false);
   const form = useRef<HTMLFormElement>(null);
   // Escape closes; Tab stays inside the dialog; focus goes back to the
-  // button that opened it.
-  useEffect(() => {
+  // button that opened it. Set up as the dialog appears, before any key.
+  useLayoutEffect(() => {
     const opener = document.activeElement as HTMLElement | null;
+    form.current?.querySelector<HTMLElement>("input")?.focus();
     const keys = (e: KeyboardEvent) => {
       if (e.key === "Escape") props.onCancel();
       if (e.key !== "Tab" || !form.current) return;
@@ -433,7 +441,7 @@ function RestoreDialog(props: { what: string; onCancel: () => void; onStart: (co
         <fieldset>
           <legend>Where</legend>
           <label class="check">
-            <input type="radio" name="where" checked={mode === "place"} onChange={() => setMode("place")} autoFocus />
+            <input type="radio" name="where" checked={mode === "place"} onChange={() => setMode("place")} />
             In place, where it was
           </label>
           <label class="check">

@@ -21,6 +21,9 @@ await build({
   outExtension: { ".js": ".mjs" },
   logLevel: "warning",
 });
+// The front-end's types are checked first: a type error fails the run.
+const tsc = spawnSync(process.execPath, [require.resolve("typescript/bin/tsc"), "--noEmit", "-p", join(here, "../../web")], { stdio: "inherit" });
+if (tsc.status !== 0) process.exit(tsc.status ?? 1);
 const files = tests.map((f) => join(out, f.replace(/\.ts$/, ".mjs")));
 const run = spawnSync(process.execPath, ["--test", ...files], { stdio: "inherit", env: { ...process.env, TZ: "UTC" } });
 process.exit(run.status ?? 1);

@@ -196,6 +196,12 @@ await scenario("session-ends-and-returns", 375, async (page, context) => {
   await page.getByRole("heading", { name: "Versions of plan.txt" }).waitFor();
   await page.locator("table.versions tbody tr").nth(2).waitFor();
   assert.equal(await page.locator("table.versions tbody tr").count(), 3, "plan.txt has three versions");
+  // From the oldest version to its folder as it stood then, and back.
+  await page.locator("table.versions tbody tr").nth(2).getByRole("link", { name: /The folder as it stood at/ }).click();
+  await page.getByText("Showing this folder as it stood at").waitFor();
+  await row(page, "plan.txt").getByText("18 B").waitFor(); // "Plan, first draft\n"
+  await page.goBack();
+  await page.getByRole("heading", { name: "Versions of plan.txt" }).waitFor();
   await page.goBack();
   await row(page, "drafts").waitFor();
 });

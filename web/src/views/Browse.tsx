@@ -384,7 +384,7 @@ function describe(nodes: NodeRec[]) {
 
 function Row({ n, q, checked, onToggle }: { n: NodeRec; q: Q; checked: boolean; onToggle: () => void }) {
   const folder = isFolder(n);
-  const versions = routeHash("versions", { target: q.target, node: n.node_id, path: n.path, name: n.name });
+  const versions = routeHash("versions", { target: q.target, node: n.node_id, path: n.path, name: n.name, folder: q.node });
   return (
     <tr class={n.is_removed ? "removed" : ""}>
       <td class="sel">

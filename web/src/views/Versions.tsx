@@ -111,6 +111,12 @@ export function Versions({ q }: { q: Record<string, string> }) {
                 <td>{formatSize(v.size)}</td>
                 <td>{v.version_updater || "–"}</td>
                 <td class="buttons">
+                  {q.folder && (
+                    <a href={routeHash("browse", { target: q.target, node: q.folder, path: folder, at: v.create_time })}
+                      aria-label={`The folder as it stood at ${formatTime(v.create_time)}`}>
+                      Folder then
+                    </a>
+                  )}
                   <button type="button" disabled={!!task} onClick={() => download(v)} aria-label={`Download the version of ${formatTime(v.modify_time)}`}>
                     Download
                   </button>

@@ -23,10 +23,12 @@ interface Session {
   token: string;
 }
 
+// Shared by the tabs of this origin, so that a folder opened in a new tab
+// needs no second sign-in; the cookie still decides whether the session lives.
 const SESSION_KEY = "tidepool.session";
 
 export function currentSession(): Session | null {
-  const raw = sessionStorage.getItem(SESSION_KEY);
+  const raw = localStorage.getItem(SESSION_KEY);
   if (!raw) return null;
   try {
     const s = JSON.parse(raw) as Session;
@@ -37,8 +39,8 @@ export function currentSession(): Session | null {
 }
 
 function saveSession(s: Session | null) {
-  if (s) sessionStorage.setItem(SESSION_KEY, JSON.stringify(s));
-  else sessionStorage.removeItem(SESSION_KEY);
+  if (s) localStorage.setItem(SESSION_KEY, JSON.stringify(s));
+  else localStorage.removeItem(SESSION_KEY);
 }
 
 // Called when the server says the session is gone, so the app can bring

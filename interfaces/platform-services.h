@@ -1,10 +1,11 @@
 // The appliance's users and shares as value objects, for privilege decisions
 // in requests. Backed by the host account directory's read-only look-ups:
 // no password hashing or Unicode case folding is loaded. The constructors'
-// bool selects a cached answer (true) or a fresh one (false); this host has
-// no cache, so both read the directory. Results: 0 found, negative when
-// there is no such user or share or the directory cannot be read; out
-// parameters are left untouched on failure.
+// bool selects the cached mode (true) or a fresh look-up (false). This host
+// has no cache daemon: a cached share look-up goes through one read-only
+// connection kept by the process, which still reads the newest state. Results: 0 found, negative
+// when there is no such user or share or the directory cannot be read; out parameters are left
+// untouched on failure.
 #pragma once
 
 #include <cstdint>

@@ -44,8 +44,14 @@ bool IsDomainHomeServiceEnabled();
 // Runs `api` `method` `version` with `params` in a child process, as the
 // appliance user `user` (no session needed), and gives the JSON envelope
 // the call answered in `response`. 0 when the call ran (whatever it
-// answered), negative when it could not be run at all.
+// answered), negative when it could not be run at all or answered no JSON
+// envelope. A call that has not answered within `timeout_ms` is killed with
+// every process it started and gives kRunnerTimedOut: no caller waits for a
+// module that never answers.
+inline constexpr int kRunnerTimedOut = -2;
+inline constexpr int kRunnerDefaultTimeoutMs = 300000;
 int WebApiRunnerExec(const std::string& api, const std::string& method, unsigned version,
-                     const Json::Value& params, Json::Value& response, const std::string& user);
+                     const Json::Value& params, Json::Value& response, const std::string& user,
+                     int timeout_ms = kRunnerDefaultTimeoutMs);
 
 }  // namespace SDK

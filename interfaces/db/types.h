@@ -150,6 +150,7 @@ struct SearchNodeFilter {
   bool recursive = false;
   std::list<std::string> exclude_extensions;
   bool for_listing = false;
+  bool encrypted_only = false;  // only nodes whose `encrypted` flag is set
 };
 
 }  // namespace db

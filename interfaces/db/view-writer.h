@@ -37,6 +37,23 @@ struct NewVersion {
   bool encrypted = false;
 };
 
+// A view's version rotation as the sync service applies it. `count` 0 or
+// less keeps any number of versions; `days` 0 keeps versions of any age.
+struct RotateSettings {
+  int count = 32;
+  std::string policy = "fifo";  // "fifo" or "smart"
+  int days = 0;
+  // Whether every history of the view was last trimmed to these values.
+  bool applied = false;
+};
+
+// A node whose history a rotation may shorten.
+struct HistoryNode {
+  uint64_t node_id = 0;
+  std::string path;
+  int32_t file_type = kFileTypeFile;
+};
+
 struct PurgedNode {
   uint64_t node_id = 0;
   std::string path;
@@ -59,6 +76,19 @@ class ViewWriter {
   // stays); fills the removed versions so the caller can release their
   // stored content.
   virtual int RotateVersions(uint64_t node_id, int keep, std::vector<Version>& removed) = 0;
+
+  // Rotation by policy. The settings as stored (defaults for a view that
+  // has none), with whether histories were trimmed to them.
+  virtual int GetRotateSettings(RotateSettings& out) = 0;
+  // Records that every history now follows `settings`.
+  virtual int MarkRotateSettingsApplied(const RotateSettings& settings) = 0;
+  // Nodes with more than `count` versions (count > 0), or with more than
+  // one version and one older than `older_than` (older_than > 0).
+  virtual int ListNodesToRotate(int count, uint32_t older_than, std::vector<HistoryNode>& out) = 0;
+  // Drops the versions `sync_ids` of a node; the newest version is never
+  // dropped (kErrInvalid, nothing changed). `removed` gets what went.
+  virtual int DropVersions(uint64_t node_id, const std::vector<uint64_t>& sync_ids,
+                           std::vector<Version>& removed) = 0;
 
   // Purging. Nodes go with every version, and the stored content that
   // their versions named is put in the view's release journal in the same

@@ -1,8 +1,8 @@
 // Read-only look-ups of the account directory for request paths. A request
 // is one short process: what it links and opens is paid on every call, so
 // this file stays clear of ICU, libsodium and the schema migrations, and
-// opens the file read-only, which in the directory's rollback-journal mode
-// creates no file.
+// reads through the process's one read-only connection, which in the
+// directory's rollback-journal mode creates no file.
 #include <SQLiteCpp/Database.h>
 #include <SQLiteCpp/Exception.h>
 #include <SQLiteCpp/Statement.h>
@@ -16,74 +16,78 @@
 namespace hostaccounts {
 namespace {
 
-constexpr const char* kColumns =
-    "SELECT uid, name, gid, home, disabled, expire_day, app_allowed FROM users ";
+// Names are unique by their folded key, which the key's index answers.
+constexpr const char* kUserByName =
+    "SELECT uid, name, gid, home, disabled, expire_day, app_allowed FROM users WHERE name_key = ?1";
+constexpr const char* kUserByUid =
+    "SELECT uid, name, gid, home, disabled, expire_day, app_allowed FROM users WHERE uid = ?1";
+constexpr const char* kStanding =
+    "SELECT u.name, u.disabled, u.expire_day, EXISTS (SELECT 1 FROM memberships m JOIN groups g "
+    "ON g.gid = m.gid WHERE m.uid = u.uid AND g.name_key = ?2) FROM users u WHERE u.uid = ?1";
 
-template <typename Bind>
-int QueryUser(const char* where, Bind bind, User& out) {
-  RootScope root;
-  try {
-    SQLite::Database db(kDefaultPath, SQLite::OPEN_READONLY, kReadBusyTimeoutMs);
-    SQLite::Statement query(db, std::string(kColumns) + where);
+// One read of the kept connection, reset afterwards so that no read lock
+// outlives the look-up: a request looks the same accounts up several times,
+// and opening the file (and parsing its schema) each time cost more than
+// the query.
+template <typename Bind, typename Read>
+int CachedQuery(const char* sql, Bind bind, Read read) {
+  return WithCachedDirectory([&](SQLite::Database&) -> int {
+    SQLite::Statement& query = CachedStatement(sql);
     bind(query);
-    if (!query.executeStep()) return kErrNotFound;
-    const int64_t uid = query.getColumn(0).getInt64();
-    const int64_t gid = query.getColumn(2).getInt64();
-    // Stored rows are checked before use, like any other input.
-    if (uid < 0 || uid > UINT32_MAX || gid < 0 || gid > UINT32_MAX) return kErrStorage;
-    out.uid = static_cast<uint32_t>(uid);
-    out.name = query.getColumn(1).getString();
-    out.gid = static_cast<uint32_t>(gid);
-    out.home = query.getColumn(3).getString();
-    out.disabled = query.getColumn(4).getInt() != 0;
-    out.expire_day = query.getColumn(5).getInt64();
-    out.app_allowed = query.getColumn(6).getInt() != 0;
-    return 0;
-  } catch (const SQLite::Exception&) {
-    return kErrStorage;
-  }
+    const int rc = query.executeStep() ? read(query) : kErrNotFound;
+    query.reset();
+    return rc;
+  });
+}
+
+int ReadUser(SQLite::Statement& query, User& out) {
+  const int64_t uid = query.getColumn(0).getInt64();
+  const int64_t gid = query.getColumn(2).getInt64();
+  // Stored rows are checked before use, like any other input.
+  if (uid < 0 || uid > UINT32_MAX || gid < 0 || gid > UINT32_MAX) return kErrStorage;
+  out.uid = static_cast<uint32_t>(uid);
+  out.name = query.getColumn(1).getString();
+  out.gid = static_cast<uint32_t>(gid);
+  out.home = query.getColumn(3).getString();
+  out.disabled = query.getColumn(4).getInt() != 0;
+  out.expire_day = query.getColumn(5).getInt64();
+  out.app_allowed = query.getColumn(6).getInt() != 0;
+  return 0;
 }
 
 }  // namespace
 
 int LookUpUser(const std::string& name, User& out) {
   if (name.empty()) return kErrNotFound;
-  return QueryUser(
-      "WHERE name = ?1 OR name_key = ?2 LIMIT 1",
-      [&](SQLite::Statement& q) {
-        q.bind(1, name);
-        q.bind(2, AsciiLower(name));
-      },
-      out);
+  return CachedQuery(
+      kUserByName, [&](SQLite::Statement& q) { q.bind(1, AsciiLower(name)); },
+      [&](SQLite::Statement& q) { return ReadUser(q, out); });
 }
 
 int LookUpUserByUid(uint32_t uid, User& out) {
-  return QueryUser(
-      "WHERE uid = ?1", [&](SQLite::Statement& q) { q.bind(1, static_cast<int64_t>(uid)); }, out);
+  return CachedQuery(
+      kUserByUid, [&](SQLite::Statement& q) { q.bind(1, static_cast<int64_t>(uid)); },
+      [&](SQLite::Statement& q) { return ReadUser(q, out); });
 }
 
 int LookUpStanding(uint32_t uid, AccountStanding& out) {
-  RootScope root;
-  try {
-    SQLite::Database db(kDefaultPath, SQLite::OPEN_READONLY, kReadBusyTimeoutMs);
-    SQLite::Statement query(db,
-                            "SELECT u.name, u.disabled, u.expire_day, EXISTS (SELECT 1 FROM "
-                            "memberships m JOIN groups g ON g.gid = m.gid WHERE m.uid = u.uid "
-                            "AND g.name_key = ?2) FROM users u WHERE u.uid = ?1");
-    query.bind(1, static_cast<int64_t>(uid));
-    query.bind(2, kAdministratorsGroup);
-    if (!query.executeStep()) return kErrNotFound;
-    AccountStanding standing;
-    standing.name = query.getColumn(0).getString();
-    standing.disabled = query.getColumn(1).getInt() != 0;
-    const int64_t expire_day = query.getColumn(2).getInt64();
-    standing.expired = expire_day != 0 && static_cast<int64_t>(time(nullptr)) / 86400 > expire_day;
-    standing.is_admin = query.getColumn(3).getInt() != 0;
-    out = std::move(standing);
-    return 0;
-  } catch (const SQLite::Exception&) {
-    return kErrStorage;
-  }
+  return CachedQuery(
+      kStanding,
+      [&](SQLite::Statement& q) {
+        q.bind(1, static_cast<int64_t>(uid));
+        q.bind(2, kAdministratorsGroup);
+      },
+      [&](SQLite::Statement& q) {
+        AccountStanding standing;
+        standing.name = q.getColumn(0).getString();
+        standing.disabled = q.getColumn(1).getInt() != 0;
+        const int64_t expire_day = q.getColumn(2).getInt64();
+        standing.expired =
+            expire_day != 0 && static_cast<int64_t>(time(nullptr)) / 86400 > expire_day;
+        standing.is_admin = q.getColumn(3).getInt() != 0;
+        out = std::move(standing);
+        return 0;
+      });
 }
 
 }  // namespace hostaccounts

@@ -100,10 +100,13 @@ int UserService::GetUserById(uint32_t uid, User& out) const {
 
 int ShareService::GetShare(const std::string& name, Share& out) const {
   if (name.empty()) return hostaccounts::kErrNotFound;
-  return WithDirectory([&](SQLite::Database& db) {
-    SQLite::Statement query(db,
-                            "SELECT name, name_key, path, active, mounted, encrypted FROM shares"
-                            " WHERE name = ?1 OR name_key = ?2 LIMIT 1");
+  // The key is the table's index; the name as stored is looked at only when
+  // the key finds nothing (LIMIT stops the second arm before it runs).
+  static constexpr const char* kSql =
+      "SELECT name, name_key, path, active, mounted, encrypted FROM shares WHERE name_key = ?2"
+      " UNION ALL SELECT name, name_key, path, active, mounted, encrypted FROM shares"
+      " WHERE name = ?1 LIMIT 1";
+  auto lookup = [&](SQLite::Statement& query) {
     query.bind(1, name);
     query.bind(2, AsciiLower(name));
     if (!query.executeStep()) return static_cast<int>(hostaccounts::kErrNotFound);
@@ -114,6 +117,20 @@ int ShareService::GetShare(const std::string& name, Share& out) const {
     out.mounted_ = query.getColumn(4).getInt() != 0;
     out.encrypted_ = query.getColumn(5).getInt() != 0;
     return 0;
+  };
+  if (cached_) {
+    return hostaccounts::WithCachedDirectory([&](SQLite::Database&) {
+      SQLite::Statement& query = hostaccounts::CachedStatement(kSql);
+      const int rc = lookup(query);
+      // A statement left on its row keeps the file's read lock, which
+      // would shut writers out until the next look-up.
+      query.reset();
+      return rc;
+    });
+  }
+  return WithDirectory([&](SQLite::Database& db) {
+    SQLite::Statement query(db, kSql);
+    return lookup(query);
   });
 }
 

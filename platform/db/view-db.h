@@ -68,6 +68,11 @@ class ViewDB final : public ViewManager, public ViewWriter {
   int MoveNode(uint64_t node_id, const std::string& new_path, uint32_t ctime,
                const std::string& client_id) override;
   int RotateVersions(uint64_t node_id, int keep, std::vector<Version>& removed) override;
+  int GetRotateSettings(RotateSettings& out) override;
+  int MarkRotateSettingsApplied(const RotateSettings& settings) override;
+  int ListNodesToRotate(int count, uint32_t older_than, std::vector<HistoryNode>& out) override;
+  int DropVersions(uint64_t node_id, const std::vector<uint64_t>& sync_ids,
+                   std::vector<Version>& removed) override;
   int PurgeNode(uint64_t node_id, std::vector<PurgedNode>& purged) override;
   int PurgeRemoved(std::vector<PurgedNode>& purged) override;
   int PendingRelease(std::map<std::string, std::vector<uint64_t>>& out) override;

@@ -319,6 +319,7 @@ int ViewDB::RunSearch(const SearchNodeFilter& f, bool count_only, std::vector<No
   }
   values.emplace_back(p);
   if (f.removed_mode != 3) sql += " AND s.removed = 0";
+  if (f.encrypted_only) sql += " AND s.encrypted = 1";
   if (f.file_type == kFileTypeDir) {
     sql += " AND s.file_type = 1";
   } else if (f.file_type == 0) {
@@ -551,6 +552,63 @@ int ViewDB::SetRotateDays(int days) {
 int ViewDB::SetRotatePolicy(const std::string& policy) {
   return Guard("set rotate policy", [&]() -> int {
     SetMeta(*db_, "rotate_policy", policy);
+    return static_cast<int>(kOk);
+  });
+}
+
+namespace {
+
+// The text of a rotation, as stored once its histories follow it.
+std::string RotateStamp(const RotateSettings& s) {
+  return std::to_string(s.count) + "/" + s.policy + "/" + std::to_string(s.days);
+}
+
+bool ParseInt(const std::string& text, int& out) {
+  char* end = nullptr;
+  const long v = std::strtol(text.c_str(), &end, 10);
+  if (text.empty() || *end != '\0' || v < INT32_MIN || v > INT32_MAX) return false;
+  out = static_cast<int>(v);
+  return true;
+}
+
+}  // namespace
+
+int ViewDB::GetRotateSettings(RotateSettings& out) {
+  return Guard("rotate settings", [&]() -> int {
+    RotateSettings s;
+    if (!ParseInt(GetMeta(*db_, "rotate_count", "32"), s.count) ||
+        !ParseInt(GetMeta(*db_, "rotate_days", "0"), s.days))
+      return static_cast<int>(kErrCorrupt);
+    s.policy = GetMeta(*db_, "rotate_policy", "fifo");
+    s.applied = GetMeta(*db_, "rotate_applied") == RotateStamp(s);
+    out = std::move(s);
+    return static_cast<int>(kOk);
+  });
+}
+
+int ViewDB::MarkRotateSettingsApplied(const RotateSettings& settings) {
+  return Guard("mark rotation applied", [&]() -> int {
+    SetMeta(*db_, "rotate_applied", RotateStamp(settings));
+    return static_cast<int>(kOk);
+  });
+}
+
+int ViewDB::ListNodesToRotate(int count, uint32_t older_than, std::vector<HistoryNode>& out) {
+  out.clear();
+  if (count <= 0 && older_than == 0) return static_cast<int>(kOk);
+  return Guard("nodes to rotate", [&]() -> int {
+    SQLite::Statement q(*db_,
+                        "SELECT node_id, path, file_type FROM nodes WHERE (?1 > 0 AND ver_cnt > "
+                        "?1) OR (?2 > 0 AND ver_cnt > 1 AND (SELECT min(ctime) FROM versions v "
+                        "WHERE v.node_id = nodes.node_id) < ?2) ORDER BY path");
+    q.bind(1, count);
+    q.bind(2, static_cast<int64_t>(older_than));
+    while (q.executeStep()) {
+      const int64_t id = q.getColumn(0).getInt64();
+      if (id <= 0) return static_cast<int>(kErrCorrupt);
+      out.push_back(HistoryNode{static_cast<uint64_t>(id), q.getColumn(1).getString(),
+                                q.getColumn(2).getInt()});
+    }
     return static_cast<int>(kOk);
   });
 }

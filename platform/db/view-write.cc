@@ -5,6 +5,7 @@
 #include <climits>
 #include <filesystem>
 #include <random>
+#include <set>
 
 #include "db/errors.h"
 #include "natural-sort.h"
@@ -135,8 +136,16 @@ CREATE INDEX versions_by_file ON versions(file_id) WHERE file_id != 0;
 CREATE INDEX versions_by_mac ON versions(mac_attr_file_id) WHERE mac_attr_file_id != 0;
 )sql";
 
+// `encrypted` once copied the sealing of an encrypted share onto every
+// version; it now says that an office document is password-protected,
+// which versions recorded before could not tell.
+constexpr const char* kSchema3 = R"sql(
+UPDATE versions SET encrypted = 0 WHERE encrypted != 0;
+UPDATE nodes SET encrypted = 0 WHERE encrypted != 0;
+)sql";
+
 const std::vector<const char*>& ViewMigrations() {
-  static const std::vector<const char*> list = {kSchema1, kSchema2};
+  static const std::vector<const char*> list = {kSchema1, kSchema2, kSchema3};
   return list;
 }
 
@@ -475,6 +484,39 @@ int ViewDB::RotateVersions(uint64_t node_id, int keep, std::vector<Version>& rem
   });
   if (rc < 0) return rc;
   removed.assign(all.begin(), all.end() - static_cast<std::ptrdiff_t>(kept));
+  return static_cast<int>(removed.size());
+}
+
+int ViewDB::DropVersions(uint64_t node_id, const std::vector<uint64_t>& sync_ids,
+                         std::vector<Version>& removed) {
+  removed.clear();
+  if (sync_ids.empty()) return 0;
+  std::vector<Version> all;
+  int rc = ListVersion(node_id, all, kListVersionAll);
+  if (rc < 0) return rc;
+  if (all.empty()) return kErrNotFound;
+  std::set<uint64_t> wanted(sync_ids.begin(), sync_ids.end());
+  // The newest version is the node's present state.
+  if (wanted.count(all.back().getSyncId()) != 0) return kErrInvalid;
+  std::vector<Version> going;
+  for (const Version& v : all)
+    if (wanted.count(v.getSyncId()) != 0) going.push_back(v);
+  if (going.empty()) return 0;
+  rc = Atomically(*db_, "drop versions", [&]() -> int {
+    SQLite::Statement del(*db_, "DELETE FROM versions WHERE sync_id = ? AND node_id = ?");
+    for (const Version& v : going) {
+      del.reset();
+      del.bind(1, static_cast<int64_t>(v.getSyncId()));
+      del.bind(2, static_cast<int64_t>(node_id));
+      del.exec();
+    }
+    SQLite::Statement refresh(*db_, kRefreshNode);
+    refresh.bind(1, static_cast<int64_t>(node_id));
+    refresh.exec();
+    return static_cast<int>(kOk);
+  });
+  if (rc < 0) return rc;
+  removed = std::move(going);
   return static_cast<int>(removed.size());
 }
 

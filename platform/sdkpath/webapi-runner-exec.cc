@@ -11,11 +11,15 @@
 #include <grp.h>
 #include <json/reader.h>
 #include <json/writer.h>
+#include <poll.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
@@ -27,37 +31,76 @@ namespace {
 constexpr const char* kRunnerPath = "/usr/kstx/webapi/kstx-webapi-runner";
 constexpr size_t kMaxAnswer = 64 * 1024 * 1024;
 
-int WriteAll(int fd, const std::string& data) {
-  size_t done = 0;
-  while (done < data.size()) {
-    // A socket rather than a pipe: a runner that exits early gives EPIPE
-    // here, not a SIGPIPE that would end the caller.
-    const ssize_t n = send(fd, data.data() + done, data.size() - done, MSG_NOSIGNAL);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return -1;
-    }
-    done += static_cast<size_t>(n);
-  }
-  return 0;
+using Clock = std::chrono::steady_clock;
+
+int MillisLeft(Clock::time_point deadline) {
+  const auto left =
+      std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+  return left <= 0 ? 0 : static_cast<int>(std::min<long long>(left, 1000));
 }
 
-int ReadAll(int fd, std::string& out) {
+// Sends `input` to the runner and reads its answer until it closes its
+// output, both before `deadline`. The input side is closed once sent, so
+// that the runner sees its end. 0, -1 on an I/O error or an oversized
+// answer, SDK::kRunnerTimedOut.
+int Exchange(int& in_fd, int out_fd, const std::string& input, std::string& answer,
+             Clock::time_point deadline) {
+  (void)fcntl(in_fd, F_SETFL, O_NONBLOCK);
+  (void)fcntl(out_fd, F_SETFL, O_NONBLOCK);
+  size_t sent = 0;
+  int rc = 0;
   char buf[65536];
   for (;;) {
-    const ssize_t n = read(fd, buf, sizeof buf);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return -1;
+    if (in_fd >= 0 && sent == input.size()) {
+      close(in_fd);
+      in_fd = -1;
     }
-    if (n == 0) return 0;
-    if (out.size() + static_cast<size_t>(n) > kMaxAnswer) return -1;
-    out.append(buf, static_cast<size_t>(n));
+    pollfd fds[2] = {{out_fd, POLLIN, 0}, {in_fd, POLLOUT, 0}};
+    const int wait_ms = MillisLeft(deadline);
+    if (wait_ms == 0) return SDK::kRunnerTimedOut;
+    const int ready = poll(fds, in_fd >= 0 ? 2 : 1, wait_ms);
+    if (ready < 0 && errno != EINTR) return -1;
+    if (ready <= 0) continue;
+    if (in_fd >= 0 && (fds[1].revents & (POLLOUT | POLLERR | POLLHUP)) != 0) {
+      // A socket rather than a pipe: a runner that exits early gives EPIPE
+      // here, not a SIGPIPE that would end the caller.
+      const ssize_t n = send(in_fd, input.data() + sent, input.size() - sent, MSG_NOSIGNAL);
+      if (n >= 0) {
+        sent += static_cast<size_t>(n);
+      } else if (errno != EAGAIN && errno != EINTR) {
+        rc = -1;  // its answer may still tell why
+        sent = input.size();
+      }
+    }
+    if ((fds[0].revents & (POLLIN | POLLERR | POLLHUP)) != 0) {
+      const ssize_t n = read(out_fd, buf, sizeof buf);
+      if (n == 0) return rc;
+      if (n < 0 && errno != EAGAIN && errno != EINTR) return -1;
+      if (n > 0) {
+        if (answer.size() + static_cast<size_t>(n) > kMaxAnswer) return -1;
+        answer.append(buf, static_cast<size_t>(n));
+      }
+    }
+  }
+}
+
+// Collects the runner, waiting no longer than `deadline`; 0 with `status`,
+// -1 with errno, or SDK::kRunnerTimedOut.
+int Reap(pid_t pid, int& status, Clock::time_point deadline) {
+  for (;;) {
+    const pid_t waited = waitpid(pid, &status, WNOHANG);
+    if (waited == pid) return 0;
+    if (waited < 0 && errno != EINTR) return -1;
+    if (MillisLeft(deadline) == 0) return SDK::kRunnerTimedOut;
+    usleep(2000);
   }
 }
 
 // Runs in the forked child: only async-signal-safe calls.
 [[noreturn]] void ExecRunner(int in_fd, int out_fd, char* const argv[], char* const envp[]) {
+  // A group of its own, so that a call past its time is ended together
+  // with whatever it started.
+  (void)setpgid(0, 0);
   if (dup2(in_fd, STDIN_FILENO) < 0 || dup2(out_fd, STDOUT_FILENO) < 0) _exit(126);
   // Root again before exec: the runner needs the account directory and then
   // chooses its own identity. Where the caller holds no root at all this
@@ -75,8 +118,10 @@ int ReadAll(int fd, std::string& out) {
 namespace SDK {
 
 int WebApiRunnerExec(const std::string& api, const std::string& method, unsigned version,
-                     const Json::Value& params, Json::Value& response, const std::string& user) {
+                     const Json::Value& params, Json::Value& response, const std::string& user,
+                     int timeout_ms) {
   if (api.empty() || method.empty() || user.empty()) return -1;
+  const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
   Json::StreamWriterBuilder writer;
   writer["indentation"] = "";
   const std::string input =
@@ -107,24 +152,25 @@ int WebApiRunnerExec(const std::string& api, const std::string& method, unsigned
     close(out[0]);
     return -1;
   }
-  // The runner reads all its input before it answers, so writing first
-  // cannot block both sides.
-  const int sent = WriteAll(in[0], input);
-  close(in[0]);
+  (void)setpgid(pid, pid);  // either side may win; both ask the same
   std::string answer;
-  const int got = ReadAll(out[0], answer);
+  int rc = Exchange(in[0], out[0], input, answer, deadline);
+  if (in[0] >= 0) close(in[0]);
   close(out[0]);
   int status = 0;
-  pid_t waited;
-  do {
-    waited = waitpid(pid, &status, 0);
-  } while (waited < 0 && errno == EINTR);
-  const int wait_error = waited < 0 ? errno : 0;
+  const int reaped = rc == kRunnerTimedOut ? kRunnerTimedOut : Reap(pid, status, deadline);
+  if (reaped == kRunnerTimedOut) {
+    kill(-pid, SIGKILL);
+    kill(pid, SIGKILL);
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    return kRunnerTimedOut;
+  }
   // A caller that ignores SIGCHLD cannot collect the status (ECHILD); the
   // answer then speaks for itself.
-  const bool reaped = waited == pid;
-  if (reaped && (!WIFEXITED(status) || WEXITSTATUS(status) != 0)) return -1;
-  if (sent < 0 || got < 0 || (!reaped && wait_error != ECHILD)) return -1;
+  if (reaped < 0 && errno != ECHILD) return -1;
+  if (reaped == 0 && (!WIFEXITED(status) || WEXITSTATUS(status) != 0)) return -1;
+  if (rc < 0) return -1;
 
   Json::CharReaderBuilder reader;
   Json::Value envelope;

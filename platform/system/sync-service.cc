@@ -142,8 +142,14 @@ bool ServiceSupportAppPrivilege() { return true; }
 bool ServiceSupportMovingRepository() { return true; }
 bool ServiceSupportSharing() { return true; }
 
-// Only local homes: this host has no LDAP or domain directory service.
-bool ServiceIsHomeServiceEnabled(int user_type) { return user_type == 0; }
+// Only local homes: this host has no LDAP or domain directory service. The
+// administrator turns the home service off with local_home_service="no".
+bool ServiceIsHomeServiceEnabled(int user_type) {
+  if (user_type != 0) return false;
+  std::map<std::string, std::string> values;
+  return !tpsys::ReadKeyValues(SyncConfigMgr::kPath, values) ||
+         values["local_home_service"] != "no";
+}
 
 int KSTXTidepoolGetNSPath(const std::string& name, std::string& path) {
   path.clear();

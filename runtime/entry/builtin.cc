@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "login-plugin.h"
+#include "module-dispatch.h"
 #include "privilege.h"
 #include "session.h"
 
@@ -115,7 +116,7 @@ void Query(KSTX::APIRequest& request, KSTX::APIResponse& response) {
     BuiltinVersions(api, low, high);
     all[api] = ApiInfo(low, high);
   }
-  for (const ApiIndexEntry& e : ReadModuleIndex()) {
+  for (const ApiIndexEntry& e : ModuleIndex()) {
     if (!all.isMember(e.api)) all[e.api] = ApiInfo(e.min_version, e.max_version);
   }
   if (query.Get() == "all") return response.SetSuccess(all);

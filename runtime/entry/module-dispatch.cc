@@ -3,6 +3,7 @@
 #include <dlfcn.h>
 
 #include <cstdio>
+#include <map>
 #include <string>
 
 #include "builtin.h"
@@ -24,12 +25,51 @@ const Row* FindRow(const Row* rows, const std::string& api, const std::string& m
   return any;
 }
 
+struct Preloaded {
+  bool done = false;
+  std::vector<ApiIndexEntry> index;
+  std::map<std::string, void*> modules;  // by path
+};
+
+Preloaded& preloaded() {
+  static Preloaded instance;
+  return instance;
+}
+
 }  // namespace
+
+void PreloadModules() {
+  Preloaded& p = preloaded();
+  p.index = ReadModuleIndex();
+  for (const ApiIndexEntry& entry : p.index) {
+    if (p.modules.count(entry.module_path) != 0) continue;
+    void* module = dlopen(entry.module_path.c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (module == nullptr) {
+      std::fprintf(stderr, "cannot preload: %s\n", dlerror());
+      continue;
+    }
+    p.modules[entry.module_path] = module;
+  }
+  p.done = true;
+}
+
+const std::vector<ApiIndexEntry>& ModuleIndex() {
+  Preloaded& p = preloaded();
+  if (!p.done) {
+    static std::vector<ApiIndexEntry> read;
+    read = ReadModuleIndex();
+    return read;
+  }
+  return p.index;
+}
 
 void ServeModule(const ApiIndexEntry& entry, KSTX::APIRequest& request, KSTX::APIResponse& response,
                  const char* program) {
   // Lazy binding: a module is large and a request runs few of its functions.
-  void* module = dlopen(entry.module_path.c_str(), RTLD_LAZY | RTLD_LOCAL);
+  const auto found = preloaded().modules.find(entry.module_path);
+  void* module = found != preloaded().modules.end()
+                     ? found->second
+                     : dlopen(entry.module_path.c_str(), RTLD_LAZY | RTLD_LOCAL);
   if (module == nullptr) {
     std::fprintf(stderr, "%s: %s\n", program, dlerror());
     return SetRuntimeError(response, kErrUnexpected);

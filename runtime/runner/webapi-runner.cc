@@ -7,6 +7,7 @@
 //  1. refuse unless real and effective uid are root;
 //  2. read the parameters (a JSON object) and look the user up in the
 //     account directory (administrators: members of "administrators");
+//     "root" is the system itself, uid 0 and an administrator;
 //  3. lower the effective ids to the service account, as entry.cgi does, so
 //     that the module runs under the identity it always runs under;
 //  4. find the API in the module index, load its module, run the method's
@@ -39,6 +40,7 @@ namespace kstxentry {
 namespace {
 
 constexpr size_t kMaxParams = 16 * 1024 * 1024;
+constexpr const char* kRootUser = "root";
 
 int Usage() {
   std::fprintf(stderr, "usage: kstx-webapi-runner --user NAME API METHOD VERSION < params\n");
@@ -116,16 +118,23 @@ int Run(int argc, char** argv) {
     PrintEnvelope(response);
     return 0;
   }
-  hostaccounts::User user;
-  auto accounts = hostaccounts::HostAccounts::Open();
-  if (accounts == nullptr || accounts->GetUser(argv[2], user) < 0) {
-    std::fprintf(stderr, "kstx-webapi-runner: no such user: %s\n", argv[2]);
-    return 3;
+  if (std::strcmp(argv[2], kRootUser) == 0) {
+    // The system itself, which the account directory does not list: calls
+    // the engine makes on its own behalf (an office export) run so.
+    ctx.login_user = kRootUser;
+    ctx.login_uid = 0;
+    ctx.is_admin = true;
+  } else {
+    hostaccounts::User user;
+    auto accounts = hostaccounts::HostAccounts::Open();
+    if (accounts == nullptr || accounts->GetUser(argv[2], user) < 0) {
+      std::fprintf(stderr, "kstx-webapi-runner: no such user: %s\n", argv[2]);
+      return 3;
+    }
+    ctx.login_user = user.name;
+    ctx.login_uid = user.uid;
+    ctx.is_admin = accounts->IsAdmin(user.name);
   }
-  ctx.login_user = user.name;
-  ctx.login_uid = user.uid;
-  ctx.is_admin = accounts->IsAdmin(user.name);
-  accounts.reset();
   // Only root can start the runner, for a request it already decided on: a
   // trusted internal call, which no other site can have forged.
   ctx.is_post = true;

@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
-# The demo inside its sandbox: seed (once), start the sync service and
-# lighttpd, wait for SIGINT or SIGTERM, stop both.
+# The demo inside its sandbox: seed (once), start the sync service,
+# tidepool-webapi and lighttpd, wait for SIGINT or SIGTERM, stop them all.
+# tidepool-webapi is started again when it dies (lighttpd answers 503 in
+# between); WEBAPI_PATH=cgi runs entry.cgi for each request instead.
 set -euo pipefail
 port=$1
 here=$(cd "$(dirname "$0")" && pwd)
@@ -24,11 +26,17 @@ lighttpd_start "$port" || { stop; exit 1; }
 echo "Tidepool is ready at http://127.0.0.1:$port/"
 echo "Demo accounts (for the demo only): admin / admin-demo, alice / alice-demo, bob / bob-demo"
 while [ "$stopping" = 0 ]; do
-  wait "$LIGHTTPD_PID" 2>/dev/null || true
+  wait -n "$LIGHTTPD_PID" ${WEBAPI_PID:-} 2>/dev/null || true
+  [ "$stopping" = 0 ] || break
   # lighttpd ended by itself: stop the rest and report it.
-  if [ "$stopping" = 0 ] && ! kill -0 "$LIGHTTPD_PID" 2>/dev/null; then
+  if ! kill -0 "$LIGHTTPD_PID" 2>/dev/null; then
     echo "lighttpd stopped unexpectedly" >&2
     stop
     exit 1
+  fi
+  if [ -n "${WEBAPI_PID:-}" ] && ! kill -0 "$WEBAPI_PID" 2>/dev/null; then
+    echo "tidepool-webapi stopped unexpectedly; starting it again" >&2
+    sleep 1  # a server that cannot start is not restarted in a tight loop
+    webapi_start || true
   fi
 done

@@ -2,6 +2,10 @@
 // versions or checks the repository.
 // User and share changes are written to the user database directly, so they
 // work whether or not the daemon runs.
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -70,6 +74,29 @@ bool Report(const driftway::OpResult& result, const char* done, const std::strin
   return true;
 }
 
+// tidepool-webapi, where it serves the web API, starts again and takes up the
+// new build of the modules; a CGI-only setup has nothing to restart. The pid
+// is believed only from root's folder, and only for that program.
+void RestartWebApi() {
+  constexpr const char* kFolder = "/tmp/tidepool-webapi";
+  struct stat st {};
+  if (lstat(kFolder, &st) != 0 || !S_ISDIR(st.st_mode) || st.st_uid != 0) return;
+  FILE* f = fopen((std::string(kFolder) + "/webapi.pid").c_str(), "re");
+  if (f == nullptr) return;
+  int pid = 0;
+  const bool read = fscanf(f, "%d", &pid) == 1;
+  fclose(f);
+  if (!read || pid <= 1) return;
+  char exe[4096];
+  const ssize_t n =
+      readlink(("/proc/" + std::to_string(pid) + "/exe").c_str(), exe, sizeof exe - 1);
+  if (n <= 0 ||
+      std::string(exe, static_cast<size_t>(n)).find("/tidepool-webapi") == std::string::npos) {
+    return;
+  }
+  if (kill(pid, SIGHUP) == 0) printf("restarted tidepool-webapi\n");
+}
+
 int ServiceCommand(const std::vector<std::string>& args) {
   if (args.size() != 1) return Usage();
   const std::string& action = args[0];
@@ -77,6 +104,7 @@ int ServiceCommand(const std::vector<std::string>& args) {
   if (action == "--stop") return driftway::StopDaemon();
   if (action == "--status") return driftway::PrintStatus();
   if (action == "--restart") {
+    RestartWebApi();
     const int rc = driftway::StopDaemon();
     return rc != 0 ? rc : driftway::StartDaemon();
   }

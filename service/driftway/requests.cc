@@ -153,6 +153,13 @@ Json::Value HandleDisableShare(const Json::Value& request) {
   return FromResult(result);
 }
 
+// Profiles changed: an encrypted share's profile (its key) is read by every
+// pass, so the daemon has only to look at its views again.
+Json::Value HandleReloadProfile(const Json::Value&) {
+  NotifyViewChange(OpResult{});
+  return Success();
+}
+
 // Folders made through the web API inside synced folders, marked for the
 // daemon's next pass over their owners' trees.
 std::set<std::string>& PendingFolders() {
@@ -196,6 +203,7 @@ const std::map<std::string_view, RequestHandler>& Handlers() {
       {"enable_share", HandleEnableShare},
       {"disable_share", HandleDisableShare},
       {"folder_created", HandleFolderCreated},
+      {"reload_profile", HandleReloadProfile},
   };
   return table;
 }

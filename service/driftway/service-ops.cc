@@ -66,8 +66,12 @@ OpResult EnableUser(const SyncConfigMgr& config, const std::string& name, uint32
                               UserHomeRoot(config, user.name)) < 0)
     return Failed(kErrFailed, "cannot enable user " + name);
   UserInfo info;
+  // A home follows the rotation of all homes, once one was set.
+  Rotation homes;
+  const bool homes_set =
+      UserManager::QueryRotateSettingTable(0, homes.count, homes.policy, homes.days) > 0;
   if (UserManager::GetUser(user.name, info, UserManager::kQueryStored) <= 0 ||
-      !CreateOwnerView(info.view_id, nullptr))
+      !CreateOwnerView(info.view_id, homes_set ? &homes : nullptr))
     return Failed(kErrFailed, "cannot create the view of user " + name);
   return {};
 }

@@ -15,9 +15,26 @@
 #include "db/log-types.h"
 #include "file-util.h"
 #include "logger.h"
+#include "office-format.h"
 
 namespace scan {
 namespace {
+
+// An office document whose header marks it as opening only with its
+// password (office-format.h). Read through the descriptor already open for
+// the content, so that the flag describes the bytes that were stored.
+bool IsProtectedDocument(const DiskEntry& e, int fd) {
+  if (e.file_type != db::kFileTypeFile) return false;
+  const size_t slash = e.path.rfind('/');
+  if (!office_format::IsDocumentName(slash == std::string::npos ? e.path
+                                                                : e.path.substr(slash + 1))) {
+    return false;
+  }
+  char head[office_format::kHeaderMax];
+  const ssize_t n = pread(fd, head, sizeof head, 0);
+  return n > 0 &&
+         office_format::HeaderSaysProtected(std::string_view(head, static_cast<size_t>(n)));
+}
 
 std::string ParentOf(const std::string& path) {
   const size_t slash = path.rfind('/');
@@ -134,7 +151,12 @@ int ViewScan::Run() {
   }
   int rc = scope_.empty() ? LoadLive() : LoadScope();
   if (rc < 0 || (rc = state_.Load(target_.view_id, recorded_)) < 0) return rc;
-  if (view_.Reader().GetRotateCount(rotate_count_) < 0) rotate_count_ = 0;
+  db::RotateSettings rotation;
+  if (view_.GetRotateSettings(rotation) < 0) {
+    rotation.count = 0;  // a damaged setting keeps every version
+    rotation.applied = true;
+  }
+  rule_ = RotateRule{rotation.count, rotation.policy, rotation.days};
   Match();
   // One transaction per database for the whole view: a scan of many small
   // files is bound by commits otherwise.
@@ -150,6 +172,12 @@ int ViewScan::Run() {
             [](const Live* a, const Live* b) { return a->path < b->path; });
   for (const Live* live : left)
     if (!live->gone) RemoveLive(live->id);
+  // Changed settings reach every history at the next pass; an age limit
+  // also catches up on each full pass, as versions grow old.
+  if (rc >= 0 && (!rotation.applied || (scope_.empty() && rule_.days > 0))) {
+    RotateAll();
+    view_.MarkRotateSettingsApplied(rotation);
+  }
   state_.Commit();
   store_.CommitBatch();
   const int commit = view_.Commit();
@@ -608,7 +636,7 @@ int ViewScan::Record(size_t i, uint64_t node_id) {
   v.mac_attr_uuid = now.mac_uuid;
   v.mac_attr_hash = now.mac_hash;
   v.client_id = options_.client_id;
-  v.encrypted = target_.encrypted;
+  v.encrypted = opened >= 0 && IsProtectedDocument(e, fd.get());
   db::Node node;
   if ((rc = view_.AddVersion(v, node)) < 0) {
     LOG_ERROR("scan: cannot record %s (%d)\n", e.abs_path.c_str(), rc);
@@ -658,18 +686,27 @@ void ViewScan::RemoveLive(uint64_t node_id) {
   Log(db::kLogNodeRemove, node_id, live.type, {live.path, options_.client_id});
 }
 
-// Versions beyond the view's count go, and with them stored content that
-// no remaining version of the node still points at.
+// Versions the view's rule drops go, and with them stored content that no
+// remaining version of the node still points at.
 void ViewScan::Rotate(uint64_t node_id, const std::string& path, int32_t type) {
-  if (rotate_count_ <= 0) return;
+  if (rule_.count <= 0 && rule_.days <= 0) return;
+  std::vector<db::Version> all;
+  if (view_.Reader().ListVersion(node_id, all, db::ViewManager::kListVersionAll) < 0) return;
+  std::vector<uint32_t> ctimes;
+  ctimes.reserve(all.size());
+  for (const db::Version& v : all) ctimes.push_back(v.getVerCreatedTime());
+  const std::vector<size_t> drop = VersionsToDrop(ctimes, rule_, options_.at);
+  if (drop.empty()) return;
+  std::vector<uint64_t> sync_ids;
+  std::set<size_t> dropped(drop.begin(), drop.end());
+  for (size_t i : drop) sync_ids.push_back(all[i].getSyncId());
   std::vector<db::Version> removed;
-  if (view_.RotateVersions(node_id, rotate_count_, removed) <= 0) return;
-  std::vector<db::Version> kept;
-  view_.Reader().ListVersion(node_id, kept, db::ViewManager::kListVersionAll);
+  if (view_.DropVersions(node_id, sync_ids, removed) <= 0) return;
   std::set<uint64_t> in_use;
-  for (const db::Version& v : kept) {
-    in_use.insert(v.getFileId());
-    in_use.insert(v.getMacAttributeFileId());
+  for (size_t i = 0; i < all.size(); ++i) {
+    if (dropped.count(i) != 0) continue;
+    in_use.insert(all[i].getFileId());
+    in_use.insert(all[i].getMacAttributeFileId());
   }
   for (const db::Version& v : removed) {
     Log(db::kLogVersionRotate, node_id, type, {path});
@@ -682,6 +719,16 @@ void ViewScan::Rotate(uint64_t node_id, const std::string& path, int32_t type) {
     store_.Release(v.getFileId());
   }
   summary_.rotated += static_cast<unsigned>(removed.size());
+}
+
+void ViewScan::RotateAll() {
+  std::vector<db::HistoryNode> nodes;
+  if (view_.ListNodesToRotate(rule_.count, RotateCutoff(rule_, options_.at), nodes) < 0) {
+    LOG_ERROR("scan: cannot list the histories of view %llu to rotate\n",
+              static_cast<unsigned long long>(target_.view_id));
+    return;
+  }
+  for (const db::HistoryNode& node : nodes) Rotate(node.node_id, node.path, node.file_type);
 }
 
 void ViewScan::Log(uint32_t type, uint64_t node_id, int32_t file_type,

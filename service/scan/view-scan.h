@@ -11,6 +11,7 @@
 
 #include "db/view-writer.h"
 #include "file-store.h"
+#include "rotation.h"
 #include "scan-state.h"
 #include "scan.h"
 #include "tree-walk.h"
@@ -69,6 +70,8 @@ class ViewScan {
   void Defer(const DiskEntry& e);
   void RemoveLive(uint64_t node_id);
   void Rotate(uint64_t node_id, const std::string& path, int32_t type);
+  // Every history the rule may shorten, after a change of the rule.
+  void RotateAll();
   int PreviousOf(uint64_t node_id, Recorded& out);
   void Log(uint32_t type, uint64_t node_id, int32_t file_type,
            const std::vector<std::string>& s_args, bool with_source_id = false);
@@ -82,7 +85,7 @@ class ViewScan {
 
   int root_fd_ = -1;
   uint64_t root_id_ = 0;
-  int rotate_count_ = 0;
+  RotateRule rule_;
   std::vector<std::string> scope_;  // empty: the whole view
   std::vector<std::string> busy_;   // folders whose contents wait
   std::vector<DiskEntry> entries_;

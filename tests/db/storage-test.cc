@@ -81,6 +81,28 @@ TEST(Storage, CollationChangeRekeysOnWrite) {
   EXPECT_EQ(nodes[0].getName(), "a.txt");
 }
 
+// Views written while `encrypted` meant "stored sealed" lose that mark
+// when the service opens them: it now marks protected office documents.
+TEST(Storage, OldEncryptedMarksAreDropped) {
+  dbtest::Tree t({{100, dbtest::Add, "/sealed.tdoc", 1}}, 783);
+  {
+    SQLite::Database raw(kViews + "783.sqlite", SQLite::OPEN_READWRITE);
+    raw.exec("UPDATE versions SET encrypted = 1");
+    raw.exec("UPDATE nodes SET encrypted = 1");
+    raw.exec("UPDATE meta SET value = '2' WHERE key = 'schema_version'");
+  }
+  std::unique_ptr<db::ViewWriter> writer;
+  ASSERT_EQ(db::Manager::GetViewWriter(783, writer), 0);
+  db::Node node;
+  ASSERT_EQ(writer->Reader().QueryNode("/sealed.tdoc", node, 0), 0);
+  EXPECT_FALSE(node.isEncrypted());
+  db::SearchNodeFilter f;
+  f.encrypted_only = true;
+  std::vector<db::Node> nodes;
+  ASSERT_EQ(writer->Reader().SearchNode(f, nodes), 0);
+  EXPECT_TRUE(nodes.empty());
+}
+
 TEST(Storage, DamagedLogFile) {
   const std::string dir = "/tmp/damaged-log";
   fs::create_directories(dir);

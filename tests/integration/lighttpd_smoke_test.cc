@@ -1,5 +1,6 @@
-// The whole chain once, as a browser reaches it: lighttpd runs entry.cgi,
-// which loads the module.
+// The whole chain once, as a browser reaches it, by both paths lighttpd may
+// take to the module: tidepool-webapi's forked processes, and entry.cgi run
+// for each request in a CGI-only setup.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <json/reader.h>
@@ -48,17 +49,18 @@ HttpAnswer HttpGet(const tptest::Lighttpd& server, const std::string& path,
   return answer;
 }
 
-class LighttpdSmokeTest : public ::testing::Test {
+class LighttpdSmokeTest : public ::testing::TestWithParam<tptest::WebApiPath> {
  protected:
   void SetUp() override {
     tptest::SeedDemoSystem();
-    server_ = std::make_unique<tptest::Lighttpd>();
+    unlink("/tmp/lighttpd/stream-go");  // the word of an earlier run
+    server_ = std::make_unique<tptest::Lighttpd>(GetParam());
     ASSERT_NE(server_->port(), 0) << "lighttpd did not start";
   }
   std::unique_ptr<tptest::Lighttpd> server_;
 };
 
-TEST_F(LighttpdSmokeTest, LoginAndCheckUserThroughTheWebServer) {
+TEST_P(LighttpdSmokeTest, LoginAndCheckUserThroughTheWebServer) {
   ASSERT_NE(HttpGet(*server_, "/").head.find("200"), std::string::npos) << "lighttpd is not up";
   auto login = HttpGet(
       *server_,
@@ -85,7 +87,7 @@ TEST_F(LighttpdSmokeTest, LoginAndCheckUserThroughTheWebServer) {
 // keep the whole of it in lighttpd. The probe writes one line, then waits
 // for the test's word before it writes the second, so the first line can only
 // arrive early if lighttpd passes it on at once.
-TEST_F(LighttpdSmokeTest, CgiBodyReachesTheClientBeforeTheCgiEnds) {
+TEST_P(LighttpdSmokeTest, CgiBodyReachesTheClientBeforeTheCgiEnds) {
   // The wait is bounded so that a broken server cannot leave the probe behind.
   tptest::WriteFile("/usr/kstx/webapi/stream-probe.cgi", R"(#!/bin/sh
 printf 'Content-Type: text/plain\r\n\r\nfirst\n'
@@ -120,5 +122,11 @@ printf 'second\n'
   EXPECT_NE(raw.find("200"), std::string::npos) << raw;
   EXPECT_EQ(raw.substr(raw.find("\r\n\r\n") + 4), "first\nsecond\n");
 }
+
+INSTANTIATE_TEST_SUITE_P(Paths, LighttpdSmokeTest,
+                         ::testing::Values(tptest::WebApiPath::kForked, tptest::WebApiPath::kCgi),
+                         [](const auto& info) {
+                           return info.param == tptest::WebApiPath::kForked ? "Forked" : "Cgi";
+                         });
 
 }  // namespace

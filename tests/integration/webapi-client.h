@@ -1,5 +1,7 @@
 // Calls /webapi/entry.cgi as a web server would: a CGI environment, the body
 // on standard input, the program run by the web server's unprivileged user.
+// With TIDEPOOL_TEST_WEBAPI=forked in the environment, the same request goes
+// to a tidepool-webapi over its SCGI socket instead (the `_forked` tests).
 #pragma once
 
 #include <json/value.h>

@@ -23,6 +23,7 @@
 #include "handlers/node/download/start.h"
 #include "handlers/node/download/status.h"
 #include "handlers/node/download/stop.h"
+#include "handlers/node/dryrun.h"
 #include "handlers/node/list-parent.h"
 #include "handlers/node/list-version.h"
 #include "handlers/node/list.h"
@@ -30,6 +31,9 @@
 #include "handlers/node/restore/start.h"
 #include "handlers/node/restore/status.h"
 #include "handlers/resume-freeze.h"
+#include "handlers/share/list-active.h"
+#include "handlers/share/list.h"
+#include "handlers/share/set.h"
 #include "logger.h"
 
 extern "C" void Process(KSTX::APIRequest* request, KSTX::APIResponse* response);
@@ -112,6 +116,7 @@ void Process(KSTX::APIRequest* request, KSTX::APIResponse* response) {
   bridge.AddHandler(new NodeListParentHandler);
   bridge.AddHandler(new NodeListVersionHandler);
   bridge.AddHandler(new NodeActivityHandler);
+  bridge.AddHandler(new NodeDryrunHandler);
   bridge.AddHandler(new NodeRestoreStartHandler);
   bridge.AddHandler(new NodeRestoreStatusHandler);
   bridge.AddHandler(new NodeRestoreFinishHandler);
@@ -128,6 +133,9 @@ void Process(KSTX::APIRequest* request, KSTX::APIResponse* response) {
   bridge.AddHandler(new DBUsageStatusHandler);
   bridge.AddHandler(new DBUsageStopHandler);
   bridge.AddHandler(new DBUsageGetHandler);
+  bridge.AddHandler(new ShareListActiveHandler);
+  bridge.AddHandler(new ShareListHandler);
+  bridge.AddHandler(new ShareSetHandler);
   bridge.Process();
 }
 

@@ -1,6 +1,5 @@
 #include "get-client-link.h"
 
-#include <curl/curl.h>
 #include <json/reader.h>
 
 #include <cctype>
@@ -10,6 +9,7 @@
 #include "sync-service.h"
 #include "url-encode.h"
 #include "util/config-file.h"
+#include "util/lazy-curl.h"
 
 namespace {
 
@@ -106,16 +106,18 @@ size_t GetClientLinkHandler::WriteToStream(void* data, size_t size, size_t count
 int GetClientLinkHandler::RequestUpdateServer(const std::string& build, const std::string& os,
                                               const std::string& arch, const std::string& app,
                                               std::string& response) {
-  curl_global_init(CURL_GLOBAL_ALL);
-  CURL* curl = curl_easy_init();
+  const lazy_curl::Api* curl_api = lazy_curl::Get();
+  if (curl_api == nullptr) return -1;
+  curl_api->global_init(CURL_GLOBAL_ALL);
+  CURL* curl = curl_api->easy_init();
   if (curl == nullptr) {
     // Reported later, as an answer that does not parse.
-    curl_global_cleanup();
+    curl_api->global_cleanup();
     return 0;
   }
-  auto cleanup = [curl] {
-    curl_easy_cleanup(curl);
-    curl_global_cleanup();
+  auto cleanup = [curl, curl_api] {
+    curl_api->easy_cleanup(curl);
+    curl_api->global_cleanup();
   };
   // A missing or malformed settings file means the built-in server.
   Config config;
@@ -131,18 +133,18 @@ int GetClientLinkHandler::RequestUpdateServer(const std::string& build, const st
   }
   const std::string address = url + "?" + query;
   LOG_DEBUG("query update server '%s'\n", address.c_str());
-  curl_easy_setopt(curl, CURLOPT_URL, address.c_str());
-  curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, WriteToStream);
-  curl_easy_setopt(curl, CURLOPT_WRITEDATA, &response);
-  curl_easy_setopt(curl, CURLOPT_FOLLOWLOCATION, 1L);
-  curl_easy_setopt(curl, CURLOPT_MAXREDIRS, kMaxRedirects);
-  curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, "http,https");
-  curl_easy_setopt(curl, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
-  curl_easy_setopt(curl, CURLOPT_TIMEOUT, kTimeoutSeconds);
-  curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
-  const CURLcode rc = curl_easy_perform(curl);
+  curl_api->easy_setopt(curl, CURLOPT_URL, address.c_str());
+  curl_api->easy_setopt(curl, CURLOPT_WRITEFUNCTION, WriteToStream);
+  curl_api->easy_setopt(curl, CURLOPT_WRITEDATA, &response);
+  curl_api->easy_setopt(curl, CURLOPT_FOLLOWLOCATION, 1L);
+  curl_api->easy_setopt(curl, CURLOPT_MAXREDIRS, kMaxRedirects);
+  curl_api->easy_setopt(curl, CURLOPT_PROTOCOLS_STR, "http,https");
+  curl_api->easy_setopt(curl, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+  curl_api->easy_setopt(curl, CURLOPT_TIMEOUT, kTimeoutSeconds);
+  curl_api->easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
+  const CURLcode rc = curl_api->easy_perform(curl);
   if (rc != CURLE_OK) {
-    LOG_ERROR("curl_ezsy_perform() failed: %s\n", curl_easy_strerror(rc));
+    LOG_ERROR("curl_ezsy_perform() failed: %s\n", curl_api->easy_strerror(rc));
     cleanup();
     return -1;
   }

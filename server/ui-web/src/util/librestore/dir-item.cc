@@ -80,6 +80,8 @@ int DirItem::Count(unsigned long long& count, bool include_removed) {
 int DirItem::ListEncrypted(std::vector<db::Node>& out, bool include_removed) {
   db::SearchNodeFilter filter;
   if (SubtreeFilter(include_removed, filter) < 0) return -1;
+  // The database picks the protected documents: a large tree holds few.
+  filter.encrypted_only = true;
   std::vector<db::Node> nodes;
   if (view.GetVif()->SearchNode(filter, nodes) < 0) {
     RESTORE_ERR("failed to search node with permanent_id = %llu, and sync_id = %llu", permanent_id,

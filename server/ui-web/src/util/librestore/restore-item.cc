@@ -38,6 +38,7 @@
 #include "fs.h"
 #include "hv-file-utility.h"
 #include "hvos-task.h"
+#include "office-item.h"
 #include "regular-item.h"
 #include "rights.h"
 #include "sdk-path.h"
@@ -128,8 +129,12 @@ std::unique_ptr<Item> Item::ItemFactory(bool is_dir, View& view, unsigned long l
     return std::make_unique<DirItem>(view, permanent_id, sync_id, ctime_ub, name, path, decrypt_map,
                                      task);
   }
-  // Office documents are rebuilt by the office service where one is
-  // installed; this host has none, so they come back as the stored file.
+  // Exact and case-sensitive, on the destination name: REPORT.TDOC is a
+  // plain file.
+  if (IsOfficeItemByExtension(GetExtension(name))) {
+    return std::make_unique<OfficeItem>(view, permanent_id, sync_id, ctime_ub, name, path,
+                                        decrypt_map, task);
+  }
   return std::make_unique<RegularItem>(view, permanent_id, sync_id, ctime_ub, name, path,
                                        decrypt_map, task);
 }

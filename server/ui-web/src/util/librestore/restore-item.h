@@ -2,8 +2,8 @@
 // disk. The base class holds the fixed sequence of a restore and every rule
 // that does not depend on the kind of node: unique names, safe paths, the
 // owner, mode, ACL and time put back on a file, Mac attributes, progress
-// and the log record. Subclasses rebuild files (RegularItem) and folders
-// (DirItem).
+// and the log record. Subclasses rebuild files (RegularItem), folders
+// (DirItem) and office documents (OfficeItem).
 #pragma once
 
 #include <cstdint>

@@ -28,6 +28,9 @@ class Rights {
   static int ForCaller(const std::string& user, bool own_home, bool write, Rights& out);
 
   bool Limited() const { return limited_; }
+  // True when no node of the view can be refused: not limited, or the
+  // caller's own home, where the owner has complete control throughout.
+  bool RefusesNothing() const { return !limited_ || own_home_; }
   bool Writes() const { return write_; }
   // The chain of a node whose ancestors are `parents` (empty at the root).
   ACL_API::ACL ChainOf(const ACL_API::ACL& parents, const db::Version& version,

@@ -59,15 +59,17 @@ bool MayHaveAll(View& view, const std::vector<TaskDesc>& descs) {
 }
 
 int ParseDecryptMap(const Json::Value& decrypt, DecryptMap& out) {
+  // The entries hold passwords: a message names the entry, never its text.
   if (!decrypt.isArray()) {
-    LOG_ERROR("Malformed decrypt_info: %s\n", decrypt.toStyledString().c_str());
+    LOG_ERROR("Malformed decrypt_info: not an array\n");
     return -1;
   }
-  for (const Json::Value& entry : decrypt) {
+  for (Json::ArrayIndex i = 0; i < decrypt.size(); ++i) {
+    const Json::Value& entry = decrypt[i];
     uint64_t id = 0;
     if (!entry.isObject() || !entry["permanent_id"].isString() || !entry["decrypt"].isString() ||
         !ParseNodeId(entry["permanent_id"], id)) {
-      LOG_ERROR("Malformed decrypt_info: %s\n", entry.toStyledString().c_str());
+      LOG_ERROR("Malformed decrypt_info: entry %u\n", static_cast<unsigned>(i));
       return -1;
     }
     out[id] = entry["decrypt"].asString();

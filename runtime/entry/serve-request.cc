@@ -1,5 +1,6 @@
-// entry.cgi: one web-API request per process, run by the web server as a
-// CGI program and installed setuid root.
+// One web-API request per process: the whole of entry.cgi (run by the web
+// server as a CGI program, installed setuid root) and of each child that
+// tidepool-webapi forks for a request (started as root).
 //
 //  1. start clean (umask, working folder, no inherited descriptors), keep
 //     only the CGI variables, lower the effective ids to the service
@@ -9,14 +10,20 @@
 //  3. serve a built-in API, or find the API's module in the index, load it,
 //     run the method's check function and then its Process;
 //  4. write the JSON envelope, unless the module wrote its answer itself.
-// Every path ends in a complete answer: decode errors, unknown APIs and
-// exceptions escaping a module each get their error envelope.
+// Every path ends in a complete answer: decode errors, unknown APIs,
+// exceptions escaping a module and a module that crashes before it wrote
+// anything each get their error envelope; with a time limit, so does a
+// request still unanswered when the limit passes.
+#include "serve-request.h"
+
 #include <dlfcn.h>
 #include <json/writer.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -149,6 +156,91 @@ void RemoveUpload() {
   g_upload.clear();
 }
 
+// What a request that dies or overruns still owes its caller, kept where a
+// signal handler can reach it: the failure answer is formatted before the
+// module runs, and written only when nothing else was (neither the runtime's
+// answer nor a module's raw output has begun).
+std::string FormatAnswer(const KSTX::APIResponse& response);
+
+struct FailSafe {
+  std::string answer;
+  const KSTX::APIResponse* response = nullptr;
+  volatile sig_atomic_t answer_begun = 0;
+  pid_t pid = 0;
+  volatile std::uint8_t* streaming = nullptr;
+};
+FailSafe g_failsafe;
+alignas(16) char g_signal_stack[64 * 1024];  // a stack overflow still gets its answer
+
+void WriteFailureIfSilent() {
+  const KSTX::APIResponse* response = g_failsafe.response;
+  if (g_failsafe.answer_begun != 0 || response == nullptr || !response->IsOutputEnabled()) return;
+  g_failsafe.answer_begun = 1;
+  const char* at = g_failsafe.answer.data();
+  std::size_t left = g_failsafe.answer.size();
+  while (left > 0) {
+    const ssize_t n = write(STDOUT_FILENO, at, left);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return;
+    at += n;
+    left -= static_cast<std::size_t>(n);
+  }
+}
+
+// A crash of the request's own process (a module's forked children have
+// their own pids and die silently): answer if still possible, then die of
+// the same signal so the exit status tells what happened.
+void OnFatalSignal(int sig) {
+  const int saved = errno;
+  if (getpid() == g_failsafe.pid) WriteFailureIfSilent();
+  errno = saved;
+  signal(sig, SIG_DFL);
+  raise(sig);
+}
+
+// The request's time is up. A raw answer being written (a download) is paced
+// by its client and left to run; anything else is a hung request.
+void OnTimeLimit(int) {
+  if (getpid() != g_failsafe.pid) return;
+  const KSTX::APIResponse* response = g_failsafe.response;
+  if (response != nullptr && !response->IsOutputEnabled()) {
+    if (g_failsafe.streaming != nullptr) *g_failsafe.streaming = 1;
+    return;
+  }
+  WriteFailureIfSilent();
+  if (!g_upload.empty() && getpid() == g_upload_owner) unlink(g_upload.c_str());
+  _exit(1);
+}
+
+void ArmFailSafe(const KSTX::APIResponse& response, const RequestLimits& limits) {
+  KSTX::APIResponse failure;
+  SetRuntimeError(failure, kErrUnexpected);
+  g_failsafe.answer = FormatAnswer(failure);
+  g_failsafe.pid = getpid();
+  g_failsafe.streaming = limits.streaming;
+  g_failsafe.response = &response;
+  stack_t stack{};
+  stack.ss_sp = g_signal_stack;
+  stack.ss_size = sizeof g_signal_stack;
+  sigaltstack(&stack, nullptr);
+  struct sigaction action {};
+  action.sa_handler = OnFatalSignal;
+  action.sa_flags = SA_ONSTACK | SA_RESETHAND;
+  sigemptyset(&action.sa_mask);
+  for (int sig : {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT}) sigaction(sig, &action, nullptr);
+  if (limits.time_limit_seconds > 0) {
+    action.sa_handler = OnTimeLimit;
+    action.sa_flags = SA_ONSTACK | SA_RESTART;
+    sigaction(SIGALRM, &action, nullptr);
+    alarm(limits.time_limit_seconds);
+  }
+}
+
+void DisarmFailSafe() {
+  alarm(0);
+  g_failsafe.response = nullptr;
+}
+
 void Serve(KSTX::APIRequest& request, KSTX::APIResponse& response, const std::string& sid) {
   const std::string api = request.GetAPIClass();
   const unsigned version = request.GetAPIVersion();
@@ -157,7 +249,7 @@ void Serve(KSTX::APIRequest& request, KSTX::APIResponse& response, const std::st
     if (version < low || version > high) return SetRuntimeError(response, kErrNoSuchApi);
     return ServeBuiltin(request, response, sid);
   }
-  for (const ApiIndexEntry& entry : ReadModuleIndex()) {
+  for (const ApiIndexEntry& entry : ModuleIndex()) {
     if (entry.api != api) continue;
     if (version < entry.min_version || version > entry.max_version) break;
     return ServeModule(entry, request, response, "entry.cgi");
@@ -167,7 +259,7 @@ void Serve(KSTX::APIRequest& request, KSTX::APIResponse& response, const std::st
 
 bool SafeHeader(const std::string& text) { return text.find_first_of("\r\n") == std::string::npos; }
 
-void WriteAnswer(const KSTX::APIResponse& response) {
+std::string FormatAnswer(const KSTX::APIResponse& response) {
   std::string out = "Content-Type: application/json; charset=utf-8\r\n";
   for (const auto& [name, value] : response.GetHeaders()) {
     if (name.empty() || !SafeHeader(name) || !SafeHeader(value)) continue;  // no header injection
@@ -178,6 +270,12 @@ void WriteAnswer(const KSTX::APIResponse& response) {
   writer["indentation"] = "";
   writer["emitUTF8"] = true;
   out += Json::writeString(writer, response.Envelope());
+  return out;
+}
+
+void WriteAnswer(const KSTX::APIResponse& response) {
+  const std::string out = FormatAnswer(response);
+  g_failsafe.answer_begun = 1;
   std::fwrite(out.data(), 1, out.size(), stdout);
   std::fflush(stdout);
 }
@@ -233,7 +331,9 @@ int Refuse(const char* why) {
   return 1;
 }
 
-int Run() {
+}  // namespace
+
+int ServeRequestProcess(const RequestLimits& limits) {
   if (!StartClean()) return Refuse("cannot start clean");
   ClearEnvironment();
   ServiceIds ids;
@@ -244,6 +344,7 @@ int Run() {
   g_upload_owner = getpid();
   std::atexit(RemoveUpload);
   KSTX::APIResponse response;
+  ArmFailSafe(response, limits);
   try {
     if (ServeRequest(response)) WriteAnswer(response);
   } catch (...) {
@@ -253,11 +354,13 @@ int Run() {
     WriteAnswer(response);
   }
   std::fflush(stdout);
+  DisarmFailSafe();
   RemoveUpload();
+  // The web server ends the answer when the connection or pipe closes: not
+  // after the process's clean-up, which is no concern of the caller.
+  close(STDOUT_FILENO);
+  close(STDIN_FILENO);
   return 0;
 }
 
-}  // namespace
 }  // namespace kstxentry
-
-int main() { return kstxentry::Run(); }

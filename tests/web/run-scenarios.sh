@@ -22,6 +22,7 @@ port=""
 for _ in 1 2 3 4 5; do
   p=$((20000 + RANDOM % 20000))
   if lighttpd_start "$p" 2>/dev/null; then port=$p; break; fi
+  lighttpd_stop
 done
 [ -n "$port" ] || { echo "lighttpd did not start" >&2; exit 1; }
 node "$here/scenarios.mjs" "http://127.0.0.1:$port/" "$out" /

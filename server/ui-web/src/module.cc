@@ -4,6 +4,8 @@
 
 #include "bridge/webapi-bridge.h"
 #include "handlers/check-user.h"
+#include "handlers/config/get.h"
+#include "handlers/config/set.h"
 #include "handlers/dbusage/get.h"
 #include "handlers/dbusage/start.h"
 #include "handlers/dbusage/status.h"
@@ -128,6 +130,8 @@ void Process(KSTX::APIRequest* request, KSTX::APIResponse* response) {
   bridge.AddHandler(new DBUsageStatusHandler);
   bridge.AddHandler(new DBUsageStopHandler);
   bridge.AddHandler(new DBUsageGetHandler);
+  bridge.AddHandler(new ConfigGetHandler);
+  bridge.AddHandler(new ConfigSetHandler);
   bridge.Process();
 }
 

@@ -1,0 +1,539 @@
+// DFTWVolChange OLD NEW: moves the repository's databases from the volume OLD
+// to the volume NEW. The version content (@sync) stays on its volume.
+//
+//   1. lock       take the mover's lock; a second mover exits at once
+//   2. journal    write the journal, set the status to "moving_db"
+//   3. stop       stop the daemon
+//   4. quiesce    wait until no process holds a file that moves
+//   5. checkpoint fold every SQLite write-ahead log into its database
+//   6. copy       copy into a staging folder on NEW, keeping all metadata
+//   7. verify     sizes and SHA-256 against the source, PRAGMA quick_check
+//   8. switch     renames inside NEW/@tidepool; whatever stood there is set
+//                 aside in a folder of its own, never deleted
+//   9. commit     rewrite setting.conf atomically: from here NEW holds
+//  10. cleanup    remove the old files
+//  11. finish     restore the status, restart the daemon, drop the journal
+//
+// Until step 9 the old repository is authoritative and a failure (or a
+// kill, found later by --recover) undoes steps 6 to 8; after it the new one
+// is, and recovery only completes steps 10 and 11. The journal records the
+// phase reached, so that recovery knows which renames it may undo.
+//
+// DFTWVolChange --recover [--no-start]: finishes or undoes a move cut short.
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <SQLiteCpp/Database.h>
+#include <SQLiteCpp/Exception.h>
+#include <SQLiteCpp/Statement.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <filesystem>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "daemon-control.h"
+#include "db/log-manager.h"
+#include "db/log-types.h"
+#include "keyvalue-file.h"
+#include "logger.h"
+#include "sync-service.h"
+#include "tree-copy.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* kDebugSettings = "/var/packages/Tidepool/target/etc/syncfolder.debug";
+constexpr const char* kStaging = ".move-staging";
+constexpr int kQuiesceWaitS = 60;
+// What stays behind: the version content belongs to its volume, and the
+// working folder holds only temporary files.
+constexpr const char* kStays[] = {"@sync", "@tmp", kStaging};
+
+// The journal: what recovery needs to finish or undo the move.
+struct Journal {
+  std::string old_volume, new_volume;
+  std::string prior_status = "enabled";
+  bool daemon_was_running = false;
+  std::string phase;
+  std::vector<std::string> names;  // entries of @tidepool that move
+  std::string aside;               // where entries already on NEW are set aside
+
+  std::string OldRepo() const { return old_volume + "/@tidepool"; }
+  std::string NewRepo() const { return new_volume + "/@tidepool"; }
+};
+
+int Save(const Journal& j) {
+  std::string names;
+  for (const std::string& name : j.names) names += (names.empty() ? "" : "/") + name;
+  const std::string text = "old=\"" + j.old_volume + "\"\nnew=\"" + j.new_volume +
+                           "\"\nprior_status=\"" + j.prior_status + "\"\ndaemon=\"" +
+                           (j.daemon_was_running ? "1" : "0") + "\"\nphase=\"" + j.phase +
+                           "\"\nnames=\"" + names + "\"\naside=\"" + j.aside + "\"\n";
+  return tpsys::WriteFileAtomically(kMoveJournalPath, text, 0600);
+}
+
+bool Load(Journal& j) {
+  std::map<std::string, std::string> values;
+  if (!tpsys::ReadKeyValues(kMoveJournalPath, values)) return false;
+  j.old_volume = values["old"];
+  j.new_volume = values["new"];
+  j.prior_status = values["prior_status"].empty() ? "enabled" : values["prior_status"];
+  j.daemon_was_running = values["daemon"] == "1";
+  j.phase = values["phase"];
+  j.aside = values["aside"];
+  j.names.clear();
+  std::string rest = values["names"];
+  while (!rest.empty()) {
+    const size_t cut = rest.find('/');
+    const std::string name = rest.substr(0, cut);
+    // A journal is read like any stored data: only plain names count.
+    if (!name.empty() && name != "." && name != "..") j.names.push_back(name);
+    rest = cut == std::string::npos ? "" : rest.substr(cut + 1);
+  }
+  return !j.old_volume.empty() && !j.new_volume.empty();
+}
+
+// Tests stop the mover dead at a named phase to check what recovery makes
+// of each state a kill can leave behind.
+void KillPoint(const char* phase) {
+  const char* at = getenv("DFTW_MOVE_KILL_AT");
+  if (at != nullptr && strcmp(at, phase) == 0) raise(SIGKILL);
+}
+
+void Say(const std::string& what, const std::string& detail) {
+  LOG_ERROR("volume change: %s%s\n", what.c_str(), detail.c_str());
+  fprintf(stderr, "DFTWVolChange: %s%s\n", what.c_str(), detail.c_str());
+}
+
+// One record in the log of the repository that holds after the move (or
+// after its undoing): the two volumes and, for a failure, why.
+void WriteRecord(const std::string& holding_volume, const Journal& j, const std::string& reason) {
+  const std::string repo = holding_volume + "/@tidepool";
+  if (db::LogManager::Initialize(repo, repo, "sqlite", false) < 0) return;
+  db::Log log;
+  log.setType(db::kLogDbVolumeChange);
+  log.pushArg(j.old_volume, false);
+  log.pushArg(j.new_volume, false);
+  if (!reason.empty()) log.pushArg("failed: " + reason, false);
+  db::LogManager::InsertLog(log);
+  db::LogManager::Destroy();
+}
+
+int OpenDir(const std::string& path) {
+  return open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+}
+
+// -------- phases --------
+
+int TakeLock() {
+  fs::create_directories(fs::path(kMoveLockPath).parent_path());
+  const int fd = open(kMoveLockPath, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
+  if (fd < 0 || flock(fd, LOCK_EX | LOCK_NB) != 0) return -1;
+  return fd;  // held until the process ends
+}
+
+int WriteJournal(Journal& j) {
+  KillPoint("journal");
+  std::string status;
+  if (ServiceStatusGet(status, false) == 0 && status != "moving_db") j.prior_status = status;
+  j.phase = "begun";
+  if (Save(j) < 0 || ServiceStatusSet("moving_db") < 0) return -1;
+  return 0;
+}
+
+int StopService(Journal& j) {
+  KillPoint("stop");
+  j.daemon_was_running = driftway::RunningDaemonPid() != 0;
+  j.phase = "stopped";
+  if (Save(j) < 0) return -1;
+  if (j.daemon_was_running && driftway::StopDaemon() != 0) return -1;
+  // Stopping writes its own status word; the move's must stand.
+  return ServiceStatusSet("moving_db");
+}
+
+// Whether some process has a file open beneath `repo` outside what stays.
+bool RepositoryInUse(const std::string& repo) {
+  std::error_code ec;
+  for (const auto& proc : fs::directory_iterator("/proc", ec)) {
+    const std::string pid = proc.path().filename();
+    if (pid.find_first_not_of("0123456789") != std::string::npos) continue;
+    if (pid == std::to_string(getpid())) continue;
+    std::error_code fd_ec;
+    for (const auto& fd : fs::directory_iterator(proc.path() / "fd", fd_ec)) {
+      std::error_code link_ec;
+      const std::string target = fs::read_symlink(fd.path(), link_ec);
+      if (link_ec || target.rfind(repo + "/", 0) != 0) continue;
+      const std::string rel = target.substr(repo.size() + 1);
+      bool stays = false;
+      for (const char* name : kStays) stays |= rel.rfind(std::string(name) + "/", 0) == 0;
+      if (!stays) return true;
+    }
+  }
+  return false;
+}
+
+int Quiesce(Journal& j, std::string& error) {
+  KillPoint("quiesce");
+  for (int waited = 0; RepositoryInUse(j.OldRepo()); ++waited) {
+    if (waited >= kQuiesceWaitS) {
+      error = "files of the repository are still in use";
+      return -1;
+    }
+    sleep(1);
+  }
+  return 0;
+}
+
+void ListMoving(Journal& j) {
+  j.names.clear();
+  std::error_code ec;
+  for (const auto& entry : fs::directory_iterator(j.OldRepo(), ec)) {
+    const std::string name = entry.path().filename();
+    bool stays = false;
+    for (const char* kept : kStays) stays |= name == kept;
+    if (!stays) j.names.push_back(name);
+  }
+}
+
+int Checkpoint(const Journal& j, std::string& error) {
+  KillPoint("checkpoint");
+  std::error_code ec;
+  for (const std::string& name : j.names) {
+    const fs::path top = fs::path(j.OldRepo()) / name;
+    std::vector<fs::path> files;
+    if (fs::is_directory(fs::symlink_status(top))) {
+      for (const auto& entry : fs::recursive_directory_iterator(top, ec)) {
+        if (entry.is_regular_file() && entry.path().extension() == ".sqlite") {
+          files.push_back(entry.path());
+        }
+      }
+    } else if (top.extension() == ".sqlite") {
+      files.push_back(top);
+    }
+    for (const fs::path& file : files) {
+      try {
+        SQLite::Database db(file.string(), SQLite::OPEN_READWRITE, 10000);
+        SQLite::Statement check(db, "PRAGMA wal_checkpoint(TRUNCATE)");
+        if (check.executeStep() && check.getColumn(0).getInt() != 0) {
+          error = file.string() + ": checkpoint blocked";
+          return -1;
+        }
+      } catch (const SQLite::Exception& e) {
+        error = file.string() + ": " + e.what();
+        return -1;
+      }
+    }
+  }
+  return 0;
+}
+
+uint64_t TotalBytes(const Journal& j) {
+  uint64_t total = 0;
+  std::error_code ec;
+  for (const std::string& name : j.names) {
+    const fs::path top = fs::path(j.OldRepo()) / name;
+    if (fs::is_regular_file(fs::symlink_status(top))) total += fs::file_size(top, ec);
+    if (!fs::is_directory(fs::symlink_status(top))) continue;
+    for (const auto& entry : fs::recursive_directory_iterator(top, ec)) {
+      if (entry.is_regular_file() && !entry.is_symlink()) total += entry.file_size(ec);
+    }
+  }
+  return total;
+}
+
+int Copy(Journal& j, mover::Sums& sums, std::string& error) {
+  KillPoint("copy");
+  j.phase = "copying";
+  if (Save(j) < 0) return -1;
+  std::error_code ec;
+  fs::create_directories(j.NewRepo(), ec);
+  struct stat old_st {};
+  if (stat(j.OldRepo().c_str(), &old_st) == 0) {
+    if (chown(j.NewRepo().c_str(), old_st.st_uid, old_st.st_gid) != 0 ||
+        chmod(j.NewRepo().c_str(), old_st.st_mode & 07777) != 0) {
+      error = j.NewRepo() + ": " + strerror(errno);
+      return -1;
+    }
+  }
+  const int new_fd = OpenDir(j.NewRepo());
+  const int old_fd = OpenDir(j.OldRepo());
+  if (new_fd < 0 || old_fd < 0) {
+    error = std::string("cannot open the repository folders: ") + strerror(errno);
+    return -1;
+  }
+  // A staging folder left by an earlier failed move is ours alone.
+  mover::RemoveTree(new_fd, kStaging);
+  int rc = mkdirat(new_fd, kStaging, 0700) == 0 ? 0 : -errno;
+  const int staging_fd =
+      rc == 0 ? openat(new_fd, kStaging, O_RDONLY | O_DIRECTORY | O_NOFOLLOW) : -1;
+  const uint64_t total = TotalBytes(j);
+  uint64_t bytes = 0, reported = 0;
+  const int progress_fd = open(kMoveProgressPath, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  auto report = [&](uint64_t done) {
+    if (progress_fd < 0 || (done - reported < (64u << 20) && done < total)) return;
+    reported = done;
+    const std::string line = std::to_string(done) + " " + std::to_string(total) + "\n";
+    if (ftruncate(progress_fd, 0) == 0) (void)!pwrite(progress_fd, line.data(), line.size(), 0);
+  };
+  report(0);
+  if (staging_fd < 0) {
+    error = std::string("cannot make the staging folder: ") + strerror(rc < 0 ? -rc : errno);
+    rc = -1;
+  }
+  for (const std::string& name : j.names) {
+    if (rc < 0) break;
+    rc = mover::CopyTree(old_fd, staging_fd, name, sums, bytes, report, error);
+  }
+  if (rc == 0 && syncfs(staging_fd) != 0) {
+    error = std::string("cannot flush the copy: ") + strerror(errno);
+    rc = -1;
+  }
+  reported = 0;
+  report(bytes);
+  for (int fd : {progress_fd, staging_fd, old_fd, new_fd}) {
+    if (fd >= 0) close(fd);
+  }
+  return rc < 0 ? -1 : 0;
+}
+
+int Verify(Journal& j, const mover::Sums& sums, std::string& error) {
+  KillPoint("verify");
+  const std::string staging = j.NewRepo() + "/" + kStaging;
+  const int fd = OpenDir(staging);
+  if (fd < 0) {
+    error = "cannot open the staging folder";
+    return -1;
+  }
+  const int rc = mover::VerifyTree(fd, sums, error);
+  close(fd);
+  if (rc < 0) return -1;
+  for (const auto& [rel, sum] : sums) {
+    if (fs::path(rel).extension() != ".sqlite") continue;
+    try {
+      SQLite::Database db(staging + "/" + rel, SQLite::OPEN_READONLY);
+      SQLite::Statement check(db, "PRAGMA quick_check");
+      if (!check.executeStep() || check.getColumn(0).getString() != "ok") {
+        error = rel + ": the copied database is damaged";
+        return -1;
+      }
+    } catch (const SQLite::Exception& e) {
+      error = rel + ": " + e.what();
+      return -1;
+    }
+  }
+  return 0;
+}
+
+int Switch(Journal& j, std::string& error) {
+  KillPoint("switch");
+  j.aside = ".moved-aside-" + std::to_string(time(nullptr));
+  j.phase = "switching";
+  if (Save(j) < 0) return -1;
+  const std::string repo = j.NewRepo();
+  for (const std::string& name : j.names) {
+    const std::string there = repo + "/" + name;
+    struct stat st {};
+    if (lstat(there.c_str(), &st) == 0) {
+      // A repository used on this volume before: kept, not deleted.
+      mkdir((repo + "/" + j.aside).c_str(), 0700);
+      if (rename(there.c_str(), (repo + "/" + j.aside + "/" + name).c_str()) != 0) {
+        error = there + ": " + strerror(errno);
+        return -1;
+      }
+    }
+    KillPoint("switch-one");
+    if (rename((repo + "/" + kStaging + "/" + name).c_str(), there.c_str()) != 0) {
+      error = there + ": " + strerror(errno);
+      return -1;
+    }
+  }
+  j.phase = "switched";
+  return Save(j);
+}
+
+int Commit(Journal& j) {
+  KillPoint("commit");
+  SyncConfigMgr config;
+  if (!config.IsLoaded()) return -1;
+  config.SetSysShareBin(j.new_volume);
+  if (config.Save() < 0) return -1;
+  KillPoint("committed");
+  j.phase = "committed";
+  return Save(j);
+}
+
+void Cleanup(const Journal& j) {
+  KillPoint("cleanup");
+  const int old_fd = OpenDir(j.OldRepo());
+  const int new_fd = OpenDir(j.NewRepo());
+  if (old_fd >= 0) {
+    for (const std::string& name : j.names) {
+      if (const int rc = mover::RemoveTree(old_fd, name); rc < 0) {
+        Say("cannot remove the old ", j.OldRepo() + "/" + name + ": " + strerror(-rc));
+      }
+    }
+  }
+  if (new_fd >= 0) {
+    mover::RemoveTree(new_fd, kStaging);
+    unlinkat(new_fd, j.aside.c_str(), AT_REMOVEDIR);  // only when nothing was set aside
+  }
+  for (int fd : {old_fd, new_fd}) {
+    if (fd >= 0) close(fd);
+  }
+}
+
+// Ends the move either way: the status as it was, the daemon running again
+// when it ran before. `restart` is false when the daemon itself asked.
+void Finish(const Journal& j, bool restart) {
+  KillPoint("finish");
+  ServiceStatusSet(j.prior_status);
+  unlink(kMoveProgressPath);
+  unlink(kMoveJournalPath);
+  if (restart && j.daemon_was_running) driftway::StartDaemon();
+}
+
+// Before the commit: puts NEW back as it was, so that OLD alone holds.
+void Undo(const Journal& j) {
+  const std::string repo = j.NewRepo();
+  const std::string staging = repo + "/" + kStaging;
+  if (j.phase == "switching" || j.phase == "switched") {
+    mkdir(staging.c_str(), 0700);
+    for (const std::string& name : j.names) {
+      const std::string there = repo + "/" + name;
+      const std::string staged = staging + "/" + name;
+      const std::string aside = repo + "/" + j.aside + "/" + name;
+      struct stat st {};
+      // Only a name whose staged copy is gone was switched in, so only that
+      // one is ours to take back.
+      if (lstat(staged.c_str(), &st) != 0 && lstat(there.c_str(), &st) == 0) {
+        rename(there.c_str(), staged.c_str());
+      }
+      if (lstat(aside.c_str(), &st) == 0) rename(aside.c_str(), there.c_str());
+    }
+    if (!j.aside.empty()) rmdir((repo + "/" + j.aside).c_str());
+  }
+  const int fd = OpenDir(repo);
+  if (fd >= 0) {
+    mover::RemoveTree(fd, kStaging);
+    close(fd);
+  }
+}
+
+bool Committed(const Journal& j) {
+  SyncConfigMgr config;
+  return config.IsLoaded() && config.GetSysShareBin() == j.new_volume;
+}
+
+int Recover(bool restart) {
+  const int lock = TakeLock();
+  if (lock < 0) {
+    Say("another mover is running", "");
+    return 1;
+  }
+  Journal j;
+  if (!Load(j)) {
+    // No journal: nothing moved. A status left at "moving_db" is released.
+    std::string status;
+    if (ServiceStatusGet(status, false) == 0 && status == "moving_db") ServiceStatusSet("enabled");
+    return 0;
+  }
+  if (Committed(j)) {
+    Say("recovery: completing the move to ", j.new_volume);
+    Cleanup(j);
+    Finish(j, restart);
+    WriteRecord(j.new_volume, j, "");
+    return 0;
+  }
+  Say("recovery: undoing the move to ", j.new_volume);
+  Undo(j);
+  Finish(j, restart);
+  WriteRecord(j.old_volume, j, "interrupted");
+  return 0;
+}
+
+int Fail(Journal& j, const std::string& reason) {
+  Say("move failed, the repository stays on " + j.old_volume + ": ", reason);
+  Undo(j);
+  Finish(j, true);
+  WriteRecord(j.old_volume, j, reason);
+  return 1;
+}
+
+int Move(const std::string& old_volume, const std::string& new_volume) {
+  KillPoint("lock");
+  const int lock = TakeLock();
+  if (lock < 0) {
+    Say("another mover is running", "");
+    return 1;
+  }
+  Journal j;
+  j.old_volume = old_volume;
+  j.new_volume = new_volume;
+  SyncConfigMgr config;
+  // A move decided against another repository (a double submit, late) or
+  // onto the volume that already holds it does nothing.
+  if (!config.IsLoaded() || config.GetSysShareBin() != old_volume || old_volume == new_volume) {
+    Say("the repository is not on ", old_volume + "; nothing moved");
+    return 1;
+  }
+  if (access(kMoveJournalPath, F_OK) == 0) {
+    Say("a move cut short must be recovered first", "");
+    return 1;
+  }
+  if (WriteJournal(j) < 0) {
+    Say("cannot write the journal", "");
+    return 1;
+  }
+  std::string error;
+  if (StopService(j) < 0) return Fail(j, "cannot stop the daemon");
+  if (Quiesce(j, error) < 0) return Fail(j, error);
+  ListMoving(j);
+  if (Save(j) < 0) return Fail(j, "cannot write the journal");
+  if (Checkpoint(j, error) < 0) return Fail(j, error);
+  mover::Sums sums;
+  if (Copy(j, sums, error) < 0) return Fail(j, error);
+  if (Verify(j, sums, error) < 0) return Fail(j, error);
+  if (Switch(j, error) < 0) return Fail(j, error);
+  if (Commit(j) < 0) return Fail(j, "cannot write the configuration");
+  Cleanup(j);
+  Finish(j, true);
+  WriteRecord(j.new_volume, j, "");
+  return 0;
+}
+
+bool IsVolume(const std::string& path) {
+  return path.size() > 7 && path.rfind("/volume", 0) == 0 &&
+         path.find_first_not_of("0123456789", 7) == std::string::npos;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  // Started from a request, the mover has root as its real user only.
+  if (geteuid() != 0 && setresuid(0, 0, 0) != 0) {
+    fprintf(stderr, "DFTWVolChange: must run as root\n");
+    return 1;
+  }
+  setresgid(0, 0, 0);
+  umask(077);
+  Logger::Initialize(0, "DFTWVolChange", kDebugSettings, 0, 0);
+  const std::vector<std::string> args(argv + 1, argv + argc);
+  if (!args.empty() && args[0] == "--recover") {
+    return Recover(!(args.size() > 1 && args[1] == "--no-start"));
+  }
+  if (args.size() != 2 || !IsVolume(args[0]) || !IsVolume(args[1])) {
+    fprintf(stderr, "usage: DFTWVolChange OLD NEW | --recover [--no-start]\n");
+    return 2;
+  }
+  return Move(args[0], args[1]);
+}

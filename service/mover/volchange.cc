@@ -37,7 +37,9 @@
 #include <ctime>
 #include <filesystem>
 #include <map>
+#include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "daemon-control.h"
@@ -161,22 +163,36 @@ int StopService(Journal& j) {
   return ServiceStatusSet("moving_db");
 }
 
-// Whether some process has a file open beneath `repo` outside what stays.
-bool RepositoryInUse(const std::string& repo) {
+// The files that move, by device and inode: a path says nothing about a
+// process in another mount namespace, which may see other files there.
+std::set<std::pair<dev_t, ino_t>> MovingInodes(const Journal& j) {
+  std::set<std::pair<dev_t, ino_t>> inodes;
   std::error_code ec;
+  for (const std::string& name : j.names) {
+    const fs::path top = fs::path(j.OldRepo()) / name;
+    struct stat st {};
+    if (lstat(top.c_str(), &st) == 0) inodes.emplace(st.st_dev, st.st_ino);
+    if (!S_ISDIR(st.st_mode)) continue;
+    for (const auto& entry : fs::recursive_directory_iterator(top, ec)) {
+      if (lstat(entry.path().c_str(), &st) == 0) inodes.emplace(st.st_dev, st.st_ino);
+    }
+  }
+  return inodes;
+}
+
+// Whether another process has one of the moving files open.
+bool RepositoryInUse(const std::set<std::pair<dev_t, ino_t>>& inodes) {
+  std::error_code ec;
+  const std::string self = std::to_string(getpid());
   for (const auto& proc : fs::directory_iterator("/proc", ec)) {
     const std::string pid = proc.path().filename();
-    if (pid.find_first_not_of("0123456789") != std::string::npos) continue;
-    if (pid == std::to_string(getpid())) continue;
+    if (pid.find_first_not_of("0123456789") != std::string::npos || pid == self) continue;
     std::error_code fd_ec;
     for (const auto& fd : fs::directory_iterator(proc.path() / "fd", fd_ec)) {
-      std::error_code link_ec;
-      const std::string target = fs::read_symlink(fd.path(), link_ec);
-      if (link_ec || target.rfind(repo + "/", 0) != 0) continue;
-      const std::string rel = target.substr(repo.size() + 1);
-      bool stays = false;
-      for (const char* name : kStays) stays |= rel.rfind(std::string(name) + "/", 0) == 0;
-      if (!stays) return true;
+      struct stat st {};
+      if (stat(fd.path().c_str(), &st) == 0 && inodes.count({st.st_dev, st.st_ino}) != 0) {
+        return true;
+      }
     }
   }
   return false;
@@ -184,7 +200,8 @@ bool RepositoryInUse(const std::string& repo) {
 
 int Quiesce(Journal& j, std::string& error) {
   KillPoint("quiesce");
-  for (int waited = 0; RepositoryInUse(j.OldRepo()); ++waited) {
+  const auto inodes = MovingInodes(j);
+  for (int waited = 0; RepositoryInUse(inodes); ++waited) {
     if (waited >= kQuiesceWaitS) {
       error = "files of the repository are still in use";
       return -1;
@@ -194,12 +211,16 @@ int Quiesce(Journal& j, std::string& error) {
   return 0;
 }
 
+// The entries of @tidepool that move. Left out: what stays (above), what an
+// earlier move set aside on this volume, and the shared-memory index of a
+// database, which SQLite rebuilds and removes as it likes.
 void ListMoving(Journal& j) {
   j.names.clear();
   std::error_code ec;
   for (const auto& entry : fs::directory_iterator(j.OldRepo(), ec)) {
     const std::string name = entry.path().filename();
-    bool stays = false;
+    bool stays = name.rfind(".moved-aside-", 0) == 0 ||
+                 (name.size() > 4 && name.compare(name.size() - 4, 4, "-shm") == 0);
     for (const char* kept : kStays) stays |= name == kept;
     if (!stays) j.names.push_back(name);
   }
@@ -381,6 +402,7 @@ void Cleanup(const Journal& j) {
       if (const int rc = mover::RemoveTree(old_fd, name); rc < 0) {
         Say("cannot remove the old ", j.OldRepo() + "/" + name + ": " + strerror(-rc));
       }
+      unlinkat(old_fd, (name + "-shm").c_str(), 0);
     }
   }
   if (new_fd >= 0) {
@@ -496,10 +518,12 @@ int Move(const std::string& old_volume, const std::string& new_volume) {
   }
   std::string error;
   if (StopService(j) < 0) return Fail(j, "cannot stop the daemon");
+  ListMoving(j);
   if (Quiesce(j, error) < 0) return Fail(j, error);
+  if (Checkpoint(j, error) < 0) return Fail(j, error);
+  // A checkpoint may remove a database's emptied write-ahead log.
   ListMoving(j);
   if (Save(j) < 0) return Fail(j, "cannot write the journal");
-  if (Checkpoint(j, error) < 0) return Fail(j, error);
   mover::Sums sums;
   if (Copy(j, sums, error) < 0) return Fail(j, error);
   if (Verify(j, sums, error) < 0) return Fail(j, error);
@@ -524,7 +548,9 @@ int main(int argc, char** argv) {
     fprintf(stderr, "DFTWVolChange: must run as root\n");
     return 1;
   }
-  setresgid(0, 0, 0);
+  if (setresgid(0, 0, 0) != 0) return 1;
+  // Nothing inherited from a request (its databases, its answer) is ours.
+  closefrom(STDERR_FILENO + 1);
   umask(077);
   Logger::Initialize(0, "DFTWVolChange", kDebugSettings, 0, 0);
   const std::vector<std::string> args(argv + 1, argv + argc);

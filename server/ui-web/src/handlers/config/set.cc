@@ -190,7 +190,11 @@ int ConfigSetHandler::Handle(const RequestAuthentication& auth, BridgeRequest& r
     LOG_ERROR("%s has no enough space\n", volume);
     return RESPONSE_FAIL(response, 600, "space is not enough");
   }
+  // The status changes before the mover runs, so that a second submit is
+  // refused at once rather than racing the first mover to its lock.
+  ServiceStatusSet("moving_db");
   if (HLIBCBackgroundExec(kMoverPath, current.c_str(), volume, nullptr) != 0) {
+    ServiceStatusSet("enabled");
     LOG_ERROR("Failed to exec DFTWVolChange\n");
     return RESPONSE_FAIL(response, 401, "");
   }

@@ -46,6 +46,20 @@ int RunMover(const std::vector<std::string>& args, const std::map<std::string, s
   return tptest::RunProcess(argv, full).exit_status;
 }
 
+std::vector<std::vector<std::string>> Records(const std::string& volume, uint32_t type) {
+  const std::string repo = volume + "/@tidepool";
+  std::vector<std::vector<std::string>> out;
+  if (db::LogManager::Initialize(repo, repo, "sqlite", true) < 0) return out;
+  db::LogFilter filter;
+  filter.types = {static_cast<int32_t>(type)};
+  filter.oldest_first = true;
+  std::vector<db::Log> logs;
+  db::LogManager::SearchLog(filter, logs);
+  for (const db::Log& log : logs) out.push_back(log.getPArg());
+  db::LogManager::Destroy();
+  return out;
+}
+
 bool MoveEnded() {
   return tptest::Eventually([] { return Status() != "moving_db"; });
 }

@@ -5,6 +5,7 @@
 
 #include <map>
 #include <string>
+#include <vector>
 
 #include "restore-world.h"
 
@@ -27,6 +28,9 @@ int RunMover(const std::vector<std::string>& args,
 // list, and the first version of notes.txt restores byte for byte to a new
 // folder. Otherwise what went wrong.
 std::string CheckServes(const std::string& volume);
+// The P arguments of the records of `type` in the log of the repository on
+// `volume`, oldest first.
+std::vector<std::vector<std::string>> Records(const std::string& volume, uint32_t type);
 // Waits until the status is no longer "moving_db" (at most a minute).
 bool MoveEnded();
 

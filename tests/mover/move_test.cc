@@ -40,18 +40,8 @@ std::string Read(const std::string& path) {
   return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
-// The type-8 records of the log on `volume`, each as its P arguments.
 std::vector<std::vector<std::string>> MoveRecords(const std::string& volume) {
-  const std::string repo = volume + "/@tidepool";
-  std::vector<std::vector<std::string>> out;
-  if (db::LogManager::Initialize(repo, repo, "sqlite", true) < 0) return out;
-  db::LogFilter filter;
-  filter.types = {static_cast<int32_t>(db::kLogDbVolumeChange)};
-  std::vector<db::Log> logs;
-  db::LogManager::SearchLog(filter, logs);
-  for (const db::Log& log : logs) out.push_back(log.getPArg());
-  db::LogManager::Destroy();
-  return out;
+  return Records(volume, db::kLogDbVolumeChange);
 }
 
 class MoveTest : public ::testing::Test {

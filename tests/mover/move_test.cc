@@ -150,4 +150,25 @@ TEST_F(MoveTest, ASecondMoverOrAStaleRequestChangesNothing) {
   EXPECT_EQ(MoveRecords("/volume2").back(), (std::vector<std::string>{"/volume1", "/volume2"}));
 }
 
+TEST_F(MoveTest, AMoveCutShortIsRecoveredByTheDaemonsStartOrByTheNextRequest) {
+  // Killed while copying: the daemon's start puts the old repository back.
+  EXPECT_EQ(RunMover({"/volume1", "/volume2"}, {{"DFTW_MOVE_KILL_AT", "copy"}}), 128 + 9);
+  EXPECT_EQ(Status(), "moving_db");
+  EXPECT_EQ(tptest::RunProcess({kControl, "service", "--start"}).exit_status, 0);
+  EXPECT_FALSE(fs::exists(kMoveJournalPath));
+  EXPECT_EQ(CheckServes("/volume1"), "");
+  EXPECT_EQ(tptest::RunProcess({kControl, "service", "--stop"}).exit_status, 0);
+  ASSERT_EQ(ServiceStatusSet("enabled"), 0);
+
+  // Killed after the commit: the first request sees no mover, starts the
+  // recovery and is told to wait; soon the new repository serves.
+  EXPECT_EQ(RunMover({"/volume1", "/volume2"}, {{"DFTW_MOVE_KILL_AT", "committed"}}), 128 + 9);
+  const auto first = rtest::Call("KSTX.Tidepool.Config", "get", {}, rtest::LoginAs("admin"));
+  EXPECT_EQ(first.code(), 503) << first.body;
+  ASSERT_TRUE(MoveEnded());
+  EXPECT_TRUE(tptest::Eventually([] { return !fs::exists(kMoveJournalPath); }));
+  EXPECT_EQ(CheckServes("/volume2"), "");
+  EXPECT_FALSE(fs::exists("/volume1/@tidepool/user-db.sqlite"));
+}
+
 }  // namespace

@@ -60,6 +60,9 @@ constexpr int kQuiesceWaitS = 60;
 // What stays behind: the version content belongs to its volume, and the
 // working folder holds only temporary files.
 constexpr const char* kStays[] = {"@sync", "@tmp", kStaging};
+// The office service's documents, found beside the repository's volume
+// folder: they move with it.
+constexpr const char* kOffice = "@tidepool-office";
 
 // The journal: what recovery needs to finish or undo the move.
 struct Journal {
@@ -72,6 +75,13 @@ struct Journal {
 
   std::string OldRepo() const { return old_volume + "/@tidepool"; }
   std::string NewRepo() const { return new_volume + "/@tidepool"; }
+  // The office documents sit beside the repository, not in it.
+  std::string OldPath(const std::string& name) const {
+    return name == kOffice ? old_volume + "/" + name : OldRepo() + "/" + name;
+  }
+  std::string NewPath(const std::string& name) const {
+    return name == kOffice ? new_volume + "/" + name : NewRepo() + "/" + name;
+  }
 };
 
 int Save(const Journal& j) {
@@ -169,7 +179,7 @@ std::set<std::pair<dev_t, ino_t>> MovingInodes(const Journal& j) {
   std::set<std::pair<dev_t, ino_t>> inodes;
   std::error_code ec;
   for (const std::string& name : j.names) {
-    const fs::path top = fs::path(j.OldRepo()) / name;
+    const fs::path top = j.OldPath(name);
     struct stat st {};
     if (lstat(top.c_str(), &st) == 0) inodes.emplace(st.st_dev, st.st_ino);
     if (!S_ISDIR(st.st_mode)) continue;
@@ -222,15 +232,18 @@ void ListMoving(Journal& j) {
     bool stays = name.rfind(".moved-aside-", 0) == 0 ||
                  (name.size() > 4 && name.compare(name.size() - 4, 4, "-shm") == 0);
     for (const char* kept : kStays) stays |= name == kept;
-    if (!stays) j.names.push_back(name);
+    if (!stays && name != kOffice) j.names.push_back(name);
   }
+  struct stat st {};
+  if (lstat(j.OldPath(kOffice).c_str(), &st) == 0 && S_ISDIR(st.st_mode))
+    j.names.push_back(kOffice);
 }
 
 int Checkpoint(const Journal& j, std::string& error) {
   KillPoint("checkpoint");
   std::error_code ec;
   for (const std::string& name : j.names) {
-    const fs::path top = fs::path(j.OldRepo()) / name;
+    const fs::path top = j.OldPath(name);
     std::vector<fs::path> files;
     if (fs::is_directory(fs::symlink_status(top))) {
       for (const auto& entry : fs::recursive_directory_iterator(top, ec)) {
@@ -262,7 +275,7 @@ uint64_t TotalBytes(const Journal& j) {
   uint64_t total = 0;
   std::error_code ec;
   for (const std::string& name : j.names) {
-    const fs::path top = fs::path(j.OldRepo()) / name;
+    const fs::path top = j.OldPath(name);
     if (fs::is_regular_file(fs::symlink_status(top))) total += fs::file_size(top, ec);
     if (!fs::is_directory(fs::symlink_status(top))) continue;
     for (const auto& entry : fs::recursive_directory_iterator(top, ec)) {
@@ -288,7 +301,8 @@ int Copy(Journal& j, mover::Sums& sums, std::string& error) {
   }
   const int new_fd = OpenDir(j.NewRepo());
   const int old_fd = OpenDir(j.OldRepo());
-  if (new_fd < 0 || old_fd < 0) {
+  const int old_volume_fd = OpenDir(j.old_volume);
+  if (new_fd < 0 || old_fd < 0 || old_volume_fd < 0) {
     error = std::string("cannot open the repository folders: ") + strerror(errno);
     return -1;
   }
@@ -313,7 +327,8 @@ int Copy(Journal& j, mover::Sums& sums, std::string& error) {
   }
   for (const std::string& name : j.names) {
     if (rc < 0) break;
-    rc = mover::CopyTree(old_fd, staging_fd, name, sums, bytes, report, error);
+    rc = mover::CopyTree(name == kOffice ? old_volume_fd : old_fd, staging_fd, name, sums, bytes,
+                         report, error);
   }
   if (rc == 0 && syncfs(staging_fd) != 0) {
     error = std::string("cannot flush the copy: ") + strerror(errno);
@@ -321,7 +336,7 @@ int Copy(Journal& j, mover::Sums& sums, std::string& error) {
   }
   reported = 0;
   report(bytes);
-  for (int fd : {progress_fd, staging_fd, old_fd, new_fd}) {
+  for (int fd : {progress_fd, staging_fd, old_fd, old_volume_fd, new_fd}) {
     if (fd >= 0) close(fd);
   }
   return rc < 0 ? -1 : 0;
@@ -362,7 +377,7 @@ int Switch(Journal& j, std::string& error) {
   if (Save(j) < 0) return -1;
   const std::string repo = j.NewRepo();
   for (const std::string& name : j.names) {
-    const std::string there = repo + "/" + name;
+    const std::string there = j.NewPath(name);
     struct stat st {};
     if (lstat(there.c_str(), &st) == 0) {
       // A repository used on this volume before: kept, not deleted.
@@ -396,10 +411,12 @@ int Commit(Journal& j) {
 void Cleanup(const Journal& j) {
   KillPoint("cleanup");
   const int old_fd = OpenDir(j.OldRepo());
+  const int old_volume_fd = OpenDir(j.old_volume);
   const int new_fd = OpenDir(j.NewRepo());
-  if (old_fd >= 0) {
+  if (old_fd >= 0 && old_volume_fd >= 0) {
     for (const std::string& name : j.names) {
-      if (const int rc = mover::RemoveTree(old_fd, name); rc < 0) {
+      if (const int rc = mover::RemoveTree(name == kOffice ? old_volume_fd : old_fd, name);
+          rc < 0) {
         Say("cannot remove the old ", j.OldRepo() + "/" + name + ": " + strerror(-rc));
       }
       unlinkat(old_fd, (name + "-shm").c_str(), 0);
@@ -409,7 +426,7 @@ void Cleanup(const Journal& j) {
     mover::RemoveTree(new_fd, kStaging);
     unlinkat(new_fd, j.aside.c_str(), AT_REMOVEDIR);  // only when nothing was set aside
   }
-  for (int fd : {old_fd, new_fd}) {
+  for (int fd : {old_fd, old_volume_fd, new_fd}) {
     if (fd >= 0) close(fd);
   }
 }
@@ -431,7 +448,7 @@ void Undo(const Journal& j) {
   if (j.phase == "switching" || j.phase == "switched") {
     mkdir(staging.c_str(), 0700);
     for (const std::string& name : j.names) {
-      const std::string there = repo + "/" + name;
+      const std::string there = j.NewPath(name);
       const std::string staged = staging + "/" + name;
       const std::string aside = repo + "/" + j.aside + "/" + name;
       struct stat st {};
@@ -506,6 +523,13 @@ int Move(const std::string& old_volume, const std::string& new_volume) {
   // onto the volume that already holds it does nothing.
   if (!config.IsLoaded() || config.GetSysShareBin() != old_volume || old_volume == new_volume) {
     Say("the repository is not on ", old_volume + "; nothing moved");
+    // The request that started this mover announced a move; with no journal
+    // there is none to wait for.
+    std::string status;
+    if (access(kMoveJournalPath, F_OK) != 0 && ServiceStatusGet(status, false) == 0 &&
+        status == "moving_db") {
+      ServiceStatusSet("enabled");
+    }
     return 1;
   }
   if (access(kMoveJournalPath, F_OK) == 0) {

@@ -65,6 +65,8 @@ TEST_F(MoveTest, AKillInAnyPhaseIsRecoveredToExactlyOneWholeRepository) {
       {"switch", "/volume1"},     {"switch-one", "/volume1"}, {"commit", "/volume1"},
       {"committed", "/volume2"},  {"cleanup", "/volume2"},    {"finish", "/volume2"},
   };
+  fs::create_directories("/volume1/@tidepool-office");
+  std::ofstream("/volume1/@tidepool-office/doc.odt") << "office bytes\n";
   for (const KillCase& c : cases) {
     SCOPED_TRACE(c.phase);
     // Each case starts from the repository on /volume1 and a target that
@@ -91,6 +93,9 @@ TEST_F(MoveTest, AKillInAnyPhaseIsRecoveredToExactlyOneWholeRepository) {
     EXPECT_FALSE(fs::exists(other + "/@tidepool/log-db.sqlite"));
     EXPECT_FALSE(fs::exists(other + "/@tidepool/views"));
     EXPECT_FALSE(fs::exists("/volume2/@tidepool/.move-staging"));
+    // The office documents go where the repository goes.
+    EXPECT_EQ(Read(std::string(c.holds) + "/@tidepool-office/doc.odt"), "office bytes\n");
+    EXPECT_FALSE(fs::exists(other + "/@tidepool-office"));
     // Version content never moves; the target's own store is untouched.
     EXPECT_TRUE(fs::exists("/volume1/@tidepool/@sync"));
     EXPECT_EQ(Read("/volume2/@tidepool/@sync/file-db.sqlite"), "volume2's own store\n");

@@ -88,7 +88,7 @@ int CopyMeta(int from, int to, const struct stat& st) {
 
 int CopyFile(int from_dir, int to_dir, const std::string& name, const std::string& rel,
              const struct stat& st, Sums& sums, uint64_t& bytes, const Progress& progress,
-             std::string& error) {
+             const Copied& copied, std::string& error) {
   Fd in(openat(from_dir, name.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
   if (in.fd < 0) return Fail(error, rel, errno);
   Fd out(openat(to_dir, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
@@ -114,18 +114,19 @@ int CopyFile(int from_dir, int to_dir, const std::string& name, const std::strin
     if (progress) progress(bytes);
   }
   if (const int rc = CopyMeta(in.fd, out.fd, st); rc < 0) return Fail(error, rel, -rc);
-  sums[rel] = FileSum{size, sha.Hex()};
+  const FileSum& sum = sums[rel] = FileSum{size, sha.Hex()};
+  if (copied) copied(rel, sum);
   return 0;
 }
 
 int CopyEntry(int from_dir, int to_dir, const std::string& name, const std::string& rel, Sums& sums,
-              uint64_t& bytes, const Progress& progress, std::string& error) {
+              uint64_t& bytes, const Progress& progress, const Copied& copied, std::string& error) {
   struct stat st {};
   if (fstatat(from_dir, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
     return Fail(error, rel, errno);
   }
   if (S_ISREG(st.st_mode)) {
-    return CopyFile(from_dir, to_dir, name, rel, st, sums, bytes, progress, error);
+    return CopyFile(from_dir, to_dir, name, rel, st, sums, bytes, progress, copied, error);
   }
   if (S_ISLNK(st.st_mode)) {
     char target[4096];
@@ -157,7 +158,8 @@ int CopyEntry(int from_dir, int to_dir, const std::string& name, const std::stri
   }
   closedir(dir);
   for (const std::string& child : names) {
-    const int rc = CopyEntry(in.fd, out.fd, child, rel + "/" + child, sums, bytes, progress, error);
+    const int rc =
+        CopyEntry(in.fd, out.fd, child, rel + "/" + child, sums, bytes, progress, copied, error);
     if (rc < 0) return rc;
   }
   // Last, so that the files written inside do not change the folder's times.
@@ -168,35 +170,40 @@ int CopyEntry(int from_dir, int to_dir, const std::string& name, const std::stri
 }  // namespace
 
 int CopyTree(int from_fd, int to_fd, const std::string& name, Sums& sums, uint64_t& bytes,
-             const Progress& progress, std::string& error) {
-  return CopyEntry(from_fd, to_fd, name, name, sums, bytes, progress, error);
+             const Progress& progress, const Copied& copied, std::string& error) {
+  return CopyEntry(from_fd, to_fd, name, name, sums, bytes, progress, copied, error);
 }
 
-int VerifyTree(int root_fd, const Sums& sums, std::string& error) {
+int VerifyFile(int root_fd, const std::string& rel, const FileSum& sum, std::string& error) {
+  Fd in(openat(root_fd, rel.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+  if (in.fd < 0) {
+    error = rel + ": " + strerror(errno);
+    return -1;
+  }
   std::unique_ptr<char[]> buffer(new char[kBlock]);
-  for (const auto& [rel, sum] : sums) {
-    Fd in(openat(root_fd, rel.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
-    if (in.fd < 0) {
+  Sha256 sha;
+  uint64_t size = 0;
+  for (;;) {
+    const ssize_t got = read(in.fd, buffer.get(), kBlock);
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0) {
       error = rel + ": " + strerror(errno);
       return -1;
     }
-    Sha256 sha;
-    uint64_t size = 0;
-    for (;;) {
-      const ssize_t got = read(in.fd, buffer.get(), kBlock);
-      if (got < 0 && errno == EINTR) continue;
-      if (got < 0) {
-        error = rel + ": " + strerror(errno);
-        return -1;
-      }
-      if (got == 0) break;
-      sha.Update(buffer.get(), static_cast<size_t>(got));
-      size += static_cast<uint64_t>(got);
-    }
-    if (size != sum.size || sha.Hex() != sum.sha256) {
-      error = rel + ": the copy differs from the original";
-      return -1;
-    }
+    if (got == 0) break;
+    sha.Update(buffer.get(), static_cast<size_t>(got));
+    size += static_cast<uint64_t>(got);
+  }
+  if (size != sum.size || sha.Hex() != sum.sha256) {
+    error = rel + ": the copy differs from the original";
+    return -1;
+  }
+  return 0;
+}
+
+int VerifyTree(int root_fd, const Sums& sums, std::string& error) {
+  for (const auto& [rel, sum] : sums) {
+    if (VerifyFile(root_fd, rel, sum, error) < 0) return -1;
   }
   return 0;
 }

@@ -21,6 +21,8 @@ using Sums = std::map<std::string, FileSum>;
 
 // Called after each block written, with the bytes copied so far.
 using Progress = std::function<void(uint64_t)>;
+// Called after each file copied, with its relative path and sum.
+using Copied = std::function<void(const std::string&, const FileSum&)>;
 
 // Copies the entry `name` of the folder `from_fd` into the folder `to_fd`
 // (which must not hold it yet), recursively, never following a link.
@@ -28,7 +30,11 @@ using Progress = std::function<void(uint64_t)>;
 // 0, or -errno of the first failure (ENOSPC for a full volume), with
 // `error` naming the path.
 int CopyTree(int from_fd, int to_fd, const std::string& name, Sums& sums, uint64_t& bytes,
-             const Progress& progress, std::string& error);
+             const Progress& progress, const Copied& copied, std::string& error);
+
+// Reads the file `rel` beneath `root_fd` again and compares its size and
+// digest with `sum`. 0, or -1 with `error` saying what differs.
+int VerifyFile(int root_fd, const std::string& rel, const FileSum& sum, std::string& error);
 
 // Reads every file of `sums` again beneath `root_fd` and compares its size
 // and digest. 0, or -1 with `error` naming the first difference.

@@ -30,15 +30,19 @@
 #include <SQLiteCpp/Statement.h>
 
 #include <cerrno>
+#include <condition_variable>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <deque>
 #include <filesystem>
 #include <map>
+#include <mutex>
 #include <set>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -285,7 +289,80 @@ uint64_t TotalBytes(const Journal& j) {
   return total;
 }
 
-int Copy(Journal& j, mover::Sums& sums, std::string& error) {
+// Checks each copied file on a thread of its own while the next one is
+// copied: its bytes against the digest taken while reading the original,
+// and a database with PRAGMA quick_check. The first failure stops it.
+class Verifier {
+ public:
+  explicit Verifier(std::string staging) : staging_(std::move(staging)) {
+    thread_ = std::thread([this] { Run(); });
+  }
+  ~Verifier() {
+    if (thread_.joinable()) Wait();
+  }
+  void Add(const std::string& rel, const mover::FileSum& sum) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    queue_.emplace_back(rel, sum);
+    ready_.notify_one();
+  }
+  // Waits for every file added; 0, or -1 with the first failure.
+  int Wait() {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      closed_ = true;
+      ready_.notify_one();
+    }
+    thread_.join();
+    return error_.empty() ? 0 : -1;
+  }
+  const std::string& error() const { return error_; }
+
+ private:
+  void Run() {
+    // Opened at the first file: the folder is made once copying starts.
+    int fd = -1;
+    for (;;) {
+      std::pair<std::string, mover::FileSum> item;
+      {
+        std::unique_lock<std::mutex> lock(mutex_);
+        ready_.wait(lock, [this] { return closed_ || !queue_.empty(); });
+        if (queue_.empty()) break;
+        item = std::move(queue_.front());
+        queue_.pop_front();
+      }
+      if (!error_.empty()) continue;  // drained, no longer checked
+      if (fd < 0) fd = OpenDir(staging_);
+      if (fd < 0) {
+        error_ = "cannot open the staging folder";
+      } else if (mover::VerifyFile(fd, item.first, item.second, error_) == 0) {
+        CheckDatabase(item.first);
+      }
+    }
+    if (fd >= 0) close(fd);
+  }
+  void CheckDatabase(const std::string& rel) {
+    if (fs::path(rel).extension() != ".sqlite") return;
+    try {
+      SQLite::Database db(staging_ + "/" + rel, SQLite::OPEN_READONLY);
+      SQLite::Statement check(db, "PRAGMA quick_check");
+      if (!check.executeStep() || check.getColumn(0).getString() != "ok") {
+        error_ = rel + ": the copied database is damaged";
+      }
+    } catch (const SQLite::Exception& e) {
+      error_ = rel + ": " + e.what();
+    }
+  }
+
+  std::string staging_;
+  std::thread thread_;
+  std::mutex mutex_;
+  std::condition_variable ready_;
+  std::deque<std::pair<std::string, mover::FileSum>> queue_;
+  bool closed_ = false;
+  std::string error_;  // written by the thread only, read after Wait
+};
+
+int Copy(Journal& j, mover::Sums& sums, Verifier& verifier, std::string& error) {
   KillPoint("copy");
   j.phase = "copying";
   if (Save(j) < 0) return -1;
@@ -327,8 +404,9 @@ int Copy(Journal& j, mover::Sums& sums, std::string& error) {
   }
   for (const std::string& name : j.names) {
     if (rc < 0) break;
-    rc = mover::CopyTree(name == kOffice ? old_volume_fd : old_fd, staging_fd, name, sums, bytes,
-                         report, error);
+    rc = mover::CopyTree(
+        name == kOffice ? old_volume_fd : old_fd, staging_fd, name, sums, bytes, report,
+        [&](const std::string& rel, const mover::FileSum& sum) { verifier.Add(rel, sum); }, error);
   }
   if (rc == 0 && syncfs(staging_fd) != 0) {
     error = std::string("cannot flush the copy: ") + strerror(errno);
@@ -342,32 +420,11 @@ int Copy(Journal& j, mover::Sums& sums, std::string& error) {
   return rc < 0 ? -1 : 0;
 }
 
-int Verify(Journal& j, const mover::Sums& sums, std::string& error) {
+int Verify(Verifier& verifier, std::string& error) {
   KillPoint("verify");
-  const std::string staging = j.NewRepo() + "/" + kStaging;
-  const int fd = OpenDir(staging);
-  if (fd < 0) {
-    error = "cannot open the staging folder";
-    return -1;
-  }
-  const int rc = mover::VerifyTree(fd, sums, error);
-  close(fd);
-  if (rc < 0) return -1;
-  for (const auto& [rel, sum] : sums) {
-    if (fs::path(rel).extension() != ".sqlite") continue;
-    try {
-      SQLite::Database db(staging + "/" + rel, SQLite::OPEN_READONLY);
-      SQLite::Statement check(db, "PRAGMA quick_check");
-      if (!check.executeStep() || check.getColumn(0).getString() != "ok") {
-        error = rel + ": the copied database is damaged";
-        return -1;
-      }
-    } catch (const SQLite::Exception& e) {
-      error = rel + ": " + e.what();
-      return -1;
-    }
-  }
-  return 0;
+  if (verifier.Wait() == 0) return 0;
+  error = verifier.error();
+  return -1;
 }
 
 int Switch(Journal& j, std::string& error) {
@@ -508,6 +565,17 @@ int Fail(Journal& j, const std::string& reason) {
   return 1;
 }
 
+// Seconds since the previous call, for the phase lines of a run by hand.
+double Lap() {
+  static struct timespec last {};
+  struct timespec now {};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  const double seconds = static_cast<double>(now.tv_sec - last.tv_sec) +
+                         static_cast<double>(now.tv_nsec - last.tv_nsec) / 1e9;
+  last = now;
+  return seconds;
+}
+
 int Move(const std::string& old_volume, const std::string& new_volume) {
   KillPoint("lock");
   const int lock = TakeLock();
@@ -541,20 +609,38 @@ int Move(const std::string& old_volume, const std::string& new_volume) {
     return 1;
   }
   std::string error;
+  // Each phase's time on standard error, for whoever runs the mover by hand.
+  auto done = [](const char* phase) {
+    fprintf(stderr, "DFTWVolChange: %s %.2f s\n", phase, Lap());
+  };
+  Lap();
   if (StopService(j) < 0) return Fail(j, "cannot stop the daemon");
+  done("stop");
   ListMoving(j);
   if (Quiesce(j, error) < 0) return Fail(j, error);
+  done("quiesce");
   if (Checkpoint(j, error) < 0) return Fail(j, error);
+  done("checkpoint");
   // A checkpoint may remove a database's emptied write-ahead log.
   ListMoving(j);
   if (Save(j) < 0) return Fail(j, "cannot write the journal");
   mover::Sums sums;
-  if (Copy(j, sums, error) < 0) return Fail(j, error);
-  if (Verify(j, sums, error) < 0) return Fail(j, error);
+  Verifier verifier(j.NewRepo() + "/" + kStaging);
+  if (Copy(j, sums, verifier, error) < 0) {
+    verifier.Wait();
+    return Fail(j, error);
+  }
+  done("copy");
+  if (Verify(verifier, error) < 0) return Fail(j, error);
+  done("verify");
   if (Switch(j, error) < 0) return Fail(j, error);
+  done("switch");
   if (Commit(j) < 0) return Fail(j, "cannot write the configuration");
+  done("commit");
   Cleanup(j);
+  done("cleanup");
   Finish(j, true);
+  done("finish");
   WriteRecord(j.new_volume, j, "");
   return 0;
 }

@@ -145,6 +145,9 @@ struct AccountStanding {
 // 0 found, kErrNotFound, or kErrStorage; one opening of the directory.
 int LookUpStanding(uint32_t uid, AccountStanding& out);
 
+// The registered volumes by id, read-only: 0 or kErrStorage.
+int LookUpVolumes(std::vector<Volume>& out);
+
 }  // namespace hostaccounts
 
 // Whether the account has expired: 1 expired, 0 not, negative on failure.

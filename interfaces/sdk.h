@@ -77,4 +77,36 @@ class UserAppPrivilege {
   std::string ip_;
 };
 
+// The volumes that can hold data: those of the host's volume registry whose
+// mount point is present, with their space as statvfs sees it.
+struct Volume {
+  int id = 0;               // 1 for /volume1
+  std::string mount_point;  // "/volume1"
+  std::string display;      // "Volume 1"
+  std::string desc;         // the registry's description
+  uint64_t size_free = 0;   // bytes an unprivileged writer may still use
+  uint64_t size_total = 0;  // bytes
+};
+
+class VolumeService {
+ public:
+  // The present volumes by id. 0, or negative when the registry cannot be
+  // read (`out` untouched).
+  int List(std::vector<Volume>& out) const;
+};
+
 }  // namespace SDK
+
+// One volume as the mount table and the registry know it. Every field is 0
+// when the path is not a registered volume that is present.
+struct KSTXMountVolInfo {
+  int volume_present = 0;
+  int volume_type = 0;      // 1 an ordinary data volume
+  int volume_writable = 0;  // registered writable and not mounted read-only
+  uint64_t volume_free_bytes = 0;
+  uint64_t volume_total_bytes = 0;
+};
+// `path` must be the registered mount point exactly ("/volume2", not
+// "/volume2/"). 0 when the registry could be read (look at volume_present),
+// negative otherwise.
+int KSTXMountVolInfoGet(const std::string& path, KSTXMountVolInfo& out);

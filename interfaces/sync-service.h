@@ -50,6 +50,21 @@ int SyncGetConf(SyncConfigMgr& config);
 int ServiceStatusGet(std::string& status, bool from_cache);
 int ServiceStatusSet(const std::string& status);
 
+// The repository mover (DFTWVolChange) holds kMoveLockPath locked while it
+// runs and keeps its journal in kMoveJournalPath from its first step until
+// the move is finished or undone. A journal with no live mover is a move
+// cut short: `DFTWVolChange --recover` finishes or undoes it.
+inline constexpr const char* kMoveLockPath = "/var/packages/Tidepool/etc/move.lock";
+inline constexpr const char* kMoveJournalPath = "/var/packages/Tidepool/etc/move.journal";
+// The mover's bytes copied and bytes to copy, "DONE TOTAL", while it copies.
+inline constexpr const char* kMoveProgressPath = "/var/packages/Tidepool/etc/move.progress";
+inline constexpr const char* kMoverPath = "/var/packages/Tidepool/target/ui/DFTWVolChange";
+bool RepositoryMoverAlive();
+// Starts `DFTWVolChange --recover` detached when the status is "moving_db"
+// and no mover is alive; 1 when it started one, 0 when there was nothing
+// to do, negative on failure.
+int RecoverInterruptedMove();
+
 // Freeze mode: the service stops taking changes while volumes are full. The
 // state is /var/packages/Tidepool/etc/freeze, one full volume's number a line;
 // the file's presence means frozen.

@@ -90,6 +90,33 @@ int LookUpStanding(uint32_t uid, AccountStanding& out) {
       });
 }
 
+int LookUpVolumes(std::vector<Volume>& out) {
+  RootScope root;
+  try {
+    SQLite::Database db(kDefaultPath, SQLite::OPEN_READONLY, kReadBusyTimeoutMs);
+    SQLite::Statement query(
+        db, "SELECT id, path, description, type, writable FROM volumes ORDER BY id");
+    std::vector<Volume> volumes;
+    while (query.executeStep()) {
+      Volume volume;
+      volume.id = query.getColumn(0).getInt();
+      volume.path = query.getColumn(1).getString();
+      volume.description = query.getColumn(2).getString();
+      volume.type = query.getColumn(3).getInt();
+      volume.writable = query.getColumn(4).getInt() != 0;
+      // A stored path is trusted only when it names a volume mount point.
+      if (volume.path.rfind("/volume", 0) != 0 || volume.path.find('/', 1) != std::string::npos) {
+        continue;
+      }
+      volumes.push_back(std::move(volume));
+    }
+    out.swap(volumes);
+    return 0;
+  } catch (const SQLite::Exception&) {
+    return kErrStorage;
+  }
+}
+
 }  // namespace hostaccounts
 
 int KSTXUserCheckExpired(const char* user) {

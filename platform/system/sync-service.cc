@@ -4,6 +4,8 @@
 // freeze (full volumes; its presence means frozen).
 #include "sync-service.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -13,6 +15,7 @@
 #include <map>
 #include <sstream>
 
+#include "hlibc.h"
 #include "keyvalue-file.h"
 
 namespace {
@@ -136,6 +139,23 @@ int SyncFreezeSet(const std::list<int>& full_volume_ids) {
 int SyncFreezeClear() {
   if (unlink(kFreezePath) != 0 && errno != ENOENT) return -1;
   return 0;
+}
+
+bool RepositoryMoverAlive() {
+  const int fd = open(kMoveLockPath, O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+  if (fd < 0) return false;
+  // The mover holds the lock exclusively: a shared lock that cannot be had
+  // means it lives.
+  const bool alive = flock(fd, LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+  close(fd);
+  return alive;
+}
+
+int RecoverInterruptedMove() {
+  std::string status;
+  if (ServiceStatusGet(status, false) < 0) return -1;
+  if (status != "moving_db" || RepositoryMoverAlive()) return 0;
+  return HLIBCBackgroundExec(kMoverPath, "--recover", nullptr) == 0 ? 1 : -1;
 }
 
 bool ServiceSupportAppPrivilege() { return true; }

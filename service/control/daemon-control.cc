@@ -13,10 +13,12 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <map>
 #include <string>
 
 #include "driftway-client.h"
 #include "driftway-protocol.h"
+#include "keyvalue-file.h"
 #include "sync-service.h"
 
 namespace driftway {
@@ -64,6 +66,23 @@ bool WaitUntilStopped(int limit_ms) {
     SleepMs(kPollMs);
   }
   return RunningDaemonPid() == 0;
+}
+
+// A move of the repository: its volumes and phase from the journal, the
+// bytes copied so far from the mover's progress file ("DONE TOTAL").
+void PrintMove() {
+  std::map<std::string, std::string> journal;
+  if (!tpsys::ReadKeyValues(kMoveJournalPath, journal)) return;
+  printf("moving repository: %s -> %s, phase %s\n", journal["old"].c_str(), journal["new"].c_str(),
+         journal["phase"].c_str());
+  std::string progress;
+  unsigned long long done = 0, total = 0;
+  if (tpsys::ReadWholeFile(kMoveProgressPath, progress) &&
+      sscanf(progress.c_str(), "%llu %llu", &done, &total) == 2) {
+    printf("copied: %llu of %llu bytes\n", done, total);
+  }
+  printf(RepositoryMoverAlive() ? "mover: running\n"
+                                : "mover: not running (the daemon's start recovers the move)\n");
 }
 
 }  // namespace
@@ -135,6 +154,7 @@ int PrintStatus() {
   std::string status;
   if (ServiceStatusGet(status, false) < 0) status = "unknown";
   printf("status: %s\n", status.c_str());
+  PrintMove();
   const pid_t pid = RunningDaemonPid();
   if (pid == 0) {
     printf("driftway: not running\n");

@@ -22,6 +22,7 @@
 #include "db/log-types.h"
 #include "driftway-protocol.h"
 #include "event-loop.h"
+#include "hlibc.h"
 #include "job-queue.h"
 #include "job-worker.h"
 #include "logger.h"
@@ -134,7 +135,21 @@ void LogServiceEvent(bool started) {
   if (db::LogManager::InsertLog(log) != 0) LOG_WARNING("cannot write the service's log record\n");
 }
 
+// A move of the repository cut short is finished or undone before the
+// daemon opens any database, so that it opens the authoritative one.
+bool SettleRepositoryMove() {
+  std::string status;
+  if (ServiceStatusGet(status, false) < 0 || status != "moving_db") return true;
+  if (RepositoryMoverAlive()) {
+    fprintf(stderr, "driftway: the repository is moving\n");
+    return false;
+  }
+  LOG_ERROR("recovering a move of the repository cut short\n");
+  return HLIBCExec(kMoverPath, "--recover", "--no-start", nullptr) == 0;
+}
+
 int Run() {
+  if (!SettleRepositoryMove()) return 1;
   PidFile pidfile;
   if (pidfile.Acquire(driftway::kPidFile) < 0) return 1;
 

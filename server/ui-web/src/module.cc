@@ -4,6 +4,8 @@
 
 #include "bridge/webapi-bridge.h"
 #include "handlers/check-user.h"
+#include "handlers/config/get.h"
+#include "handlers/config/set.h"
 #include "handlers/dbusage/get.h"
 #include "handlers/dbusage/start.h"
 #include "handlers/dbusage/status.h"
@@ -136,6 +138,8 @@ void Process(KSTX::APIRequest* request, KSTX::APIResponse* response) {
   bridge.AddHandler(new ShareListActiveHandler);
   bridge.AddHandler(new ShareListHandler);
   bridge.AddHandler(new ShareSetHandler);
+  bridge.AddHandler(new ConfigGetHandler);
+  bridge.AddHandler(new ConfigSetHandler);
   bridge.Process();
 }
 

@@ -86,6 +86,11 @@ int RequestHandler::CheckServiceStatus(const RequestAuthentication&, BridgeReque
       return RESPONSE_FAIL(response, 401, "failed to get status");
     }
     if (status == "moving_db") {
+      // A move whose mover died is finished or undone by a recovery: without
+      // it the service would answer 503 for good.
+      IF_RUN_AS(0, 0) {
+        if (RecoverInterruptedMove() > 0) LOG_ERROR("Started the recovery of a cut-short move\n");
+      }
       LOG_ERROR("Repo of Driftway is moving and you shall not do any action!\n");
       return RESPONSE_FAIL(response, 503, "repository is moving");
     }

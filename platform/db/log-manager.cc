@@ -27,6 +27,8 @@
 #include <algorithm>
 #include <climits>
 #include <ctime>
+#include <map>
+#include <memory>
 
 #include "db/errors.h"
 #include "sqlite-handle.h"
@@ -80,9 +82,47 @@ constexpr int kKeywordIndexCap = 5000;
 constexpr int kDefaultCount = 1000000;
 constexpr int kDefaultSpan = 2592000;  // thirty days
 
-std::unique_ptr<SQLite::Database>& Handle() {
-  static std::unique_ptr<SQLite::Database> handle;
-  return handle;
+// The process-wide handle and its statements, prepared once: the sync
+// service writes a record for every change it versions, and preparing the
+// insert and its rotation queries cost more than running them. The
+// statements are declared last, so that they are finalized before the
+// handle closes, also when the process ends.
+struct Kept {
+  std::unique_ptr<SQLite::Database> handle;
+  std::map<const char*, std::unique_ptr<SQLite::Statement>> statements;
+};
+
+Kept& KeptLog() {
+  static Kept kept;
+  return kept;
+}
+
+std::unique_ptr<SQLite::Database>& Handle() { return KeptLog().handle; }
+
+std::map<const char*, std::unique_ptr<SQLite::Statement>>& Statements() {
+  return KeptLog().statements;
+}
+
+// `sql` is a literal: its address names the statement. Reset, with no
+// values bound, for each use.
+SQLite::Statement& Prepared(const char* sql) {
+  std::unique_ptr<SQLite::Statement>& statement = Statements()[sql];
+  if (!statement) {
+    statement = std::make_unique<SQLite::Statement>(*Handle(), sql);
+  } else {
+    statement->reset();
+    statement->clearBindings();
+  }
+  return *statement;
+}
+
+// A meta value of the log, or `fallback`.
+std::string Meta(const char* key, const std::string& fallback) {
+  SQLite::Statement& q = Prepared("SELECT value FROM meta WHERE key = ?");
+  q.bind(1, key);
+  std::string value = q.executeStep() ? q.getColumn(0).getString() : fallback;
+  q.reset();
+  return value;
 }
 
 // Arguments as "<length>:<bytes>" one after the other, so any byte may
@@ -121,8 +161,8 @@ int GetSetting(const char* enabled_key, const char* value_key, int fallback, boo
                int& value) {
   if (!Handle()) return kErrInvalid;
   return internal::Guard("log setting", [&]() -> int {
-    enabled = internal::GetMeta(*Handle(), enabled_key, "0") == "1";
-    std::string text = internal::GetMeta(*Handle(), value_key, std::to_string(fallback));
+    enabled = Meta(enabled_key, "0") == "1";
+    std::string text = Meta(value_key, std::to_string(fallback));
     char* end = nullptr;
     long v = std::strtol(text.c_str(), &end, 10);
     if (text.empty() || *end != '\0' || v < 0 || v > INT_MAX) return static_cast<int>(kErrCorrupt);
@@ -246,7 +286,10 @@ int LogManager::Initialize(const std::string& /*repo_location*/, const std::stri
   return internal::OpenProcessWide(Handle(), connect_param, backend, kFileName, migrations);
 }
 
-void LogManager::Destroy() { Handle().reset(); }
+void LogManager::Destroy() {
+  Statements().clear();
+  Handle().reset();
+}
 
 bool LogManager::IsInitialized() { return Handle() != nullptr; }
 
@@ -266,11 +309,11 @@ int LogManager::InsertLog(Log& log) {
     SQLite::Database& db = *Handle();
     db.exec("SAVEPOINT log");
     try {
-      SQLite::Statement q(db,
-                          "INSERT INTO logs(type, time, user_id, user_name, view_id, share_name, "
-                          "share_type, target_view_id, target_share_name, target_share_type, "
-                          "p_args, s_args, search_text) VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, "
-                          "?, ?)");
+      SQLite::Statement& q = Prepared(
+          "INSERT INTO logs(type, time, user_id, user_name, view_id, share_name, "
+          "share_type, target_view_id, target_share_name, target_share_type, "
+          "p_args, s_args, search_text) VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, "
+          "?, ?)");
       auto id64 = [](uint64_t v) {
         return static_cast<int64_t>(v > static_cast<uint64_t>(LLONG_MAX) ? LLONG_MAX : v);
       };
@@ -290,19 +333,21 @@ int LogManager::InsertLog(Log& log) {
       q.bind(13, Lower(search));
       q.exec();
       if (span_on) {
-        SQLite::Statement old(db, "DELETE FROM logs WHERE time < ?");
+        SQLite::Statement& old = Prepared("DELETE FROM logs WHERE time < ?");
         old.bind(1, static_cast<int64_t>(time(nullptr)) - span);
         old.exec();
       }
       if (count_on) {
         // Row ids only grow: their span bounds the number of records, so
         // the exact (slower) trim runs only when it may be needed.
-        SQLite::Statement bounds(db, "SELECT ifnull(max(id) - min(id) + 1, 0) FROM logs");
+        SQLite::Statement& bounds = Prepared("SELECT ifnull(max(id) - min(id) + 1, 0) FROM logs");
         bounds.executeStep();
-        if (bounds.getColumn(0).getInt64() > count) {
-          SQLite::Statement trim(db,
-                                 "DELETE FROM logs WHERE id IN (SELECT id FROM logs ORDER BY "
-                                 "time DESC, id DESC LIMIT -1 OFFSET ?)");
+        const int64_t span_of_ids = bounds.getColumn(0).getInt64();
+        bounds.reset();
+        if (span_of_ids > count) {
+          SQLite::Statement& trim = Prepared(
+              "DELETE FROM logs WHERE id IN (SELECT id FROM logs ORDER BY "
+              "time DESC, id DESC LIMIT -1 OFFSET ?)");
           trim.bind(1, count);
           trim.exec();
         }

@@ -53,3 +53,8 @@ class Driftway {
 // 0 or more on success, negative on failure (also when the service is down).
 int SendUserControl(int operation, const std::string& name, unsigned int id, int rotate_cnt,
                     const std::string& rotate_policy, int rotate_days);
+
+// Tells the running sync service that profiles changed, so that their rules
+// apply from its next pass on. 0 or more on success, negative on failure
+// (also when the service is down).
+int ServiceReloadProfile();

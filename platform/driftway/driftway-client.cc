@@ -195,3 +195,11 @@ int SendUserControl(int operation, const std::string& name, unsigned int id, int
   Json::Value answer;
   return client.Call(request, answer);
 }
+
+int ServiceReloadProfile() {
+  Json::Value request(Json::objectValue);
+  request["op"] = "reload_profile";
+  Driftway client;
+  Json::Value answer;
+  return client.Call(request, answer);
+}

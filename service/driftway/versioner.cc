@@ -168,30 +168,53 @@ void Versioner::Reload() {
   std::set<uint64_t> enabled;
   for (const scan::ScanTarget& target : targets) {
     enabled.insert(target.view_id);
-    auto it = views_.find(target.view_id);
-    if (it != views_.end() && it->second == target.root_path) continue;
-    if (watcher_.AddView(target.view_id, target.root_path) < 0) {
-      LOG_WARNING("%s is not watched; the periodic rescan versions it\n", target.root_path.c_str());
-    }
-    views_[target.view_id] = target.root_path;
-    Due(target.view_id);
+    AddView(target.view_id, target.root_path);
   }
   for (auto it = views_.begin(); it != views_.end();) {
     if (enabled.count(it->first)) {
       ++it;
       continue;
     }
-    watcher_.RemoveView(it->first);
-    for (auto key = keys_.lower_bound({it->first, ""});
-         key != keys_.end() && key->first.first == it->first;) {
-      debouncer_.Forget(key->second);
-      folders_of_key_.erase(key->second);
-      key = keys_.erase(key);
-    }
-    due_.erase(it->first);
-    dirty_.erase(it->first);
-    it = views_.erase(it);
+    it = DropView(it);
   }
+  ArmTimer();
+}
+
+void Versioner::AddView(uint64_t view_id, const std::string& root) {
+  auto it = views_.find(view_id);
+  if (it != views_.end() && it->second == root) return;
+  if (watcher_.AddView(view_id, root) < 0) {
+    LOG_WARNING("%s is not watched; the periodic rescan versions it\n", root.c_str());
+  }
+  views_[view_id] = root;
+  Due(view_id);
+}
+
+std::map<uint64_t, std::string>::iterator Versioner::DropView(
+    std::map<uint64_t, std::string>::iterator it) {
+  watcher_.RemoveView(it->first);
+  for (auto key = keys_.lower_bound({it->first, ""});
+       key != keys_.end() && key->first.first == it->first;) {
+    debouncer_.Forget(key->second);
+    folders_of_key_.erase(key->second);
+    key = keys_.erase(key);
+  }
+  due_.erase(it->first);
+  dirty_.erase(it->first);
+  return views_.erase(it);
+}
+
+void Versioner::SetView(uint64_t view_id, const std::string& root, bool enabled) {
+  if (enabled && !root.empty()) {
+    AddView(view_id, root);
+  } else if (auto it = views_.find(view_id); it != views_.end()) {
+    DropView(it);
+  }
+  ArmTimer();
+}
+
+void Versioner::RescanAll() {
+  for (const auto& [view_id, root] : views_) Due(view_id);
   ArmTimer();
 }
 

@@ -132,6 +132,7 @@ int ViewScan::Run() {
       busy_.push_back(folder);
     }
   }
+  if (!target_.filter.empty()) ApplyFilter();
   int rc = scope_.empty() ? LoadLive() : LoadScope();
   if (rc < 0 || (rc = state_.Load(target_.view_id, recorded_)) < 0) return rc;
   if (view_.Reader().GetRotateCount(rotate_count_) < 0) rotate_count_ = 0;
@@ -156,7 +157,29 @@ int ViewScan::Run() {
   return commit < 0 ? commit : rc;
 }
 
+void ViewScan::ApplyFilter() {
+  // Parents come before their children, so a folder left out is known
+  // before anything below it.
+  std::vector<std::string> folders;
+  auto skipped = [&](const DiskEntry& e) {
+    for (const std::string& folder : folders)
+      if (IsUnder(e.path, folder)) return true;
+    const std::string name = e.path.substr(e.path.rfind('/') + 1);
+    const bool regular = S_ISREG(e.st.st_mode);
+    if (e.path == "/" ||
+        !target_.filter.Skips(name, regular, regular ? static_cast<uint64_t>(e.st.st_size) : 0))
+      return false;
+    filtered_.insert(e.path);
+    if (S_ISDIR(e.st.st_mode)) folders.push_back(e.path);
+    ++summary_.filtered;
+    return true;
+  };
+  entries_.erase(std::remove_if(entries_.begin(), entries_.end(), skipped), entries_.end());
+  busy_.insert(busy_.end(), folders.begin(), folders.end());
+}
+
 bool ViewScan::IsDeferred(const std::string& path) const {
+  if (filtered_.count(path)) return true;
   for (const std::string& d : deferred_)
     if (path == d || IsUnder(path, d)) return true;
   for (const std::string& b : busy_)

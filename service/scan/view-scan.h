@@ -7,6 +7,7 @@
 
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "db/view-writer.h"
@@ -64,6 +65,8 @@ class ViewScan {
   // The entry's Mac attributes, packed into one AppleDouble piece of the
   // store; the previous piece is kept when the packed bytes are the same.
   int StoreMacAttr(const DiskEntry& e, int fd, const Recorded* prev, Recorded& now);
+  // Takes out what the owner's profile leaves alone.
+  void ApplyFilter();
   // Whether `path` is, or lies under, an entry left for the next pass.
   bool IsDeferred(const std::string& path) const;
   void Defer(const DiskEntry& e);
@@ -85,6 +88,8 @@ class ViewScan {
   int rotate_count_ = 0;
   std::vector<std::string> scope_;  // empty: the whole view
   std::vector<std::string> busy_;   // folders whose contents wait
+  // Entries the profile leaves alone; folders also go to busy_.
+  std::unordered_set<std::string> filtered_;
   std::vector<DiskEntry> entries_;
   std::vector<std::string> deferred_;
   std::vector<uint64_t> node_of_;  // per entry; 0 for a new node

@@ -96,3 +96,29 @@ int KSTXUserCheckExpired(const char* user) {
   const int64_t today = static_cast<int64_t>(time(nullptr)) / 86400;
   return found.expire_day != 0 && today > found.expire_day ? 1 : 0;
 }
+
+void KSTXUsersCheckExpired(const std::vector<std::string>& users, std::vector<int>& out) {
+  out.assign(users.size(), hostaccounts::kErrStorage);
+  if (users.empty()) return;
+  const int64_t today = static_cast<int64_t>(time(nullptr)) / 86400;
+  hostaccounts::RootScope root;
+  try {
+    SQLite::Database db(hostaccounts::kDefaultPath, SQLite::OPEN_READONLY,
+                        hostaccounts::kReadBusyTimeoutMs);
+    SQLite::Statement query(
+        db, "SELECT expire_day FROM users WHERE name = ?1 OR name_key = ?2 LIMIT 1");
+    for (size_t i = 0; i < users.size(); ++i) {
+      query.reset();
+      query.bind(1, users[i]);
+      query.bind(2, hostaccounts::AsciiLower(users[i]));
+      if (!query.executeStep()) {
+        out[i] = hostaccounts::kErrNotFound;
+        continue;
+      }
+      const int64_t expire_day = query.getColumn(0).getInt64();
+      out[i] = expire_day != 0 && today > expire_day ? 1 : 0;
+    }
+  } catch (const SQLite::Exception&) {
+    // What was not answered stays a failure.
+  }
+}

@@ -268,6 +268,13 @@ TEST_F(PrivilegeTest, EnablingMakesTheHomeAndDisablingStopsItsVersioning) {
   EXPECT_EQ(listed["carol"]["status"].asString(), "normal");
   EXPECT_TRUE(listed["alice"]["enabled"].asBool());
   EXPECT_FALSE(fs::exists(home));
+  // An expired account is listed as disabled, whatever the service says.
+  ASSERT_EQ(tptest::RunProcess({"/usr/kstx/bin/kstx-admin", "user", "expire", "bob", "2001-01-01"})
+                .exit_status,
+            0);
+  listed = Listed();
+  EXPECT_EQ(listed["bob"]["status"].asString(), "disabled");
+  EXPECT_TRUE(listed["bob"]["enabled"].asBool());
 
   ASSERT_TRUE(Set("normal", UserList({{"carol", true}, {"ghost", true}})).success());
   ASSERT_TRUE(tptest::Eventually([&] { return Idle(); }));

@@ -20,7 +20,7 @@ constexpr const char* kColumns =
     "SELECT uid, name, gid, home, disabled, expire_day, app_allowed FROM users ";
 
 template <typename Bind>
-int QueryUser(const char* where, Bind bind, User& out) {
+int QueryUser(const std::string& where, Bind bind, User& out) {
   RootScope root;
   try {
     SQLite::Database db(kDefaultPath, SQLite::OPEN_READONLY, kReadBusyTimeoutMs);
@@ -48,8 +48,11 @@ int QueryUser(const char* where, Bind bind, User& out) {
 
 int LookUpUser(const std::string& name, User& out) {
   if (name.empty()) return kErrNotFound;
+  // The key is indexed and matches nearly always; the stored name only
+  // for a name whose key folds more than ASCII. An OR of the two would scan
+  // the whole directory each time.
   return QueryUser(
-      "WHERE name = ?1 OR name_key = ?2 LIMIT 1",
+      "WHERE name_key = ?2 UNION ALL " + std::string(kColumns) + "WHERE name = ?1 LIMIT 1",
       [&](SQLite::Statement& q) {
         q.bind(1, name);
         q.bind(2, AsciiLower(name));
@@ -105,8 +108,9 @@ void KSTXUsersCheckExpired(const std::vector<std::string>& users, std::vector<in
   try {
     SQLite::Database db(hostaccounts::kDefaultPath, SQLite::OPEN_READONLY,
                         hostaccounts::kReadBusyTimeoutMs);
-    SQLite::Statement query(
-        db, "SELECT expire_day FROM users WHERE name = ?1 OR name_key = ?2 LIMIT 1");
+    SQLite::Statement query(db,
+                            "SELECT expire_day FROM users WHERE name_key = ?2 UNION ALL "
+                            "SELECT expire_day FROM users WHERE name = ?1 LIMIT 1");
     for (size_t i = 0; i < users.size(); ++i) {
       query.reset();
       query.bind(1, users[i]);

@@ -49,11 +49,19 @@ names_of() {  # PREFIX N: the names, one a line
 
 now_ms() { date +%s%3N; }
 
-# Privilege.set enable_all, then status every 20 ms until "none"; prints
-# the seconds and status's p50 and max latency in ms meanwhile.
+p50_max() {  # FILE of seconds, one a line: "p50 max" in ms
+  sort -n "$1" | awk '{a[NR]=$1} END {if (NR == 0) {print "- -"; exit}
+    printf "%.1f %.1f", a[int((NR + 1) / 2)] * 1000, a[NR] * 1000}'
+}
+
+# Privilege.set enable_all, then status every 20 ms until "none", each
+# followed by a check_user under the same load; prints the seconds, status's
+# p50 and max latency in ms meanwhile, the number of polls and check_user's
+# p50 and max.
 enable_all() {
-  local start end times="$dir/status-times" answer
+  local start end times="$dir/status-times" checks="$dir/check-times" answer
   : >"$times"
+  : >"$checks"
   start=$(now_ms)
   answer=$(curl -s -b "id=$sid" -H "X-Tidepool-Token: $token" \
     --data 'api=KSTX.Tidepool.Privilege&method=set&version=1&auth_type="local"&batch_mode="enable_all"' "$api")
@@ -63,13 +71,27 @@ enable_all() {
       --data 'api=KSTX.Tidepool.Privilege&method=status&version=1' "$api")
     grep -q '"batch_mode":"none"' "$dir/status" && break
     echo "$answer" >>"$times"
+    curl -s -o /dev/null -w '%{time_total}\n' -b "id=$sid" \
+      "$api?api=KSTX.Tidepool&method=check_user&version=1" >>"$checks"
     sleep 0.02
   done
   end=$(now_ms)
-  local stats
-  stats=$(sort -n "$times" | awk '{a[NR]=$1} END {if (NR == 0) {print "- -"; exit}
-    printf "%.1f %.1f", a[int((NR + 1) / 2)] * 1000, a[NR] * 1000}')
-  echo "$(awk -v ms=$((end - start)) 'BEGIN {printf "%.2f", ms / 1000}') $stats $(wc -l <"$times")"
+  echo "$(awk -v ms=$((end - start)) 'BEGIN {printf "%.2f", ms / 1000}') $(p50_max "$times")" \
+    "$(wc -l <"$times") $(p50_max "$checks")"
+}
+
+# Seconds until the daemon has versioned the new homes: nothing waits and
+# no pass runs.
+until_idle() {
+  local start end out
+  start=$(now_ms)
+  while :; do
+    out=$("$control" service --status)
+    if [[ "$out" == *"waiting: none"* && "$out" == *"versioning: none"* ]]; then break; fi
+    sleep 0.5
+  done
+  end=$(now_ms)
+  awk -v ms=$((end - start)) 'BEGIN {printf "%.1f", ms / 1000}'
 }
 
 floor_enable() {  # PREFIX N: seconds for driftway-control in one process
@@ -86,13 +108,16 @@ echo "== admin: Privilege.set enable_all of new users, through lighttpd on 127.0
 printf '%-28s %9s %14s %14s %8s %9s\n' "" "seconds" "status p50 ms" "status max ms" "polls" "x floor"
 for n in "$small" "$large"; do
   add_users "api$n-" "$n"
-  read -r secs p50 max polls < <(enable_all)
+  read -r secs p50 max polls check50 checkmax < <(enable_all)
+  versioned=$(until_idle)
   add_users "cli$n-" "$n"
   floor=$(floor_enable "cli$n-" "$n")
   mkdir -p "$dir/files$n"
   files=$("$build/bench/bench_sqlite_files" "$dir/files$n" "$n" | awk '{print $4}')
   ratio=$(awk -v a="$secs" -v b="$floor" 'BEGIN {printf "%.2f", a / b}')
   printf '%-28s %9s %14s %14s %8s %9s\n' "enable_all $n users" "$secs" "$p50" "$max" "$polls" "$ratio"
+  printf '%-28s %9s %14s %14s\n' "  check_user meanwhile" "" "$check50" "$checkmax"
+  printf '%-28s %9s\n' "  then homes versioned in" "$versioned"
   printf '%-28s %9s\n' "  floor: driftway-control" "$floor"
   printf '%-28s %9s\n' "  floor: $n SQLite files" "$files"
 done
@@ -109,9 +134,17 @@ echo "users in the page, of them enabled: $got"
 printf '%-28s %s\n' "Privilege.list" "$("$load" 127.0.0.1 "$port" "$list" 10 1 "id=$sid")"
 printf '%-28s %s\n' "  floor: check_user" \
   "$("$load" 127.0.0.1 "$port" "/webapi/entry.cgi?api=KSTX.Tidepool&method=check_user&version=1" 50 1 "id=$sid")"
-sql=$(sqlite3 "$accounts" ".timer on" "ATTACH '$userdb' AS s;
-  SELECT count(*) FROM (SELECT u.name, o.enabled, u.expire_day FROM users u
+sql=$(python3 - "$accounts" "$userdb" "$large" <<'EOF'
+import sqlite3, sys, time
+accounts, userdb, n = sys.argv[1], sys.argv[2], int(sys.argv[3])
+db = sqlite3.connect(accounts)
+db.execute("ATTACH ? AS s", (userdb,))
+start = time.perf_counter()
+rows = db.execute("""SELECT u.name, o.enabled, u.expire_day FROM users u
     LEFT JOIN s.owners o ON o.name = u.name AND o.user_type != 1
-    WHERE u.app_allowed = 1 ORDER BY u.name_key LIMIT $large);" | sed -n 's/^Run Time: real \([0-9.]*\).*/\1/p' | tail -1)
-printf '%-28s %s ms\n' "  floor: one SQL listing" "$(awk -v s="$sql" 'BEGIN {printf "%.1f", s * 1000}')"
+    WHERE u.app_allowed != 0 AND u.disabled = 0 ORDER BY u.name_key LIMIT ?""", (n,)).fetchall()
+print("%.1f ms for %d rows" % ((time.perf_counter() - start) * 1000, len(rows)))
+EOF
+)
+printf '%-28s %s\n' "  floor: one SQL listing" "$sql"
 rm -rf "$dir"

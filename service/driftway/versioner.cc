@@ -180,14 +180,18 @@ void Versioner::Reload() {
   ArmTimer();
 }
 
-void Versioner::AddView(uint64_t view_id, const std::string& root) {
+bool Versioner::WatchView(uint64_t view_id, const std::string& root) {
   auto it = views_.find(view_id);
-  if (it != views_.end() && it->second == root) return;
+  if (it != views_.end() && it->second == root) return false;
   if (watcher_.AddView(view_id, root) < 0) {
     LOG_WARNING("%s is not watched; the periodic rescan versions it\n", root.c_str());
   }
   views_[view_id] = root;
-  Due(view_id);
+  return true;
+}
+
+void Versioner::AddView(uint64_t view_id, const std::string& root) {
+  if (WatchView(view_id, root)) Due(view_id);
 }
 
 std::map<uint64_t, std::string>::iterator Versioner::DropView(
@@ -201,12 +205,16 @@ std::map<uint64_t, std::string>::iterator Versioner::DropView(
   }
   due_.erase(it->first);
   dirty_.erase(it->first);
+  enabled_lately_.erase(it->first);
   return views_.erase(it);
 }
 
 void Versioner::SetView(uint64_t view_id, const std::string& root, bool enabled) {
   if (enabled && !root.empty()) {
-    AddView(view_id, root);
+    if (WatchView(view_id, root)) {
+      enabled_lately_.insert(view_id);
+      enabled_quiet_at_ = Clock::now() + options_.quiet;
+    }
   } else if (auto it = views_.find(view_id); it != views_.end()) {
     DropView(it);
   }
@@ -248,6 +256,10 @@ void Versioner::OnTimer() {
     dirty_[view_id].insert(folder);
     due_.insert(view_id);
   }
+  if (!enabled_lately_.empty() && now >= enabled_quiet_at_) {
+    for (uint64_t view_id : enabled_lately_) Due(view_id);
+    enabled_lately_.clear();
+  }
   if (now >= next_rescan_) {
     Reload();
     for (const auto& [view_id, root] : views_) Due(view_id);
@@ -264,6 +276,7 @@ void Versioner::ArmTimer() {
   auto next = next_rescan_;
   if (const auto due = debouncer_.NextDue()) next = std::min(next, *due);
   if (frozen_) next = std::min(next, frozen_check_);
+  if (!enabled_lately_.empty()) next = std::min(next, enabled_quiet_at_);
   if (!due_.empty() && child_ < 0 && !frozen_) next = now;
   const auto wait = std::max<Clock::duration>(next - now, std::chrono::milliseconds(1));
   const auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(wait).count();
@@ -417,6 +430,7 @@ Json::Value Versioner::Status() const {
     views.append(view);
   }
   std::set<uint64_t> waiting(due_);
+  waiting.insert(enabled_lately_.begin(), enabled_lately_.end());
   for (uint64_t key : debouncer_.PendingViews()) {
     const auto found = folders_of_key_.find(key);
     if (found != folders_of_key_.end()) waiting.insert(found->second.first);

@@ -68,6 +68,8 @@ class Versioner {
  private:
   void OnTimer();
   void AddView(uint64_t view_id, const std::string& root);
+  // Starts watching; false when the view was watched at that root already.
+  bool WatchView(uint64_t view_id, const std::string& root);
   // Forgets the view and whatever of it waits.
   std::map<uint64_t, std::string>::iterator DropView(std::map<uint64_t, std::string>::iterator it);
   void ArmTimer();
@@ -85,6 +87,12 @@ class Versioner {
   watch::Debouncer debouncer_;
   std::map<uint64_t, std::string> views_;  // view id -> root
   std::set<uint64_t> due_;                 // waiting for the next pass
+  // Views enabled one at a time, as a batch of users enables them: they are
+  // versioned together once enabling has been quiet for the quiet time, so
+  // that the batch does not wait for passes over the homes it just made
+  // (and the periodic rescan takes them, should enabling never fall quiet).
+  std::set<uint64_t> enabled_lately_;
+  std::chrono::steady_clock::time_point enabled_quiet_at_;
   // Per view, the folders due in the next pass ("/" for all).
   std::map<uint64_t, std::set<std::string>> dirty_;
   // Quiet is judged per folder, so that a busy folder does not hold back

@@ -54,7 +54,7 @@ p50_max() {  # FILE of seconds, one a line: "p50 max" in ms
     printf "%.1f %.1f", a[int((NR + 1) / 2)] * 1000, a[NR] * 1000}'
 }
 
-# Privilege.set enable_all, then status every 20 ms until "none", each
+# Privilege.set enable_all, then status every 100 ms until "none", each
 # followed by a check_user under the same load; prints the seconds, status's
 # p50 and max latency in ms meanwhile, the number of polls and check_user's
 # p50 and max.
@@ -73,7 +73,7 @@ enable_all() {
     echo "$answer" >>"$times"
     curl -s -o /dev/null -w '%{time_total}\n' -b "id=$sid" \
       "$api?api=KSTX.Tidepool&method=check_user&version=1" >>"$checks"
-    sleep 0.02
+    sleep 0.1
   done
   end=$(now_ms)
   echo "$(awk -v ms=$((end - start)) 'BEGIN {printf "%.2f", ms / 1000}') $(p50_max "$times")" \
@@ -81,11 +81,11 @@ enable_all() {
 }
 
 # Seconds until the daemon has versioned the new homes: nothing waits and
-# no pass runs.
+# no pass runs; given up after 15 minutes.
 until_idle() {
   local start end out
   start=$(now_ms)
-  while :; do
+  while [ $(($(now_ms) - start)) -lt 900000 ]; do
     out=$("$control" service --status)
     if [[ "$out" == *"waiting: none"* && "$out" == *"versioning: none"* ]]; then break; fi
     sleep 0.5

@@ -152,3 +152,7 @@ int LookUpVolumes(std::vector<Volume>& out);
 
 // Whether the account has expired: 1 expired, 0 not, negative on failure.
 int KSTXUserCheckExpired(const char* user);
+
+// KSTXUserCheckExpired for many accounts with one opening of the directory,
+// for listings of thousands of users: `out[i]` is the answer for `users[i]`.
+void KSTXUsersCheckExpired(const std::vector<std::string>& users, std::vector<int>& out);

@@ -2,6 +2,7 @@
 // key of an unlocked encrypted share. Backed by the host account directory.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 namespace HVOSService {
@@ -28,6 +29,30 @@ class ShareService {
   // The share by name (case ignored); "homes" is the share of all homes.
   // 0 found, negative when there is none or the directory cannot be read.
   int GetShare(const std::string& name, Share& out) const;
+
+ private:
+  bool cached_;
+};
+
+// Users in the older form, as profiles name them.
+class User {
+ public:
+  const std::string& getName() const { return name_; }
+
+ private:
+  friend class UserService;
+  std::string name_;
+};
+
+class UserService {
+ public:
+  explicit UserService(bool cached = true) : cached_(cached) {}
+  // 0 found, negative when there is no such user or the directory cannot be
+  // read.
+  int GetUserByUid(uint32_t uid, User& out) const;
+  // The name the user logs in with: the directory's own spelling of `name`.
+  // 0, or negative (with `out` set to `name`) when the user is unknown.
+  int GetLoginName(const std::string& name, std::string& out) const;
 
  private:
   bool cached_;

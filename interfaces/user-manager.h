@@ -10,6 +10,8 @@
 #include <cstdint>
 #include <list>
 #include <string>
+#include <utility>
+#include <vector>
 
 struct UserInfo {
   std::string name;        // user name, or the share's name for a share user
@@ -29,6 +31,26 @@ struct UserInfo {
   bool isEncryptionShare() const { return encrypted; }
   bool isShareUser() const { return user_type == 1; }
   uint32_t getShareType() const { return user_type; }
+};
+
+// A stored profile: a named set of upload filter rules (a JSON object held as
+// text) applied to the users assigned to it. The hidden built-in default
+// profile holds the users of no other profile; it is never listed.
+struct ProfileInfo {
+  uint64_t id = 0;
+  std::string description;
+  std::string name;
+  bool hidden = false;
+  bool isHidden() const { return hidden; }
+};
+
+// What CommitProfiles stores: an id of 0 or less makes a new profile, an
+// existing id replaces that profile with its users.
+struct ProfileInfoWithUserIds {
+  int64_t id = 0;
+  std::string description;
+  std::string name;
+  std::vector<uint64_t> user_ids;  // the appliance's user numbers
 };
 
 class UserManager {
@@ -70,4 +92,16 @@ class UserManager {
                                       const std::string& rotate_policy, int rotate_days);
   static int QueryRotateSettingTable(uint64_t view_id, int& rotate_cnt, std::string& rotate_policy,
                                      int& rotate_days);
+
+  // Profiles. A user belongs to at most one profile: assigning a user moves
+  // them. Users are the appliance's user numbers.
+  static int GetAllProfiles(std::vector<ProfileInfo>& out);  // hidden ones too, by id
+  // Pairs of user number and profile id, by profile and then in the order
+  // they were assigned.
+  static int GetUserProfileMap(std::vector<std::pair<unsigned long long, unsigned long long>>& out);
+  // Stores `profiles` and deletes `removed` in one transaction: all or
+  // nothing. Deleting an unknown id changes nothing; the hidden default
+  // profile is never deleted.
+  static int CommitProfiles(const std::vector<ProfileInfoWithUserIds>& profiles,
+                            const std::vector<unsigned long long>& removed);
 };

@@ -16,9 +16,13 @@
 namespace hostaccounts {
 namespace {
 
-// Names are unique by their folded key, which the key's index answers.
+// The key is indexed and matches nearly always; the stored name only for a
+// name whose key folds more than ASCII. An OR of the two would scan the
+// whole directory each time.
 constexpr const char* kUserByName =
-    "SELECT uid, name, gid, home, disabled, expire_day, app_allowed FROM users WHERE name_key = ?1";
+    "SELECT uid, name, gid, home, disabled, expire_day, app_allowed FROM users WHERE name_key = ?2 "
+    "UNION ALL SELECT uid, name, gid, home, disabled, expire_day, app_allowed FROM users "
+    "WHERE name = ?1 LIMIT 1";
 constexpr const char* kUserByUid =
     "SELECT uid, name, gid, home, disabled, expire_day, app_allowed FROM users WHERE uid = ?1";
 constexpr const char* kStanding =
@@ -60,7 +64,11 @@ int ReadUser(SQLite::Statement& query, User& out) {
 int LookUpUser(const std::string& name, User& out) {
   if (name.empty()) return kErrNotFound;
   return CachedQuery(
-      kUserByName, [&](SQLite::Statement& q) { q.bind(1, AsciiLower(name)); },
+      kUserByName,
+      [&](SQLite::Statement& q) {
+        q.bind(1, name);
+        q.bind(2, AsciiLower(name));
+      },
       [&](SQLite::Statement& q) { return ReadUser(q, out); });
 }
 
@@ -126,4 +134,31 @@ int KSTXUserCheckExpired(const char* user) {
   if (rc < 0) return rc;
   const int64_t today = static_cast<int64_t>(time(nullptr)) / 86400;
   return found.expire_day != 0 && today > found.expire_day ? 1 : 0;
+}
+
+void KSTXUsersCheckExpired(const std::vector<std::string>& users, std::vector<int>& out) {
+  out.assign(users.size(), hostaccounts::kErrStorage);
+  if (users.empty()) return;
+  const int64_t today = static_cast<int64_t>(time(nullptr)) / 86400;
+  hostaccounts::RootScope root;
+  try {
+    SQLite::Database db(hostaccounts::kDefaultPath, SQLite::OPEN_READONLY,
+                        hostaccounts::kReadBusyTimeoutMs);
+    SQLite::Statement query(db,
+                            "SELECT expire_day FROM users WHERE name_key = ?2 UNION ALL "
+                            "SELECT expire_day FROM users WHERE name = ?1 LIMIT 1");
+    for (size_t i = 0; i < users.size(); ++i) {
+      query.reset();
+      query.bind(1, users[i]);
+      query.bind(2, hostaccounts::AsciiLower(users[i]));
+      if (!query.executeStep()) {
+        out[i] = hostaccounts::kErrNotFound;
+        continue;
+      }
+      const int64_t expire_day = query.getColumn(0).getInt64();
+      out[i] = expire_day != 0 && today > expire_day ? 1 : 0;
+    }
+  } catch (const SQLite::Exception&) {
+    // What was not answered stays a failure.
+  }
 }

@@ -42,4 +42,19 @@ int Share::getUniqueKey(std::string& key) const {
   });
 }
 
+int UserService::GetUserByUid(uint32_t uid, User& out) const {
+  Platform::User user;
+  const int rc = Platform::UserService(cached_).GetUserById(uid, user);
+  if (rc < 0) return rc;
+  out.name_ = user.GetName();
+  return 0;
+}
+
+int UserService::GetLoginName(const std::string& name, std::string& out) const {
+  Platform::User user;
+  const int rc = Platform::UserService(cached_).GetUser(name, user);
+  out = rc < 0 ? name : user.GetName();
+  return rc < 0 ? rc : 0;
+}
+
 }  // namespace HVOSService

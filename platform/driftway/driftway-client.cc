@@ -64,7 +64,7 @@ bool ReadLine(int fd, std::string& line, std::string& error) {
     const char* end = static_cast<const char*>(memchr(buffer, '\n', static_cast<size_t>(n)));
     line.append(buffer, end ? static_cast<size_t>(end - buffer) : static_cast<size_t>(n));
     if (end) return true;
-    if (line.size() > driftway::kMaxLine) {
+    if (line.size() > driftway::kMaxAnswer) {
       error = "answer too long";
       return false;
     }

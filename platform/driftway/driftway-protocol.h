@@ -18,6 +18,9 @@ constexpr const char* kPidFile = "/var/packages/Tidepool/var/run/driftway.pid";
 constexpr const char* kDaemonPath = "/var/packages/Tidepool/target/bin/driftway";
 // A line longer than this is not a request.
 constexpr size_t kMaxLine = 64 * 1024;
+// Answers may be longer: the status of a service that watches tens of
+// thousands of homes lists every one of them.
+constexpr size_t kMaxAnswer = 64 * 1024 * 1024;
 
 // Codes of error answers; kErrTransport is the client's own.
 enum ErrorCode : int {

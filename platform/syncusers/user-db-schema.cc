@@ -11,7 +11,7 @@ namespace {
 
 // Step N takes a database of version N to N+1. Steps are never edited once
 // shipped; a change of layout is a new step.
-constexpr std::array<const char*, 1> kSteps = {
+constexpr std::array<const char*, 2> kSteps = {
     // 0 -> 1: owners (people and share users) and the rotation settings of
     // their views. Names compare without case, as the appliance's do.
     R"sql(
@@ -34,6 +34,24 @@ constexpr std::array<const char*, 1> kSteps = {
       rotate_policy TEXT NOT NULL,
       rotate_days INTEGER NOT NULL
     );
+    )sql",
+    // 1 -> 2: profiles of upload filter rules and the users they apply to,
+    // by the appliance's user number; a user is in one profile at most. The
+    // hidden default profile (id 1) stands for everyone else.
+    R"sql(
+    CREATE TABLE profiles (
+      id INTEGER PRIMARY KEY AUTOINCREMENT,
+      name TEXT NOT NULL,
+      description TEXT NOT NULL DEFAULT '{}',
+      hidden INTEGER NOT NULL DEFAULT 0
+    );
+    CREATE TABLE profile_users (
+      uid INTEGER PRIMARY KEY,
+      profile_id INTEGER NOT NULL REFERENCES profiles (id) ON DELETE CASCADE,
+      seq INTEGER NOT NULL
+    );
+    CREATE INDEX profile_users_profile ON profile_users (profile_id, seq);
+    INSERT INTO profiles (id, name, description, hidden) VALUES (1, 'default', '{}', 1);
     )sql",
 };
 

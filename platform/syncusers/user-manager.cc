@@ -20,6 +20,7 @@
 #include "logger.h"
 #include "private-files.h"
 #include "user-db-schema.h"
+#include "user-db.h"
 
 namespace {
 
@@ -364,3 +365,9 @@ int UserManager::QueryRotateSettingTable(uint64_t view_id, int& rotate_cnt,
     return 1;
   });
 }
+
+namespace syncusers {
+
+SQLite::Database* OpenDatabase() { return g_db.get(); }
+
+}  // namespace syncusers

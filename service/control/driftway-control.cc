@@ -195,6 +195,7 @@ int ScanCommand(const std::vector<std::string>& args) {
   }
   printf("scanned %u views: %u added, %u modified, %u moved, %u removed, %u rotated, %u failed\n",
          s.views, s.added, s.modified, s.moved, s.removed, s.rotated, s.failed);
+  if (s.filtered > 0) printf("left %u entries alone by their profiles' rules\n", s.filtered);
   return s.failed == 0 ? 0 : kExitFailed;
 }
 

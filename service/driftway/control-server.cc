@@ -17,7 +17,9 @@ namespace driftway {
 namespace {
 
 // A client that does not read its answers is dropped past this.
-constexpr size_t kMaxPendingOutput = 1024 * 1024;
+// The status of a service watching tens of thousands of homes is a few
+// megabytes; the client takes up to kMaxAnswer.
+constexpr size_t kMaxPendingOutput = kMaxAnswer;
 
 }  // namespace
 

@@ -199,10 +199,17 @@ int Run() {
   }
   driftway::SetViewsChangedHook([&versioner] { versioner.Reload(); });
   driftway::SetStatusHook([&versioner] { return versioner.Status(); });
+  driftway::SetUserChangedHook(
+      [&versioner](uint64_t view_id, const std::string& root, bool enabled) {
+        versioner.SetView(view_id, root, enabled);
+      });
+  driftway::SetProfilesChangedHook([&versioner] { versioner.RescanAll(); });
   LOG_INFO("driftway started, pid %d\n", static_cast<int>(getpid()));
   const int rc = loop.Run();
   driftway::SetViewsChangedHook(nullptr);
   driftway::SetStatusHook(nullptr);
+  driftway::SetUserChangedHook(nullptr);
+  driftway::SetProfilesChangedHook(nullptr);
   versioner.Stop();
   server.Shutdown();
   worker.Stop();

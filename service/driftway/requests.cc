@@ -8,6 +8,7 @@
 #include <map>
 #include <set>
 #include <string_view>
+#include <vector>
 
 #include "driftway-protocol.h"
 #include "host-accounts.h"
@@ -26,6 +27,16 @@ std::function<void()>& ViewsChangedHook() {
   return hook;
 }
 
+std::function<void(uint64_t, const std::string&, bool)>& UserChangedHook() {
+  static std::function<void(uint64_t, const std::string&, bool)> hook;
+  return hook;
+}
+
+std::function<void()>& ProfilesChangedHook() {
+  static std::function<void()> hook;
+  return hook;
+}
+
 std::function<Json::Value()>& StatusHook() {
   static std::function<Json::Value()> hook;
   return hook;
@@ -34,6 +45,14 @@ std::function<Json::Value()>& StatusHook() {
 // After an operation that may change which views are enabled.
 void NotifyViewChange(const OpResult& result) {
   if (result.ok() && ViewsChangedHook()) ViewsChangedHook()();
+}
+
+// After a user was enabled or disabled: only that user's view changes, which
+// a batch of thousands of users must not turn into thousands of full reloads.
+void NotifyUserChange(const OpResult& result, const UserInfo& user, bool enabled) {
+  if (!result.ok()) return;
+  if (!UserChangedHook() || user.view_id == 0) return NotifyViewChange(result);
+  UserChangedHook()(user.view_id, user.root_path, enabled);
 }
 
 Json::Value Success() {
@@ -121,15 +140,20 @@ Json::Value HandleEnableUser(const Json::Value& request) {
   if (SyncGetConf(config) < 0)
     return ErrorAnswer(kErrFailed, "cannot read the service configuration");
   const OpResult result = EnableUser(config, name, uid);
-  NotifyViewChange(result);
+  UserInfo user;
+  if (result.ok()) (void)UserManager::GetUser(name, user, UserManager::kQueryStored);
+  NotifyUserChange(result, user, true);
   return FromResult(result);
 }
 
 Json::Value HandleDisableUser(const Json::Value& request) {
   std::string name;
   if (!ReadText(request, "name", name) || name.empty()) return BadField("name");
+  // The view is looked up first: a disabled user is no longer found by name.
+  UserInfo user;
+  (void)UserManager::GetUser(name, user, UserManager::kQueryStored);
   const OpResult result = DisableUser(name);
-  NotifyViewChange(result);
+  NotifyUserChange(result, user, false);
   return FromResult(result);
 }
 
@@ -153,11 +177,19 @@ Json::Value HandleDisableShare(const Json::Value& request) {
   return FromResult(result);
 }
 
-// Profiles changed: an encrypted share's profile (its key) is read by every
-// pass, so the daemon has only to look at its views again.
+// Profiles are read by every pass from the user database; the daemon only
+// checks that they can be read and has every home versioned again.
 Json::Value HandleReloadProfile(const Json::Value&) {
+  std::vector<ProfileInfo> profiles;
+  if (UserManager::GetAllProfiles(profiles) < 0)
+    return ErrorAnswer(kErrFailed, "cannot read the profiles");
+  // An encrypted share's profile (its key) is read by every pass too: the
+  // daemon looks at its views again.
   NotifyViewChange(OpResult{});
-  return Success();
+  if (ProfilesChangedHook()) ProfilesChangedHook()();
+  Json::Value answer = Success();
+  answer["profiles"] = static_cast<Json::UInt64>(profiles.size());
+  return answer;
 }
 
 // Folders made through the web API inside synced folders, marked for the
@@ -212,6 +244,11 @@ const std::map<std::string_view, RequestHandler>& Handlers() {
 
 void SetViewsChangedHook(std::function<void()> hook) { ViewsChangedHook() = std::move(hook); }
 void SetStatusHook(std::function<Json::Value()> hook) { StatusHook() = std::move(hook); }
+void SetUserChangedHook(
+    std::function<void(uint64_t view_id, const std::string& root, bool enabled)> hook) {
+  UserChangedHook() = std::move(hook);
+}
+void SetProfilesChangedHook(std::function<void()> hook) { ProfilesChangedHook() = std::move(hook); }
 
 std::string DispatchLine(const std::string& line, bool& close_after) {
   Json::Value request;

@@ -174,30 +174,61 @@ void Versioner::Reload() {
   std::set<uint64_t> enabled;
   for (const scan::ScanTarget& target : targets) {
     enabled.insert(target.view_id);
-    auto it = views_.find(target.view_id);
-    if (it != views_.end() && it->second == target.root_path) continue;
-    if (watcher_.AddView(target.view_id, target.root_path) < 0) {
-      LOG_WARNING("%s is not watched; the periodic rescan versions it\n", target.root_path.c_str());
-    }
-    views_[target.view_id] = target.root_path;
-    Due(target.view_id);
+    AddView(target.view_id, target.root_path);
   }
   for (auto it = views_.begin(); it != views_.end();) {
     if (enabled.count(it->first)) {
       ++it;
       continue;
     }
-    watcher_.RemoveView(it->first);
-    for (auto key = keys_.lower_bound({it->first, ""});
-         key != keys_.end() && key->first.first == it->first;) {
-      debouncer_.Forget(key->second);
-      folders_of_key_.erase(key->second);
-      key = keys_.erase(key);
-    }
-    due_.erase(it->first);
-    dirty_.erase(it->first);
-    it = views_.erase(it);
+    it = DropView(it);
   }
+  ArmTimer();
+}
+
+bool Versioner::WatchView(uint64_t view_id, const std::string& root) {
+  auto it = views_.find(view_id);
+  if (it != views_.end() && it->second == root) return false;
+  if (watcher_.AddView(view_id, root) < 0) {
+    LOG_WARNING("%s is not watched; the periodic rescan versions it\n", root.c_str());
+  }
+  views_[view_id] = root;
+  return true;
+}
+
+void Versioner::AddView(uint64_t view_id, const std::string& root) {
+  if (WatchView(view_id, root)) Due(view_id);
+}
+
+std::map<uint64_t, std::string>::iterator Versioner::DropView(
+    std::map<uint64_t, std::string>::iterator it) {
+  watcher_.RemoveView(it->first);
+  for (auto key = keys_.lower_bound({it->first, ""});
+       key != keys_.end() && key->first.first == it->first;) {
+    debouncer_.Forget(key->second);
+    folders_of_key_.erase(key->second);
+    key = keys_.erase(key);
+  }
+  due_.erase(it->first);
+  dirty_.erase(it->first);
+  enabled_lately_.erase(it->first);
+  return views_.erase(it);
+}
+
+void Versioner::SetView(uint64_t view_id, const std::string& root, bool enabled) {
+  if (enabled && !root.empty()) {
+    if (WatchView(view_id, root)) {
+      enabled_lately_.insert(view_id);
+      enabled_quiet_at_ = Clock::now() + options_.quiet;
+    }
+  } else if (auto it = views_.find(view_id); it != views_.end()) {
+    DropView(it);
+  }
+  ArmTimer();
+}
+
+void Versioner::RescanAll() {
+  for (const auto& [view_id, root] : views_) Due(view_id);
   ArmTimer();
 }
 
@@ -241,6 +272,10 @@ void Versioner::OnTimer() {
     dirty_[found->second.first].insert(found->second.second);
     due_.insert(found->second.first);
   }
+  if (!enabled_lately_.empty() && now >= enabled_quiet_at_) {
+    for (uint64_t view_id : enabled_lately_) Due(view_id);
+    enabled_lately_.clear();
+  }
   if (now >= next_rescan_) {
     Reload();
     for (const auto& [view_id, root] : views_) Due(view_id);
@@ -257,6 +292,7 @@ void Versioner::ArmTimer() {
   auto next = next_rescan_;
   if (const auto due = debouncer_.NextDue()) next = std::min(next, *due);
   if (frozen_) next = std::min(next, frozen_check_);
+  if (!enabled_lately_.empty()) next = std::min(next, enabled_quiet_at_);
   if (!due_.empty() && child_ < 0 && !frozen_) next = now;
   const auto wait = std::max<Clock::duration>(next - now, std::chrono::milliseconds(1));
   const auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(wait).count();
@@ -415,6 +451,7 @@ Json::Value Versioner::Status() const {
     views.append(view);
   }
   std::set<uint64_t> waiting(due_);
+  waiting.insert(enabled_lately_.begin(), enabled_lately_.end());
   for (uint64_t key : debouncer_.PendingViews()) {
     const auto found = folders_of_key_.find(key);
     if (found != folders_of_key_.end()) waiting.insert(found->second.first);

@@ -1,7 +1,7 @@
 // What makes the daemon version by itself: every enabled home and share is
 // watched, a folder that changed is versioned (with what lies below it)
-// once it has been quiet for a moment, and all of them are versioned again at an interval (and at start,
-// to catch up on what changed while the daemon was down).
+// once it has been quiet for a moment, and all of them are versioned again at an interval (and at
+// start, to catch up on what changed while the daemon was down).
 //
 // Versioning is the scan of driftway-control, run as a child process for
 // the views that are due: the scan and the watcher share one versioning
@@ -55,6 +55,11 @@ class Versioner {
   // The enabled views may have changed: new ones are watched and versioned,
   // dropped ones are no longer watched.
   void Reload();
+  // One view was enabled (watched and versioned from now on) or disabled
+  // (no longer watched, and dropped from what waits).
+  void SetView(uint64_t view_id, const std::string& root, bool enabled);
+  // Every view is versioned again in the next pass.
+  void RescanAll();
   // Waits for a running pass to end.
   void Stop();
   // What is watched, what waits, whether a pass runs, the freeze.
@@ -62,6 +67,11 @@ class Versioner {
 
  private:
   void OnTimer();
+  void AddView(uint64_t view_id, const std::string& root);
+  // Starts watching; false when the view was watched at that root already.
+  bool WatchView(uint64_t view_id, const std::string& root);
+  // Forgets the view and whatever of it waits.
+  std::map<uint64_t, std::string>::iterator DropView(std::map<uint64_t, std::string>::iterator it);
   void ArmTimer();
   // The view is versioned whole in the next pass.
   void Due(uint64_t view_id);
@@ -77,6 +87,12 @@ class Versioner {
   watch::Debouncer debouncer_;
   std::map<uint64_t, std::string> views_;  // view id -> root
   std::set<uint64_t> due_;                 // waiting for the next pass
+  // Views enabled one at a time, as a batch of users enables them: they are
+  // versioned together once enabling has been quiet for the quiet time, so
+  // that the batch does not wait for passes over the homes it just made
+  // (and the periodic rescan takes them, should enabling never fall quiet).
+  std::set<uint64_t> enabled_lately_;
+  std::chrono::steady_clock::time_point enabled_quiet_at_;
   // Per view, the folders due in the next pass ("/" for all).
   std::map<uint64_t, std::set<std::string>> dirty_;
   // Quiet is judged per folder, so that a busy folder does not hold back

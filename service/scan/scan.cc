@@ -34,16 +34,53 @@ std::string VolumeOf(const std::string& path) {
 
 }  // namespace
 
+namespace {
+
+// The rules that apply to each user number, and those of everyone in no
+// profile (the hidden default profile's).
+struct ProfileRules {
+  std::map<uint32_t, const UploadFilter*> of_user;
+  std::map<uint64_t, UploadFilter> of_profile;
+  UploadFilter fallback;
+
+  int Load() {
+    std::vector<ProfileInfo> profiles;
+    std::vector<std::pair<unsigned long long, unsigned long long>> pairs;
+    if (UserManager::GetAllProfiles(profiles) < 0 || UserManager::GetUserProfileMap(pairs) < 0)
+      return db::kErrGeneral;
+    for (const ProfileInfo& profile : profiles) {
+      UploadFilter filter = UploadFilter::FromDescription(profile.description);
+      if (profile.isHidden() && fallback.empty()) fallback = filter;
+      of_profile.emplace(profile.id, std::move(filter));
+    }
+    for (const auto& [uid, profile_id] : pairs) {
+      const auto it = of_profile.find(profile_id);
+      if (it != of_profile.end() && uid <= UINT32_MAX)
+        of_user[static_cast<uint32_t>(uid)] = &it->second;
+    }
+    return db::kOk;
+  }
+  const UploadFilter& For(uint32_t uid) const {
+    const auto it = of_user.find(uid);
+    return it != of_user.end() ? *it->second : fallback;
+  }
+};
+
+}  // namespace
+
 int EnabledTargets(std::vector<ScanTarget>& out) {
   std::list<UserInfo> users, shares;
   if (UserManager::EnumAllUser(users) < 0 || UserManager::EnumShareUser(shares, "") < 0)
     return db::kErrGeneral;
+  ProfileRules rules;
+  if (rules.Load() < 0) return db::kErrGeneral;
   for (const std::list<UserInfo>* list : {&users, &shares}) {
     for (const UserInfo& u : *list) {
       if (!u.isEnabled() || u.view_id == 0 || u.root_path.empty()) continue;
       if (list == &users && u.isShareUser()) continue;
-      out.push_back(
-          ScanTarget{u.view_id, u.name, u.user_type, u.uid, u.root_path, u.isEncryptionShare()});
+      out.push_back(ScanTarget{u.view_id, u.name, u.user_type, u.uid, u.root_path,
+                               u.isEncryptionShare(),
+                               u.isShareUser() ? UploadFilter() : rules.For(u.uid)});
     }
   }
   return db::kOk;

@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "upload-filter.h"
+
 class SyncConfigMgr;
 
 namespace scan {
@@ -48,6 +50,7 @@ struct ScanSummary {
   unsigned failed = 0;    // entries that could not be recorded
   unsigned skipped = 0;   // views of locked encrypted shares, left alone
   unsigned deferred = 0;  // entries that changed kind while read: the next pass takes them
+  unsigned filtered = 0;  // entries a profile's rules left alone
 };
 
 // The owner of one view and where its tree lies.
@@ -58,6 +61,7 @@ struct ScanTarget {
   uint32_t uid = 0;
   std::string root_path;
   bool encrypted = false;  // stored sealed under the share's key
+  UploadFilter filter;     // a home's: the rules of its owner's profile
 };
 
 // The enabled owners that have a view and a folder, homes first. The caller

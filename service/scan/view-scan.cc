@@ -165,6 +165,7 @@ int ViewScan::Run() {
     return db::kErrCannotOpen;
   }
   summary_.deferred += static_cast<unsigned>(deferred_.size());
+  if (!target_.filter.empty()) ApplyFilter();
   int rc = scope_.empty() ? LoadLive() : LoadScope();
   if (rc < 0 || (rc = LoadRecorded()) < 0) return rc;
   SetAsideBusy();
@@ -212,7 +213,31 @@ int ViewScan::LoadRecorded() {
   return state_.LoadNodes(target_.view_id, ids, recorded_);
 }
 
+void ViewScan::ApplyFilter() {
+  // Parents come before their children, so a folder left out is known
+  // before anything below it.
+  std::vector<std::string> folders;
+  auto skipped = [&](const DiskEntry& e) {
+    for (const std::string& folder : folders)
+      if (IsUnder(e.path, folder)) return true;
+    const std::string name = e.path.substr(e.path.rfind('/') + 1);
+    const bool regular = S_ISREG(e.st.st_mode);
+    if (e.path == "/" ||
+        !target_.filter.Skips(name, regular, regular ? static_cast<uint64_t>(e.st.st_size) : 0))
+      return false;
+    filtered_.insert(e.path);
+    if (S_ISDIR(e.st.st_mode)) folders.push_back(e.path);
+    ++summary_.filtered;
+    return true;
+  };
+  entries_.erase(std::remove_if(entries_.begin(), entries_.end(), skipped), entries_.end());
+  filtered_folders_ = std::move(folders);
+}
+
 bool ViewScan::IsDeferred(const std::string& path) const {
+  if (filtered_.count(path)) return true;
+  for (const std::string& f : filtered_folders_)
+    if (IsUnder(path, f)) return true;
   for (const std::string& d : deferred_)
     if (path == d || IsUnder(path, d)) return true;
   // Without a settle time nothing in a busy folder is taken as removed;

@@ -69,6 +69,8 @@ class ViewScan {
   // The entry's Mac attributes, packed into one AppleDouble piece of the
   // store; the previous piece is kept when the packed bytes are the same.
   int StoreMacAttr(const DiskEntry& e, int fd, const Recorded* prev, Recorded& now);
+  // Takes out what the owner's profile leaves alone.
+  void ApplyFilter();
   // Whether `path` is, or lies under, an entry left for the next pass.
   bool IsDeferred(const std::string& path) const;
   void Defer(const DiskEntry& e);
@@ -104,6 +106,10 @@ class ViewScan {
   int64_t settled_before_ns_ = 0;
   int64_t closed_before_ns_ = 0;
   std::unordered_set<std::string> closed_check_;  // new files of kIfClosed
+  // Entries the profile leaves alone, and the folders among them, below
+  // which nothing is versioned or taken as removed.
+  std::unordered_set<std::string> filtered_;
+  std::vector<std::string> filtered_folders_;
   std::vector<DiskEntry> entries_;
   std::vector<std::string> deferred_;
   std::vector<uint64_t> node_of_;  // per entry; 0 for a new node

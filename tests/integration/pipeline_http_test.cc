@@ -151,7 +151,7 @@ TEST_F(PipelineHttpTest, UnknownApiMethodOrVersionAnswers103) {
                             "api=KSTX.Tidepool&method=no_such_method&version=1",
                             "api=KSTX.Tidepool&method=check_user&version=99",
                             // In the table, but its handler is not registered.
-                            "api=KSTX.Tidepool.Profile&method=list&version=1"}) {
+                            "api=KSTX.Tidepool.KeyManagement&method=list&version=1"}) {
     SCOPED_TRACE(query);
     auto answer = Get(query, admin);
     EXPECT_EQ(answer.code(), 103) << answer.body;
@@ -160,7 +160,7 @@ TEST_F(PipelineHttpTest, UnknownApiMethodOrVersionAnswers103) {
   // The module's own refusal leaves its two lines in the package's log,
   // although the request runs as the service account.
   const std::string log = tptest::ReadPackageLog();
-  const size_t lookup = log.find("no such api : KSTX.Tidepool.Profile.list.\n");
+  const size_t lookup = log.find("no such api : KSTX.Tidepool.KeyManagement.list.\n");
   ASSERT_NE(lookup, std::string::npos) << log;
   EXPECT_NE(log.find("Fail to find handler\n", lookup), std::string::npos) << log;
 }

@@ -32,6 +32,12 @@
 #include "handlers/node/restore/finish.h"
 #include "handlers/node/restore/start.h"
 #include "handlers/node/restore/status.h"
+#include "handlers/privilege/list.h"
+#include "handlers/privilege/set.h"
+#include "handlers/privilege/status.h"
+#include "handlers/profile/delete.h"
+#include "handlers/profile/list.h"
+#include "handlers/profile/set.h"
 #include "handlers/resume-freeze.h"
 #include "handlers/share/list-active.h"
 #include "handlers/share/list.h"
@@ -140,6 +146,12 @@ void Process(KSTX::APIRequest* request, KSTX::APIResponse* response) {
   bridge.AddHandler(new ShareSetHandler);
   bridge.AddHandler(new ConfigGetHandler);
   bridge.AddHandler(new ConfigSetHandler);
+  bridge.AddHandler(new ProfileListHandler);
+  bridge.AddHandler(new ProfileSetHandler);
+  bridge.AddHandler(new ProfileDeleteHandler);
+  bridge.AddHandler(new PrivilegeListHandler);
+  bridge.AddHandler(new PrivilegeSetHandler);
+  bridge.AddHandler(new PrivilegeStatusHandler);
   bridge.Process();
 }
 

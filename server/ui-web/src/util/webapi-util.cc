@@ -199,6 +199,18 @@ bool IsUserExpired(const std::string& name) {
   return true;
 }
 
+std::vector<bool> AreUsersExpired(const std::vector<std::string>& names) {
+  std::vector<bool> expired(names.size(), true);
+  IF_RUN_AS(0, 0) {
+    std::vector<int> answers;
+    KSTXUsersCheckExpired(names, answers);
+    for (size_t i = 0; i < names.size() && i < answers.size(); ++i) expired[i] = answers[i] != 0;
+    return expired;
+  }
+  UTIL_ERROR("Failed to switch to root");
+  return expired;
+}
+
 void GetPrivilegedUsers(int32_t offset, int32_t limit, const std::string& substr,
                         const std::string& user_type, const std::string& domain_name,
                         uint32_t& total, std::vector<std::string>& names) {

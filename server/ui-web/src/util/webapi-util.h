@@ -53,6 +53,8 @@ int MakePrivateTempFolder(const std::string& tmp, std::string& folder);
 
 // True when the account has expired or cannot be checked.
 bool IsUserExpired(const std::string& name);
+// IsUserExpired of each name, with one look-up of the directory for all.
+std::vector<bool> AreUsersExpired(const std::vector<std::string>& names);
 
 // One page of the users of `user_type` ("local", "ldap", "domain") who may
 // use the service; other types leave the outputs as they were.

@@ -60,6 +60,9 @@ class ViewManager {
   virtual int SetRotateCount(int count) = 0;
   virtual int SetRotateDays(int days) = 0;
   virtual int SetRotatePolicy(const std::string& policy) = 0;
+  // The three above in one commit: an administrator's change of all homes
+  // writes thousands of views.
+  virtual int SetRotation(int count, int days, const std::string& policy) = 0;
 
   // Which of `file_ids`, content of the store `uuid`, a version of this
   // view still names (as content or as Mac attributes).

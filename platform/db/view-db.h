@@ -58,6 +58,7 @@ class ViewDB final : public ViewManager, public ViewWriter {
   int SetRotateCount(int count) override;
   int SetRotateDays(int days) override;
   int SetRotatePolicy(const std::string& policy) override;
+  int SetRotation(int count, int days, const std::string& policy) override;
   int ContentInUse(const std::string& uuid, const std::vector<uint64_t>& file_ids,
                    std::vector<uint64_t>& in_use) override;
   int GetNodeDeltaSizeSum(unsigned long long& size) override;

@@ -1,5 +1,7 @@
 // Reading a view: nodes, their versions, searches over the present tree and
 // over the tree at a past moment, activity buckets and settings.
+#include <SQLiteCpp/Transaction.h>
+
 #include <algorithm>
 #include <climits>
 #include <variant>
@@ -555,6 +557,17 @@ int ViewDB::SetRotateDays(int days) {
 int ViewDB::SetRotatePolicy(const std::string& policy) {
   return Guard("set rotate policy", [&]() -> int {
     SetMeta(*db_, "rotate_policy", policy);
+    return static_cast<int>(kOk);
+  });
+}
+
+int ViewDB::SetRotation(int count, int days, const std::string& policy) {
+  return Guard("set rotation", [&]() -> int {
+    SQLite::Transaction transaction(*db_);
+    SetMeta(*db_, "rotate_count", std::to_string(count));
+    SetMeta(*db_, "rotate_days", std::to_string(days));
+    SetMeta(*db_, "rotate_policy", policy);
+    transaction.commit();
     return static_cast<int>(kOk);
   });
 }

@@ -73,7 +73,7 @@ db::Log RotateLog(int count, const std::string& name) {
   return log;
 }
 
-// The view's three settings, in the service's order; false after logging.
+// The view's three settings, in one commit; false after logging.
 bool WriteViewRotation(uint64_t view_id, const Rotation& r) {
   const unsigned long long id = view_id;
   db::ViewDBInterface view;
@@ -81,16 +81,8 @@ bool WriteViewRotation(uint64_t view_id, const Rotation& r) {
     LOG_ERROR("Failed to open view db with view_id %llu\n", id);
     return false;
   }
-  if (view->SetRotateCount(r.count) < 0) {
+  if (view->SetRotation(r.count, r.days, r.policy) < 0) {
     LOG_ERROR("Failed to set rotate_cnt for view %llu\n", id);
-    return false;
-  }
-  if (view->SetRotateDays(r.days) < 0) {
-    LOG_ERROR("Failed to set rotate_days for view %llu\n", id);
-    return false;
-  }
-  if (view->SetRotatePolicy(r.policy) < 0) {
-    LOG_ERROR("Failed to set rotate_policy for view %llu\n", id);
     return false;
   }
   return true;

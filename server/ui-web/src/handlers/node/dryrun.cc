@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "bridge/run-as.h"
+#include "handlers/node/node-request.h"
 #include "logger.h"
 #include "node-params.h"
 #include "user-manager.h"
@@ -76,24 +77,11 @@ int NodeDryrunHandler::DryRun(const RequestAuthentication& auth,
     LOG_ERROR("Share [%s] is not mounted\n", target.c_str());
     return RESPONSE_FAIL(response, 603, "share is not mounted");
   }
-  UserInfo user_info;
-  if (GetUserInfoByTarget(local_auth, response, target, user_info, true) < 0) {
-    LOG_ERROR("Fail to get Tidepool info: Retreiving target '%s', login as '%s'\n", target.c_str(),
-              local_auth.user.c_str());
-    return -1;
-  }
-  View view(static_cast<unsigned int>(user_info.view_id));
-  if (!view.Init()) {
-    LOG_ERROR("Failed to open view db with view_id %llu\n",
-              static_cast<unsigned long long>(user_info.view_id));
-    return RESPONSE_FAIL(response, 401, "failed to open view db");
-  }
-  std::vector<TaskDesc> descs;
-  std::string why;
-  if (tidepool::restore::ParseTaskDescs(nodes, 0, static_cast<uint32_t>(user_info.view_id), descs,
-                                        why) < 0) {
-    return RESPONSE_FAIL(response, 401, "invalid node: " + why);
-  }
+  NodeRequest opened;
+  if (OpenNodeRequest(local_auth, response, target, nodes, 0, opened) < 0) return -1;
+  const UserInfo& user_info = opened.user_info;
+  View& view = *opened.view;
+  const std::vector<TaskDesc>& descs = opened.descs;
   std::vector<db::Node> claimed;
   if (tidepool::restore::ResolveClaimedNodes(view, descs, claimed) < 0) {
     return RESPONSE_FAIL(response, 403, "no privilege");

@@ -29,6 +29,7 @@
 #include "bridge/run-as.h"
 #include "fs-beneath.h"
 #include "handlers/node/node-params.h"
+#include "handlers/node/node-request.h"
 #include "hvos-task.h"
 #include "logger.h"
 #include "sync-service.h"
@@ -141,24 +142,13 @@ int NodeDownloadStartHandler::Handle(const RequestAuthentication& auth, BridgeRe
       LOG_ERROR("Share is not mounted\n");
       return RESPONSE_FAIL(response, 603, "share is not mounted");
     }
-    UserInfo user_info;
-    if (GetUserInfoByTarget(local_auth, response, target, user_info, true) < 0) {
-      LOG_ERROR("Fail to get Tidepool info: Retreiving target '%s', login as '%s'\n",
-                target.c_str(), local_auth.user.c_str());
+    NodeRequest opened;
+    if (OpenNodeRequest(local_auth, response, target, nodes, ctime_ub_default, opened) < 0) {
       return -1;
     }
-    View view(static_cast<unsigned int>(user_info.view_id));
-    if (!view.Init()) {
-      LOG_ERROR("Failed to open view db with view_id %llu\n",
-                static_cast<unsigned long long>(user_info.view_id));
-      return RESPONSE_FAIL(response, 401, "failed to open view db");
-    }
-    std::vector<TaskDesc> descs;
-    std::string why;
-    if (tidepool::restore::ParseTaskDescs(
-            nodes, ctime_ub_default, static_cast<uint32_t>(user_info.view_id), descs, why) < 0) {
-      return RESPONSE_FAIL(response, 401, "invalid node: " + why);
-    }
+    const UserInfo& user_info = opened.user_info;
+    View& view = *opened.view;
+    std::vector<TaskDesc>& descs = opened.descs;
     std::vector<db::Node> claimed;
     if (tidepool::restore::ResolveClaimedNodes(view, descs, claimed) < 0) {
       return RESPONSE_FAIL(response, 403, "no privilege");

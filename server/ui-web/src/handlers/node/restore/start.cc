@@ -24,6 +24,7 @@
 #include "file-util.h"
 #include "fs-beneath.h"
 #include "handlers/node/node-params.h"
+#include "handlers/node/node-request.h"
 #include "hvos-task.h"
 #include "logger.h"
 #include "sdk-path.h"
@@ -153,25 +154,13 @@ int NodeRestoreStartHandler::Start(const RequestAuthentication& auth, BridgeRequ
       LOG_ERROR("Share is not mounted\n");
       return RESPONSE_FAIL(response, 603, "share is not mounted");
     }
-    UserInfo user_info;
-    if (GetUserInfoByTarget(local_auth, response, target, user_info, true) < 0) {
-      LOG_ERROR("Fail to get Tidepool info: Retreiving target '%s', login as '%s'\n",
-                target.c_str(), local_auth.user.c_str());
+    NodeRequest opened;
+    if (OpenNodeRequest(local_auth, response, target, nodes, ctime_ub_default, opened) < 0) {
       return -1;
     }
-    View view(static_cast<unsigned int>(user_info.view_id));
-    if (!view.Init()) {
-      LOG_ERROR("Failed to open view db with view_id %llu\n",
-                static_cast<unsigned long long>(user_info.view_id));
-      return RESPONSE_FAIL(response, 401, "failed to open view db");
-    }
-    std::vector<TaskDesc> requested;
-    std::string why;
-    if (tidepool::restore::ParseTaskDescs(nodes, ctime_ub_default,
-                                          static_cast<uint32_t>(user_info.view_id), requested,
-                                          why) < 0) {
-      return RESPONSE_FAIL(response, 401, "invalid node: " + why);
-    }
+    const UserInfo& user_info = opened.user_info;
+    View& view = *opened.view;
+    std::vector<TaskDesc>& requested = opened.descs;
     // Rights are the caller's own, whoever's view is shown.
     fsb::UniqueFd copy_root;
     if (!copy_to.empty()) {

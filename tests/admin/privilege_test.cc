@@ -26,7 +26,6 @@ using namespace rtest;
 
 namespace {
 
-constexpr const char* kControl = "/var/packages/Tidepool/target/bin/driftway-control";
 constexpr const char* kSocket = "/tmp/driftway-syncservice";
 constexpr const char* kPrivilege = "KSTX.Tidepool.Privilege";
 
@@ -112,12 +111,6 @@ class FakeService {
   size_t limit_ = SIZE_MAX;
   bool stop_ = false;
 };
-
-tptest::ProcessResult Control(const std::vector<std::string>& args) {
-  std::vector<std::string> argv = {kControl};
-  argv.insert(argv.end(), args.begin(), args.end());
-  return tptest::RunProcess(argv);
-}
 
 struct Progress {
   std::string mode;
@@ -259,7 +252,7 @@ TEST_F(PrivilegeTest, EnablingMakesTheHomeAndDisablingStopsItsVersioning) {
   ASSERT_GT(host->AddUser("carol", "carol-demo"), 0);
   std::ofstream("/var/packages/Tidepool/etc/setting.conf", std::ios::app)
       << "watch_quiet_ms=\"300\"\nfreeze_free_mb=\"0\"\n";
-  ASSERT_EQ(Control({"service", "--start"}).exit_status, 0);
+  ASSERT_EQ(tptest::RunControl({"service", "--start"}).exit_status, 0);
   const std::string home = "/volume1/homes/carol/Tidepool";
 
   auto listed = Listed();
@@ -301,7 +294,7 @@ TEST_F(PrivilegeTest, EnablingMakesTheHomeAndDisablingStopsItsVersioning) {
   std::ofstream(home + "/hello.txt", std::ios::app) << "more\n";
   usleep(1500 * 1000);
   ASSERT_TRUE(tptest::Eventually([] {
-    const std::string out = Control({"service", "--status"}).out;
+    const std::string out = tptest::RunControl({"service", "--status"}).out;
     return out.find("versioning: none") != std::string::npos;
   }));
   for (const LogSeen& log : Logs(13))
@@ -311,7 +304,7 @@ TEST_F(PrivilegeTest, EnablingMakesTheHomeAndDisablingStopsItsVersioning) {
   const auto refused = Call("KSTX.Tidepool.Node", "list", {{"target", "mine"}}, carol);
   EXPECT_EQ(refused.code(), 105) << refused.body;
   EXPECT_FALSE(Listed()["carol"]["enabled"].asBool());
-  Control({"service", "--stop"});
+  tptest::RunControl({"service", "--stop"});
 }
 
 TEST_F(PrivilegeTest, RefusalsChangeNothing) {

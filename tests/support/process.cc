@@ -9,6 +9,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstring>
+#include <fstream>
 #include <thread>
 
 extern char** environ;
@@ -94,6 +95,17 @@ bool Eventually(const std::function<bool()>& done) {
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
   }
   return true;
+}
+
+ProcessResult RunControl(const std::vector<std::string>& args) {
+  std::vector<std::string> argv = {"/var/packages/Tidepool/target/bin/driftway-control"};
+  argv.insert(argv.end(), args.begin(), args.end());
+  return RunProcess(argv);
+}
+
+void AppendSetting(const std::string& key, const std::string& value) {
+  std::ofstream("/var/packages/Tidepool/etc/setting.conf", std::ios::app)
+      << key << "=\"" << value << "\"\n";
 }
 
 }  // namespace tptest

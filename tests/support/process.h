@@ -28,4 +28,9 @@ ProcessResult RunProcess(const std::vector<std::string>& argv,
 // hanging the test.
 bool Eventually(const std::function<bool()>& done);
 
+// The installed driftway-control with these arguments.
+ProcessResult RunControl(const std::vector<std::string>& args);
+// Appends key="value" to the service's setting.conf.
+void AppendSetting(const std::string& key, const std::string& value);
+
 }  // namespace tptest

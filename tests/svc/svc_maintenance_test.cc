@@ -20,29 +20,19 @@ using namespace rtest;
 namespace {
 
 constexpr const char* kTidepool = "KSTX.Tidepool";
-constexpr const char* kControl = "/var/packages/Tidepool/target/bin/driftway-control";
 constexpr const char* kDaemon = "/var/packages/Tidepool/target/bin/driftway";
-constexpr const char* kSetting = "/var/packages/Tidepool/etc/setting.conf";
 
-void Setting(const std::string& key, const std::string& value) {
-  std::ofstream(kSetting, std::ios::app) << key << "=\"" << value << "\"\n";
-}
-
-tptest::ProcessResult Control(const std::vector<std::string>& args) {
-  std::vector<std::string> argv = {kControl};
-  argv.insert(argv.end(), args.begin(), args.end());
-  return tptest::RunProcess(argv);
-}
-
-bool DaemonRuns() { return Control({"service", "--status"}).exit_status == 0; }
+bool DaemonRuns() { return tptest::RunControl({"service", "--status"}).exit_status == 0; }
 
 std::string DaemonPid() {
-  const std::string out = Control({"service", "--status"}).out;
+  const std::string out = tptest::RunControl({"service", "--status"}).out;
   const size_t at = out.find("(pid ");
   return at == std::string::npos ? "" : out.substr(at + 5, out.find(')', at) - at - 5);
 }
 
-bool Frozen() { return Control({"service", "--status"}).out.find("frozen") != std::string::npos; }
+bool Frozen() {
+  return tptest::RunControl({"service", "--status"}).out.find("frozen") != std::string::npos;
+}
 
 size_t VersionCount(const std::string& sid, const std::string& path) {
   const auto answer =
@@ -70,13 +60,13 @@ class MaintenanceTest : public ::testing::Test {
     ASSERT_TRUE(tptest::InSandbox());
     SeedRestoreWorld();
     BuildHistory(kAliceHome, {{kT0, {Entry("start.txt", "there before\n")}, {}}});
-    Setting("watch_quiet_ms", "300");
-    Setting("freeze_free_mb", "0");
-    ASSERT_EQ(Control({"service", "--start"}).exit_status, 0);
+    tptest::AppendSetting("watch_quiet_ms", "300");
+    tptest::AppendSetting("freeze_free_mb", "0");
+    ASSERT_EQ(tptest::RunControl({"service", "--start"}).exit_status, 0);
     admin_ = LoginAs("admin");
     alice_ = LoginAs("alice");
   }
-  void TearDown() override { Control({"service", "--stop"}); }
+  void TearDown() override { tptest::RunControl({"service", "--stop"}); }
 
   std::string admin_;
   std::string alice_;
@@ -120,9 +110,9 @@ TEST_F(MaintenanceTest, DeletingTheDatabaseStopsVersioningAndRemovesEveryReposit
 }
 
 TEST_F(MaintenanceTest, ResumingFromFreezeRestartsTheServiceWhichVersionsWhatWaited) {
-  Control({"service", "--stop"});
-  Setting("freeze_free_mb", "1000000000");
-  ASSERT_EQ(Control({"service", "--start"}).exit_status, 0);
+  tptest::RunControl({"service", "--stop"});
+  tptest::AppendSetting("freeze_free_mb", "1000000000");
+  ASSERT_EQ(tptest::RunControl({"service", "--start"}).exit_status, 0);
   ASSERT_TRUE(tptest::Eventually(Frozen));
   Write(kAliceHome + "/frozen.txt", "written while frozen\n");
   const std::string frozen_pid = DaemonPid();
@@ -146,7 +136,7 @@ TEST_F(MaintenanceTest, ResumingFromFreezeRestartsTheServiceWhichVersionsWhatWai
   EXPECT_EQ(Call("KSTX.Tidepool.Node.Restore", "status", {}, alice_).code(), 502);
 
   // Space is back: resuming resumes.
-  Setting("freeze_free_mb", "0");
+  tptest::AppendSetting("freeze_free_mb", "0");
   ExpectEmptySuccess(Call(kTidepool, "resume_freeze", {}, admin_));
   ASSERT_TRUE(tptest::Eventually([&] { return VersionCount(alice_, "/frozen.txt") == 1; }));
   answer = Call(kTidepool, "get_status", {}, alice_);

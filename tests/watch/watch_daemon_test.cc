@@ -23,29 +23,16 @@ using namespace rtest;
 
 namespace {
 
-constexpr const char* kControl = "/var/packages/Tidepool/target/bin/driftway-control";
-constexpr const char* kSetting = "/var/packages/Tidepool/etc/setting.conf";
-
-void Setting(const std::string& key, const std::string& value) {
-  std::ofstream(kSetting, std::ios::app) << key << "=\"" << value << "\"\n";
-}
-
-tptest::ProcessResult Control(const std::vector<std::string>& args) {
-  std::vector<std::string> argv = {kControl};
-  argv.insert(argv.end(), args.begin(), args.end());
-  return tptest::RunProcess(argv);
-}
-
 // The daemon has nothing waiting and no pass running.
 bool Idle() {
-  const auto status = Control({"service", "--status"});
+  const auto status = tptest::RunControl({"service", "--status"});
   return status.out.find("waiting: none") != std::string::npos &&
          status.out.find("versioning: none") != std::string::npos;
 }
 
 // How many versioning passes the daemon has run.
 unsigned long Passes() {
-  const std::string out = Control({"service", "--status"}).out;
+  const std::string out = tptest::RunControl({"service", "--status"}).out;
   const size_t at = out.find("passes: ");
   return at == std::string::npos ? 0 : std::stoul(out.substr(at + 8));
 }
@@ -69,12 +56,12 @@ class WatchDaemonTest : public ::testing::Test {
     ASSERT_TRUE(tptest::InSandbox());
     SeedRestoreWorld();
     BuildHistory(kAliceHome, {{kT0, {Entry("start.txt", "there before\n")}, {}}});
-    Setting("watch_quiet_ms", "300");
-    Setting("freeze_free_mb", "0");
-    ASSERT_EQ(Control({"service", "--start"}).exit_status, 0);
+    tptest::AppendSetting("watch_quiet_ms", "300");
+    tptest::AppendSetting("freeze_free_mb", "0");
+    ASSERT_EQ(tptest::RunControl({"service", "--start"}).exit_status, 0);
     alice_ = LoginAs("alice");
   }
-  void TearDown() override { Control({"service", "--stop"}); }
+  void TearDown() override { tptest::RunControl({"service", "--stop"}); }
 
   std::string alice_;
 };
@@ -214,7 +201,7 @@ TEST_F(WatchDaemonTest, ALongCopyIsVersionedAsItGoes) {
 
 TEST_F(WatchDaemonTest, AKilledDaemonCatchesUpWhenItStartsAgain) {
   ASSERT_TRUE(tptest::Eventually(Idle));
-  const auto status = Control({"service", "--status"});
+  const auto status = tptest::RunControl({"service", "--status"});
   const size_t at = status.out.find("pid ");
   ASSERT_NE(at, std::string::npos) << status.out;
   const pid_t pid = std::stoi(status.out.substr(at + 4));
@@ -222,12 +209,12 @@ TEST_F(WatchDaemonTest, AKilledDaemonCatchesUpWhenItStartsAgain) {
   ASSERT_TRUE(tptest::Eventually([&] { return kill(pid, 0) != 0; }));
   Write(kAliceHome + "/while-down.txt", "written while no daemon ran\n");
   Write(kAliceHome + "/start.txt", "changed while no daemon ran\n");
-  ASSERT_EQ(Control({"service", "--start"}).exit_status, 0);
+  ASSERT_EQ(tptest::RunControl({"service", "--start"}).exit_status, 0);
   ASSERT_TRUE(tptest::Eventually([&] {
     return VersionCount(alice_, "/while-down.txt") == 1 && VersionCount(alice_, "/start.txt") == 2;
   }));
   // A scan by hand meanwhile versions nothing twice.
-  ASSERT_EQ(Control({"scan"}).exit_status, 0);
+  ASSERT_EQ(tptest::RunControl({"scan"}).exit_status, 0);
   ASSERT_TRUE(tptest::Eventually(Idle));
   EXPECT_EQ(VersionCount(alice_, "/start.txt"), 2u);
 }
@@ -243,9 +230,11 @@ TEST_F(WatchDaemonTest, EnablingAShareThroughTheDaemonStartsItsWatch) {
                              {{"target", "@drop"}, {"path", "/fresh.txt"}}, admin);
     return answer.success() && answer.json["data"]["items"].size() == 1;
   }));
-  EXPECT_NE(Control({"service", "--status"}).out.find("/volume1/drop"), std::string::npos);
+  EXPECT_NE(tptest::RunControl({"service", "--status"}).out.find("/volume1/drop"),
+            std::string::npos);
   ASSERT_GE(SendUserControl(4, "drop", 0, 0, "", 0), 0);
-  EXPECT_EQ(Control({"service", "--status"}).out.find("/volume1/drop"), std::string::npos);
+  EXPECT_EQ(tptest::RunControl({"service", "--status"}).out.find("/volume1/drop"),
+            std::string::npos);
 }
 
 // With less free space than the threshold the service freezes: the web API
@@ -254,24 +243,25 @@ TEST_F(WatchDaemonTest, EnablingAShareThroughTheDaemonStartsItsWatch) {
 // waiting change is versioned.
 TEST_F(WatchDaemonTest, AVolumeShortOfSpaceFreezesTheServiceUntilSpaceIsBack) {
   ASSERT_TRUE(tptest::Eventually(Idle));
-  Control({"service", "--stop"});
-  Setting("freeze_free_mb", "1000000000");
-  ASSERT_EQ(Control({"service", "--start"}).exit_status, 0);
+  tptest::RunControl({"service", "--stop"});
+  tptest::AppendSetting("freeze_free_mb", "1000000000");
+  ASSERT_EQ(tptest::RunControl({"service", "--start"}).exit_status, 0);
   ASSERT_TRUE(tptest::Eventually([] {
-    return Control({"service", "--status"}).out.find("frozen") != std::string::npos;
+    return tptest::RunControl({"service", "--status"}).out.find("frozen") != std::string::npos;
   }));
   const auto status = Call("KSTX.Tidepool", "get_status", {}, alice_);
   EXPECT_TRUE(status.json["data"]["dftw_freeze"].asBool()) << status.body;
   Write(kAliceHome + "/frozen.txt", "written while frozen\n");
   // Its burst is over and it waits: not versioned.
   ASSERT_TRUE(tptest::Eventually([] {
-    return Control({"service", "--status"}).out.find("waiting: none") == std::string::npos;
+    return tptest::RunControl({"service", "--status"}).out.find("waiting: none") ==
+           std::string::npos;
   }));
   EXPECT_EQ(VersionCount(alice_, "/frozen.txt"), 0u);
 
-  Control({"service", "--stop"});
-  Setting("freeze_free_mb", "0");
-  ASSERT_EQ(Control({"service", "--start"}).exit_status, 0);
+  tptest::RunControl({"service", "--stop"});
+  tptest::AppendSetting("freeze_free_mb", "0");
+  ASSERT_EQ(tptest::RunControl({"service", "--start"}).exit_status, 0);
   ASSERT_TRUE(tptest::Eventually([&] { return VersionCount(alice_, "/frozen.txt") == 1; }));
   EXPECT_FALSE(
       Call("KSTX.Tidepool", "get_status", {}, alice_).json["data"]["dftw_freeze"].asBool());
@@ -311,15 +301,15 @@ TEST_F(WatchDaemonTest, AVolumeFillingUpDuringVersioningLeavesTheStoreSound) {
   Write("/volume2/cold/big.bin", tptest::RandomBytes(40 << 20, 7));
   ASSERT_TRUE(tptest::Eventually([&] { return Passes() > before && Idle(); }));
   EXPECT_EQ(versions("/big.bin"), 0u);
-  const auto check = Control({"check"});
+  const auto check = tptest::RunControl({"check"});
   EXPECT_EQ(check.exit_status, 0) << check.out << check.err;
 
   // Room again: the next change is versioned, the failed one with it.
   fs::remove("/volume2/cold/big.bin");
   Write("/volume2/cold/big.bin", tptest::RandomBytes(8 << 20, 8));
   ASSERT_TRUE(tptest::Eventually([&] { return versions("/big.bin") == 1; }));
-  EXPECT_EQ(Control({"check"}).exit_status, 0);
-  Control({"service", "--stop"});
+  EXPECT_EQ(tptest::RunControl({"check"}).exit_status, 0);
+  tptest::RunControl({"service", "--stop"});
 }
 
 }  // namespace
